@@ -1,0 +1,26 @@
+#pragma once
+
+#include <glib.h>
+
+namespace Zelmar {
+namespace Tools {
+
+// Every broken invariant in the library is reported in this log domain and aborts.
+constexpr char const* c_logDomain = "OrvandelDSP";
+
+[[noreturn]] void reportFailedAssertion(char const* file, int line, char const* function, char const* expression);
+
+} // namespace Tools
+} // namespace Zelmar
+
+// Reports the expression text, source file and function through GLib's assertion machinery, then aborts.
+#define ZELMAR_ASSERT(expr)                                                                              \
+    do {                                                                                                 \
+        if (G_LIKELY(expr)) {                                                                            \
+        } else {                                                                                         \
+            ::Zelmar::Tools::reportFailedAssertion(__FILE__, __LINE__, __PRETTY_FUNCTION__, #expr);     \
+        }                                                                                                \
+    } while (0)
+
+// Marks code that no valid input can reach ("code should not be reached").
+#define ZELMAR_UNREACHABLE() ::Zelmar::Tools::reportFailedAssertion(__FILE__, __LINE__, __PRETTY_FUNCTION__, nullptr)
