@@ -1,0 +1,79 @@
+#pragma once
+
+#include "base/String.h"
+#include "dsp/HiddenVolumeManager.h"
+#include "dsp/Module.h"
+
+#include <list>
+#include <map>
+#include <memory>
+
+namespace Zelmar {
+
+// The processing graph. Wires are kept as port-spec text ("moduleid[portnum]") until compile() turns
+// them into buffer bindings, decides which inputs run in place and sorts the modules by signal flow.
+// Building and compiling happen on the control thread; process() runs on the audio thread.
+class Chain
+{
+public:
+    using tModuleList = std::list<std::shared_ptr<Module>>;
+    using tWires = std::map<Tools::String, Tools::String>;
+
+    explicit Chain(unsigned int sampleRate);
+    Chain(unsigned int sampleRate, Tools::String const& path);
+    virtual ~Chain() = default;
+
+    void load(Tools::String const& path, bool compile);
+
+    std::shared_ptr<Module> addModule(Tools::String const& type, Tools::String const& id);
+    std::shared_ptr<Module> addStereoModule(Tools::String const& type, Tools::String const& id);
+    std::shared_ptr<Module> tryFindModule(Tools::String const& id) const;
+    std::shared_ptr<Module> findModule(Tools::String const& id) const;
+
+    void pullWire(Tools::String const& to, Tools::String const& from) { m_wires[to] = from; }
+    bool isExclusiveOutportUser(Tools::String const& to, Tools::String const& from) const;
+    std::shared_ptr<Module> parseWireModule(Tools::String const& spec) const;
+    unsigned int parseWirePort(Tools::String const& spec) const;
+
+    void compile();
+    void process();
+
+    void enableMeters(bool enable) { m_metersEnabled = enable; }
+    void allocateMeters();
+    // Printing switches metering on, so the first print of a chain shows zeros.
+    void printMeters() const;
+
+    static constexpr unsigned int getMaxNumFramesPerProcessCall() { return c_maxFramesPerProcessCall; }
+    unsigned int getSampleRate() const { return m_sampleRate; }
+    HiddenVolumeManager& getHiddenVolumeManager() { return m_hiddenVolumeManager; }
+    tModuleList const& getModules() const { return m_modules; }
+    tWires const& getWires() const { return m_wires; }
+
+    // Calls f for every module of the container that is a T.
+    template <class T, class Container, class F>
+    static void forModule(Container const& modules, F&& f)
+    {
+        for (auto const& module : modules) {
+            if (dynamic_cast<T*>(module.get()))
+                f(module);
+        }
+    }
+
+private:
+    static constexpr unsigned int c_maxFramesPerProcessCall = 1280;
+
+    void replaceShortcutWires();
+    void wireModules();
+    void reorderModulesToSignalFlow();
+    using tFeeders = std::map<Module*, std::vector<std::shared_ptr<Module>>>;
+    static std::shared_ptr<Module> findUncompiledModuleWithoutOutputs(tModuleList const& modules);
+    void addModulesSortedBySignalFlow(std::shared_ptr<Module> const& module, tFeeders const& feeders);
+
+    HiddenVolumeManager m_hiddenVolumeManager;
+    unsigned int m_sampleRate;
+    tModuleList m_modules;
+    tWires m_wires;
+    mutable bool m_metersEnabled = false;
+};
+
+} // namespace Zelmar

@@ -1,0 +1,65 @@
+#pragma once
+
+#include "base/MainLoopCallback.h"
+#include "base/Signal.h"
+#include "dsp/AlsaAudioBuffersWrapperBase.h"
+#include "dsp/Module.h"
+
+#include <atomic>
+#include <functional>
+#include <vector>
+
+namespace Zelmar {
+
+// The chain's sink: writes its inputs, in "interleave-pattern" order, to the host's playback channels
+// and applies the output mute as a 100 ms fade. Play requests (the host's unmute and every sounding
+// system sound) keep it open; each change between none and some is announced on the main loop.
+class OutputStage : public Module
+{
+public:
+    explicit OutputStage(Tools::String const& id);
+    ~OutputStage() override = default;
+
+    void setOutput(AlsaAudioBuffersWrapperBase* output) { m_output = output; }
+
+    void setParameters(Parameters const& parameters, unsigned int sampleRate) override;
+    unsigned int getNumOutPorts() const override { return 0; }
+    unsigned int getNumInPorts() const override { return static_cast<unsigned int>(m_interleavePattern.size()); }
+    void process() override;
+
+    // Silent at once, without a fade: for the host's start-up.
+    void initialMute() { m_gain = c_silent; }
+    void setMute(bool mute);
+    void incPlayRequests();
+    void decPlayRequests();
+    bool hasPlayRequests() const;
+    bool isMuting() const { return m_gain == c_silent; }
+    tSample getTargetGain() const { return hasPlayRequests() ? c_fullLevel : c_silent; }
+    bool isFading() const { return m_gain.toFloat() != getTargetGain().toFloat(); }
+
+    // The handler gets true for muted, false for audible; it stays connected while the connection lives.
+    Tools::Connection connectHandlerForMuteChanges(std::function<void(bool)> handler) const;
+
+private:
+    void signalMuteStateChange();
+    void calcGainChangeIncrements(unsigned int sampleRate);
+    void renderGain();
+    void silenceFrom(unsigned int firstFrame, unsigned int frames, unsigned int numChannels);
+
+    // The gain lives in an offset domain, 1.0 silent to 2.0 full level, so that repeated
+    // multiplication by 2^(1/steps) or 0.5^(1/steps) lands on either end in the same number of frames.
+    static const tSample c_silent;
+    static const tSample c_fullLevel;
+
+    AlsaAudioBuffersWrapperBase* m_output = nullptr;
+    std::vector<int32_t> m_interleavePattern;
+    tSample m_gain = c_fullLevel;
+    tSample m_gainDecrement = tSample::s_Zero;
+    tSample m_gainIncrement = tSample::s_Zero;
+    bool m_mute = true;
+    std::atomic<int32_t> m_playRequests{0};
+    mutable Tools::Signal<void(bool)> m_muteChangeSignal;
+    Tools::MainLoopCallback m_muteChangeCallback;
+};
+
+} // namespace Zelmar
