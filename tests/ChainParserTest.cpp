@@ -1,0 +1,94 @@
+#include "dsp/ChainParser.h"
+
+#include "dsp/Chain.h"
+#include "dsp/ParsingException.h"
+#include "dsp/StereoWrapper.h"
+
+#include <fstream>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+using namespace Zelmar;
+
+namespace {
+
+class ConfigFile
+{
+public:
+    explicit ConfigFile(std::string const& text)
+    {
+        char name[] = "/tmp/orvandeldsp-config-XXXXXX";
+        int const fd = mkstemp(name);
+        close(fd);
+        m_path = name;
+        std::ofstream(m_path) << text;
+    }
+    ~ConfigFile() { unlink(m_path.c_str()); }
+    Tools::String path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+} // namespace
+
+TEST(ChainParserTest, ParametersAreCollectedPerModuleAndAppliedAfterTheWholeFile)
+{
+    ConfigFile config(R"(<anything>
+      <parameter id="stray">1</parameter>
+      <module type="input" id="in"/>
+      <unknown><module type="output" id="out">
+        <parameter id="interleave-pattern" type="string">0</parameter>
+        <parameter id="interleave-pattern">10</parameter>
+        <parameter id="note"> spaced </parameter>
+      </module></unknown>
+      <cable out="in[0]" in="late[0]"/>
+      <module type="meter" id="late"/>
+      <cable out="in[1]" in="out[0]"/>
+      <cable out="in[0]" in="out[1]"/>
+    </anything>)");
+    Chain chain(44100);
+    chain.load(config.path(), false);
+    EXPECT_EQ(chain.getModules().size(), 3u);
+    auto const& out = chain.findModule("out")->getParameters();
+    EXPECT_EQ(out.getString("interleave-pattern"), "10");
+    EXPECT_EQ(out.getString("note"), " spaced ");
+    EXPECT_TRUE(out.getString("stray").empty());
+    EXPECT_EQ(chain.findModule("in")->getSampleRate(), 44100u) << "a module without parameters still gets a set";
+    EXPECT_EQ(chain.getWires().at("late[0]"), "in[0]");
+    chain.compile();
+    EXPECT_EQ(chain.findModule("out")->getNumInPorts(), 2u);
+}
+
+TEST(ChainParserTest, StereoModulesAreWrappedAndAFileMayStopInsideAnElement)
+{
+    ConfigFile config(R"(<dsp><stereo-module type="meter" id="levels"><parameter id="x">1</parameter>
+      </stereo-module><module type="input" id="in"/><cable out="in" in="levels"/>)");
+    Chain chain(48000, config.path());
+    auto wrapper = std::dynamic_pointer_cast<StereoWrapper>(chain.findModule("levels"));
+    ASSERT_TRUE(wrapper);
+    EXPECT_EQ(wrapper->getRight()->getParameters().getString("x"), "1");
+    EXPECT_EQ(chain.getModules().front()->getID(), "in");
+}
+
+TEST(ChainParserTest, ChainFaultsRaisedInsideTheParserReachTheCaller)
+{
+    ConfigFile config(R"(<dsp><module type="equaliser" id="eq"/></dsp>)");
+    Chain chain(48000);
+    try {
+        chain.load(config.path(), true);
+        FAIL();
+    } catch (ParsingException const& e) {
+        EXPECT_EQ(e.getMessage(), "Module type equaliser not found in module factory");
+    }
+    ConfigFile badNumber(R"(<dsp><module type="output" id="o"><parameter id="interleave-pattern">0x</parameter>
+      </module></dsp>)");
+    EXPECT_THROW(Chain(48000, badNumber.path()), std::invalid_argument);
+}
+
+TEST(ChainParserDeathTest, UnreadableOrMalformedFilesEndTheProcess)
+{
+    EXPECT_DEATH(Chain(48000, "/nonexistent/dsp.xml"), "Could not open dsp config file: ");
+    ConfigFile broken("<dsp><module type=\"input\" id=\"in\"></dsp>");
+    EXPECT_DEATH(Chain(48000, broken.path()), "Could not parse dsp config file: ");
+}
