@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(
-  cmake g++ pkg-config
+  cmake g++ clang pkg-config
   libglib2.0-dev libglib2.0-dev-bin libasound2-dev libflac-dev libsndfile1-dev
   graphviz dbus flac
   googletest libgtest-dev libgmock-dev libbenchmark-dev

@@ -7,3 +7,7 @@ scripts/install-deps.sh
 cmake -S . -B build-test -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVANDELDSP_WERROR=ON
 cmake --build build-test -j "$(nproc)"
 ctest --test-dir build-test --output-on-failure -j "$(nproc)"
+
+# The library must also build warning-free with clang.
+CC=clang CXX=clang++ cmake -S . -B build-clang -DORVANDELDSP_WERROR=ON -DORVANDELDSP_BUILD_BENCHMARKS=OFF
+cmake --build build-clang -j "$(nproc)"

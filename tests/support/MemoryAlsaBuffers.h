@@ -8,7 +8,7 @@ namespace Zelmar {
 namespace Testing {
 
 // Host period buffers held in memory, one sample vector per channel, for driving stages in tests.
-class MemoryAlsaChannel : public AlsaChannel
+class MemoryAlsaChannel final : public AlsaChannel
 {
 public:
     void setSample(unsigned int frame, tSample const& value) override { samples[frame] = value; }
