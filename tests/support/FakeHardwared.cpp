@@ -1,0 +1,165 @@
+#include "tests/support/FakeHardwared.h"
+
+#include "base/HardwaredClient.h"
+#include "tests/support/MainLoop.h"
+
+#include <stdexcept>
+
+namespace Zelmar {
+namespace Testing {
+
+namespace {
+
+constexpr char const* c_busName = "com.orvandel.Hardwared";
+constexpr char const* c_objectPath = "/com/orvandel/Hardwared";
+constexpr char const* c_interfaceName = "com.orvandel.Hardwared";
+
+GDBusNodeInfo* loadInterfaceXml()
+{
+    std::string const path = std::string(PROJECT_SOURCE_DIR) + "/dbus/com.orvandel.Hardwared.xml";
+    gchar* xml = nullptr;
+    GError* error = nullptr;
+    GDBusNodeInfo* info = nullptr;
+    if (g_file_get_contents(path.c_str(), &xml, nullptr, &error))
+        info = g_dbus_node_info_new_for_xml(xml, &error);
+    g_free(xml);
+    if (!info) {
+        std::string const message = path + ": " + error->message;
+        g_error_free(error);
+        throw std::runtime_error(message);
+    }
+    return info;
+}
+
+} // namespace
+
+FakeHardwared::FakeHardwared(PrivateDbus const& bus) : m_connection(bus.connect())
+{
+    static GDBusInterfaceVTable const vtable = {
+        &FakeHardwared::onMethodCall, &FakeHardwared::onGetProperty, nullptr, {}};
+    m_introspection = loadInterfaceXml();
+    GDBusInterfaceInfo* interface = g_dbus_node_info_lookup_interface(m_introspection, c_interfaceName);
+    GError* error = nullptr;
+    if (interface)
+        m_registrationId = g_dbus_connection_register_object(m_connection, c_objectPath, interface, &vtable,
+                                                             this, nullptr, &error);
+    if (!m_registrationId) {
+        std::string const message = error ? error->message : "interface missing from the XML";
+        g_clear_error(&error);
+        g_dbus_node_info_unref(m_introspection);
+        g_object_unref(m_connection);
+        throw std::runtime_error(std::string("cannot export ") + c_interfaceName + ": " + message);
+    }
+}
+
+FakeHardwared::~FakeHardwared()
+{
+    if (m_ownerId)
+        g_bus_unown_name(m_ownerId);
+    g_dbus_connection_unregister_object(m_connection, m_registrationId);
+    g_dbus_connection_close_sync(m_connection, nullptr, nullptr);
+    g_object_unref(m_connection);
+    g_dbus_node_info_unref(m_introspection);
+}
+
+void FakeHardwared::ownName()
+{
+    m_ownerId = g_bus_own_name_on_connection(
+        m_connection, c_busName, G_BUS_NAME_OWNER_FLAGS_NONE,
+        [](GDBusConnection*, gchar const*, gpointer self) {
+            static_cast<FakeHardwared*>(self)->m_ownsName = true;
+        },
+        [](GDBusConnection*, gchar const*, gpointer self) {
+            static_cast<FakeHardwared*>(self)->m_ownsName = false;
+        },
+        this, nullptr);
+    if (!runMainLoopUntil([this] { return m_ownsName; }))
+        throw std::runtime_error(std::string("the private bus did not give the fake daemon ") + c_busName);
+}
+
+void FakeHardwared::releaseName()
+{
+    g_bus_unown_name(m_ownerId);
+    m_ownerId = 0;
+    m_ownsName = false;
+    // The bus confirms by telling us the name has no owner any more.
+    GVariant* reply = g_dbus_connection_call_sync(
+        m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameHasOwner",
+        g_variant_new("(s)", c_busName), G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+    gboolean owned = TRUE;
+    if (reply) {
+        g_variant_get(reply, "(b)", &owned);
+        g_variant_unref(reply);
+    }
+    if (owned)
+        throw std::runtime_error(std::string("the fake daemon could not release ") + c_busName);
+}
+
+void FakeHardwared::setVolume(double volume)
+{
+    m_volume = volume;
+    GVariantBuilder changed;
+    g_variant_builder_init(&changed, G_VARIANT_TYPE_VARDICT);
+    g_variant_builder_add(&changed, "{sv}", "volume", g_variant_new_double(volume));
+    g_dbus_connection_emit_signal(
+        m_connection, nullptr, c_objectPath, "org.freedesktop.DBus.Properties", "PropertiesChanged",
+        g_variant_new("(sa{sv}@as)", c_interfaceName, &changed, g_variant_new_strv(nullptr, 0)), nullptr);
+}
+
+void FakeHardwared::failCallsWith(std::string const& errorName, std::string const& message)
+{
+    m_errorName = errorName;
+    m_errorMessage = message;
+}
+
+void FakeHardwared::onMethodCall(GDBusConnection*, gchar const*, gchar const*, gchar const*, gchar const*,
+                                 GVariant* parameters, GDBusMethodInvocation* invocation, gpointer self)
+{
+    auto* daemon = static_cast<FakeHardwared*>(self);
+    // SetHiddenVolumeDelta is the only method, and GDBus has checked the argument types against the XML.
+    double delta = 0.0;
+    g_variant_get(parameters, "(d)", &delta);
+    daemon->m_receivedDeltas.push_back(delta);
+    if (daemon->m_errorName.empty())
+        g_dbus_method_invocation_return_value(invocation, nullptr);
+    else
+        g_dbus_method_invocation_return_dbus_error(invocation, daemon->m_errorName.c_str(),
+                                                   daemon->m_errorMessage.c_str());
+}
+
+GVariant* FakeHardwared::onGetProperty(GDBusConnection*, gchar const*, gchar const*, gchar const*,
+                                       gchar const*, GError**, gpointer self)
+{
+    // "volume" is the interface's only property, and GDBus lets through only what the XML declares.
+    return g_variant_new_double(static_cast<FakeHardwared*>(self)->m_volume);
+}
+
+HardwaredBusTest::HardwaredBusTest()
+{
+    HardwaredClient::reset();
+    HardwaredClient::get();
+}
+
+void HardwaredBusTest::TearDown()
+{
+    // Replies still on their way reach the client before the daemon's name is gone, so they are
+    // handled in this test rather than failing as "connection closed" inside the next one.
+    if (!HardwaredClient::get().isConnected())
+        return;
+    m_daemon.releaseName();
+    EXPECT_TRUE(runMainLoopUntil([] { return !HardwaredClient::get().isConnected(); }));
+}
+
+HardwaredBusTest::~HardwaredBusTest()
+{
+    HardwaredClient::reset();
+}
+
+void HardwaredBusTest::bringUpDaemon()
+{
+    m_daemon.ownName();
+    ASSERT_TRUE(runMainLoopUntil([] { return HardwaredClient::get().isConnected(); }));
+}
+
+} // namespace Testing
+} // namespace Zelmar
