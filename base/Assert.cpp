@@ -12,5 +12,13 @@ void reportFailedAssertion(char const* file, int line, char const* function, cha
     abort();
 }
 
+void reportFailedComparison(char const* file, int line, char const* function, char const* expression,
+                            unsigned long long a, char const* comparison, unsigned long long b)
+{
+    g_assertion_message_cmpnum(c_logDomain, file, line, function, expression, static_cast<long double>(a),
+                               comparison, static_cast<long double>(b), 'i');
+    abort();
+}
+
 } // namespace Tools
 } // namespace Zelmar

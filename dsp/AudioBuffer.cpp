@@ -101,11 +101,11 @@ void AudioBuffer::copyFrom(AudioBuffer const* other)
     m_samples.assign(other->m_samples.begin(), other->m_samples.end());
 }
 
-void AudioBuffer::add(std::shared_ptr<AudioBuffer const> other)
+void AudioBuffer::add(AudioBuffer const& other)
 {
-    assertSameLength(getNumSampleFrames(), other->getNumSampleFrames());
+    assertSameLength(getNumSampleFrames(), other.getNumSampleFrames());
     for (unsigned int i = 0; i < m_samples.size(); ++i)
-        m_samples[i] += other->m_samples[i];
+        m_samples[i] += other.m_samples[i];
 }
 
 void AudioBuffer::renderToStereoInterleaved(tSample* out) const

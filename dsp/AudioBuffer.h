@@ -38,8 +38,10 @@ public:
 
     void copyFrom(AudioBuffer const* other);
     void copyFrom(std::shared_ptr<AudioBuffer const> other) { copyFrom(other.get()); }
-    void add(std::shared_ptr<AudioBuffer const> other);
-    void swap(std::shared_ptr<AudioBuffer> other) { m_samples.swap(other->m_samples); }
+    void add(std::shared_ptr<AudioBuffer const> other) { add(*other); }
+    void add(AudioBuffer const& other);
+    void swap(std::shared_ptr<AudioBuffer> other) { swap(*other); }
+    void swap(AudioBuffer& other) { m_samples.swap(other.m_samples); }
     void renderToStereoInterleaved(tSample* out) const;
 
 private:

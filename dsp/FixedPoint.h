@@ -52,6 +52,13 @@ public:
     {
         return FixedPoint(static_cast<tFundamental>(static_cast<uint32_t>(a.m_value) - static_cast<uint32_t>(b.m_value)));
     }
+    // Quotient of the two values in this format: the dividend widened to 64 bits and scaled by
+    // 2^post_comma, divided with truncation toward zero, low 32 bits kept (wraps when it does not fit).
+    friend FixedPoint operator/(FixedPoint a, FixedPoint b)
+    {
+        tWide const scaled = static_cast<tWide>(a.m_value) * (static_cast<tWide>(1) << post_comma);
+        return FixedPoint(static_cast<tFundamental>(static_cast<uint32_t>(scaled / static_cast<tWide>(b.m_value))));
+    }
     FixedPoint operator-() const { return s_Zero - *this; }
     FixedPoint& operator*=(FixedPoint other) { return *this = *this * other; }
     FixedPoint& operator+=(FixedPoint other) { return *this = *this + other; }

@@ -1,8 +1,16 @@
 #include "dsp/ModuleFactory.h"
 
+#include "dsp/ClipGuard.h"
+#include "dsp/Delay.h"
+#include "dsp/Gain.h"
 #include "dsp/InputStage.h"
+#include "dsp/Limiter.h"
 #include "dsp/Meter.h"
+#include "dsp/Mixer.h"
 #include "dsp/OutputStage.h"
+#include "dsp/PatchBay.h"
+#include "dsp/PhaseInversion.h"
+#include "dsp/Switch.h"
 
 namespace Zelmar {
 
@@ -15,9 +23,17 @@ ModuleFactory& ModuleFactory::get()
 // The one table of creatable types, in the order the type names are documented.
 ModuleFactory::ModuleFactory()
 {
+    registerModule<ClipGuard>("clipguard");
+    registerModule<Delay>("delay");
+    registerModule<Gain>("gain");
     registerModule<InputStage>("input");
+    registerModule<Limiter>("limiter");
     registerModule<Meter>("meter");
+    registerModule<Mixer>("mixer");
     registerModule<OutputStage>("output");
+    registerModule<PatchBay>("patchbay");
+    registerModule<PhaseInversion>("phase-invert");
+    registerModule<Switch>("switch");
 }
 
 Module* ModuleFactory::createModule(Tools::String const& type, Tools::String const& id) const

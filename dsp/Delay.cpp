@@ -1,0 +1,54 @@
+#include "dsp/Delay.h"
+
+namespace Zelmar {
+
+uint32_t Delay::calcDelayFrames(unsigned int sampleRate, int microseconds)
+{
+    uint32_t const product = static_cast<uint32_t>(sampleRate) * static_cast<uint32_t>(microseconds);
+    return product / 1000000u;
+}
+
+uint32_t Delay::calcRingSize(uint32_t frames)
+{
+    for (int bit = 30; bit >= 0; --bit) {
+        if (frames & (1u << bit))
+            return 1u << (bit + 1);
+    }
+    return 1;
+}
+
+void Delay::setParameters(Parameters const& parameters, unsigned int sampleRate)
+{
+    Module::setParameters(parameters, sampleRate);
+    uint32_t const frames = calcDelayFrames(sampleRate, parameters.getInt("delay"));
+    uint32_t const size = calcRingSize(frames);
+    m_mask = size - 1;
+    // Existing samples are kept (the line is not cleared); only new elements start at zero.
+    m_ring.resize(size);
+    m_writeIndex = frames;
+    m_readIndex = 0;
+}
+
+void Delay::process()
+{
+    AudioBuffer const* in = &inBuffer(0);
+    AudioBuffer* out = &outBuffer(0);
+    out->setSize(in->getNumSampleFrames());
+    ZELMAR_ASSERT(out->getNumSampleFrames() >= in->getNumSampleFrames());
+    if (m_ring.empty()) {
+        out->silence();
+        return;
+    }
+
+    tSample const* input = in->getRawData();
+    tSample* output = out->getRawData();
+    tSample* ring = m_ring.data();
+    unsigned int const n = in->getNumSampleFrames();
+    // Write before read, so a delay of 0 frames passes the input through; in-place safe per sample.
+    for (unsigned int i = 0; i < n; ++i) {
+        ring[m_writeIndex++ & m_mask] = input[i];
+        output[i] = ring[m_readIndex++ & m_mask];
+    }
+}
+
+} // namespace Zelmar

@@ -1,0 +1,48 @@
+#include "dsp/Limiter.h"
+
+#include <cmath>
+
+namespace Zelmar {
+
+void Limiter::setParameters(Parameters const& params, unsigned int sampleRate)
+{
+    Module::setParameters(params, sampleRate);
+    double const attackMs = params.getDouble("attack");
+    double const releaseMs = params.getDouble("release");
+    double const thresholdDb = params.getDouble("threshold");
+    // Same six-decibels-per-doubling rule as the gain stage; 24 dB or more does not fit and asserts.
+    m_threshold = tSample(std::pow(2.0, thresholdDb / 6.0));
+    m_attackCoefficient = calcCoefficient(attackMs, sampleRate);
+    m_releaseCoefficient = calcCoefficient(releaseMs, sampleRate);
+}
+
+tSample Limiter::calcCoefficient(double ms, unsigned int sampleRate)
+{
+    // Goes through float on the way to Q4.27, which is what fixes the exact coefficient bits.
+    return tSample(std::pow(0.01, 1.0 / (ms * sampleRate * 0.001)));
+}
+
+void Limiter::process()
+{
+    AudioBuffer const* in = &inBuffer(0);
+    AudioBuffer* out = &outBuffer(0);
+    out->setSize(in->getNumSampleFrames());
+    ZELMAR_ASSERT(out->getNumSampleFrames() >= in->getNumSampleFrames());
+
+    tSample const* input = in->getRawData();
+    tSample* output = out->getRawData();
+    unsigned int const n = in->getNumSampleFrames();
+    tSample envelope = m_envelope;
+    for (unsigned int i = 0; i < n; ++i) {
+        tSample const x = input[i];
+        // Wrapping absolute value: -16.0 stays negative and then never exceeds the threshold.
+        tSample const a = x < tSample::s_Zero ? -x : x;
+        tSample const c = envelope < a ? m_attackCoefficient : m_releaseCoefficient;
+        envelope = a + c * (envelope - a);
+        // The threshold is never negative, so an envelope above it is positive and a safe divisor.
+        output[i] = m_threshold < envelope ? (x * m_threshold) / envelope : x;
+    }
+    m_envelope = envelope;
+}
+
+} // namespace Zelmar

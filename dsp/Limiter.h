@@ -1,0 +1,37 @@
+#pragma once
+
+#include "dsp/Module.h"
+
+namespace Zelmar {
+
+// Peak limiter: a one-pole envelope follower and a gain computed per sample from it, no look-ahead,
+// so peaks faster than the attack pass partly above the threshold.
+class Limiter : public Module
+{
+public:
+    explicit Limiter(Tools::String const& id) : Module(id) {}
+    ~Limiter() override = default;
+
+    // "attack" and "release" in ms (99 % of a rise or fall), "threshold" in dB at six per doubling.
+    void setParameters(Parameters const& params, unsigned int sampleRate) override;
+    unsigned int getNumOutPorts() const override { return 1; }
+    unsigned int getNumInPorts() const override { return 1; }
+    void process() override;
+
+    tSample getAttackCoefficient() const { return m_attackCoefficient; }
+    tSample getReleaseCoefficient() const { return m_releaseCoefficient; }
+    tSample getThreshold() const { return m_threshold; }
+
+    // Weight of the old envelope per sample for a time of `ms`; 0 ms follows the signal at once.
+    static tSample calcCoefficient(double ms, unsigned int sampleRate);
+
+private:
+    tSample m_attackCoefficient;
+    tSample m_releaseCoefficient;
+    // Stays 0 until configured, which makes an unconfigured limiter silent.
+    tSample m_threshold;
+    // Carried across periods and parameter changes.
+    tSample m_envelope;
+};
+
+} // namespace Zelmar

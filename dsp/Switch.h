@@ -1,0 +1,28 @@
+#pragma once
+
+#include "dsp/Module.h"
+
+namespace Zelmar {
+
+// Passes one of two inputs; a change of port takes effect at the next period, without crossfade.
+class Switch : public Module
+{
+public:
+    explicit Switch(Tools::String const& id) : Module(id) {}
+    ~Switch() override = default;
+
+    // "selected-port": out-of-range values, negative ones included, select the last port.
+    void setParameters(Parameters const& parameters, unsigned int sampleRate) override;
+    unsigned int getNumOutPorts() const override { return 1; }
+    unsigned int getNumInPorts() const override { return 2; }
+    void process() override;
+
+    int getSelectedPort() const { return m_selectedPort; }
+    // Unchecked: the clamp lives in setParameters.
+    void setSelectedPort(int port) { m_selectedPort = port; }
+
+private:
+    int32_t m_selectedPort = 0;
+};
+
+} // namespace Zelmar
