@@ -1,6 +1,7 @@
 #include "dsp/Chain.h"
 #include "base/Tracer.h"
 
+#include "dsp/Gain.h"
 #include "dsp/InputStage.h"
 #include "dsp/Meter.h"
 #include "dsp/ModuleFactory.h"
@@ -36,9 +37,9 @@ Tools::String parsingMessage(F&& f)
 
 } // namespace
 
-TEST(ChainTest, DefaultConfigPassesAudioFromInputToOutput)
+TEST(ChainTest, PassesAudioFromInputToOutput)
 {
-    Chain chain(48000, PROJECT_SOURCE_DIR "/configs/default.xml");
+    Chain chain(48000, TEST_SOURCE_DIR "/data/passthrough.xml");
     Testing::MemoryAlsaBuffers capture(2), playback(2);
     std::dynamic_pointer_cast<InputStage>(chain.findModule("in"))->setInput(&capture);
     auto output = std::dynamic_pointer_cast<OutputStage>(chain.findModule("out"));
@@ -106,7 +107,7 @@ TEST(ChainTest, OutputReadByTwoInputsIsExclusiveToNeither)
 
 TEST(ChainTest, PrintingMetersSwitchesMeteringOnAndReportsAMutedOutput)
 {
-    Chain chain(48000, PROJECT_SOURCE_DIR "/configs/default.xml");
+    Chain chain(48000, TEST_SOURCE_DIR "/data/passthrough.xml");
     Testing::MemoryAlsaBuffers capture(2), playback(2);
     std::dynamic_pointer_cast<InputStage>(chain.findModule("in"))->setInput(&capture);
     auto output = std::dynamic_pointer_cast<OutputStage>(chain.findModule("out"));
@@ -150,4 +151,30 @@ TEST(ChainDeathTest, ModuleLeadingToNoSinkFailsCompilation)
     chain.addModule("input", "orphan");
     chain.addModule("meter", "m");
     EXPECT_DEATH(chain.compile(), "countOfModules == m_modules.size\\(\\)");
+}
+
+TEST(ChainTest, ExclusiveInputsRunInPlaceSharedOutputsDoNot)
+{
+    Chain chain(48000);
+    chain.addModule("output", "out")->setParameters(Parameters{{"interleave-pattern", "01"}}, 48000);
+    auto solo = chain.addModule("gain", "solo");
+    auto shared = chain.addModule("gain", "shared");
+    auto in = chain.addModule("input", "in");
+    chain.pullWire("solo[0]", "in[0]");
+    chain.pullWire("shared[0]", "in[1]");
+    chain.pullWire("m[0]", "in[1]");
+    chain.addModule("meter", "m");
+    chain.pullWire("out[0]", "solo[0]");
+    chain.pullWire("out[1]", "shared[0]");
+    chain.compile();
+    EXPECT_EQ(idsInOrder(chain), (std::vector<Tools::String>{"in", "solo", "shared", "out", "m"}));
+    EXPECT_EQ(solo->getOutPortBuffer(0), in->getOutPortBuffer(0));
+    EXPECT_NE(shared->getOutPortBuffer(0), in->getOutPortBuffer(1));
+
+    int gains = 0;
+    Chain::forModule<Gain>(chain.getModules(), [&](std::shared_ptr<Module> const& module) {
+        EXPECT_EQ(module->getType(), "gain");
+        ++gains;
+    });
+    EXPECT_EQ(gains, 2);
 }
