@@ -52,6 +52,12 @@ public:
     {
         return FixedPoint(static_cast<tFundamental>(static_cast<uint32_t>(a.m_value) - static_cast<uint32_t>(b.m_value)));
     }
+    // Quotient of the words widened to 64 bits; rounds toward zero. A zero divisor is undefined.
+    friend FixedPoint operator/(FixedPoint a, FixedPoint b)
+    {
+        tWide const numerator = static_cast<tWide>(a.m_value) * (tWide(1) << post_comma);
+        return FixedPoint(static_cast<tFundamental>(numerator / static_cast<tWide>(b.m_value)));
+    }
     FixedPoint operator-() const { return s_Zero - *this; }
     FixedPoint& operator*=(FixedPoint other) { return *this = *this * other; }
     FixedPoint& operator+=(FixedPoint other) { return *this = *this + other; }

@@ -4,6 +4,7 @@
 #include "dsp/Meter.h"
 #include "dsp/OutputStage.h"
 #include "dsp/Resampler.h"
+#include "dsp/TimeStretcher.h"
 
 namespace Zelmar {
 
@@ -20,6 +21,7 @@ ModuleFactory::ModuleFactory()
     registerModule<Meter>("meter");
     registerModule<OutputStage>("output");
     registerModule<Resampler>("resampler");
+    registerModule<TimeStretcher>("timestretcher");
 }
 
 Module* ModuleFactory::createModule(Tools::String const& type, Tools::String const& id) const
