@@ -10,6 +10,7 @@ namespace Zelmar {
 namespace {
 
 constexpr double c_keep = 0.95;
+constexpr double c_gain = 0.05;
 constexpr double c_threshold = 0.5;
 constexpr std::chrono::milliseconds c_logPeriod{250};
 
@@ -68,7 +69,7 @@ int TimeStretchingDriftCompensator::setFrameDelta(int delta)
 void TimeStretchingDriftCompensator::adjustTimestretchFilter(int delta)
 {
     int const sign = (delta > 0) - (delta < 0);
-    m_filteredDelta = c_keep * m_filteredDelta + (1.0 - c_keep) * sign;
+    m_filteredDelta = c_keep * m_filteredDelta + c_gain * sign;
 }
 
 TimeStretcher::TaskForNextBuffer TimeStretchingDriftCompensator::getTaskForNextBuffer() const

@@ -1,9 +1,6 @@
 #include "dsp/TimeStretcher.h"
 
-#include "dsp/Chain.h"
-#include "dsp/InputStage.h"
-#include "dsp/StereoWrapper.h"
-#include "support/MemoryAlsaBuffers.h"
+#include "support/StretcherChain.h"
 
 #include <gtest/gtest.h>
 
@@ -12,65 +9,6 @@
 using namespace Zelmar;
 
 namespace {
-
-// in[0] -> stretcher -> meter; a stereo rig wraps the stretcher and feeds both channels through it.
-class StretcherChain
-{
-public:
-    explicit StretcherChain(bool stereo) : m_chain(48000)
-    {
-        m_chain.addModule("input", "in");
-        auto const module = stereo ? m_chain.addStereoModule("timestretcher", "ts")
-                                   : m_chain.addModule("timestretcher", "ts");
-        m_chain.addModule("meter", "m0");
-        m_chain.addModule("meter", "m1");
-        m_chain.pullWire("ts[0]", "in[0]");
-        m_chain.pullWire("m0[0]", "ts[0]");
-        if (stereo) {
-            m_chain.pullWire("ts[1]", "in[1]");
-            m_chain.pullWire("m1[0]", "ts[1]");
-            auto const wrapper = std::dynamic_pointer_cast<StereoWrapper>(module);
-            m_stretchers = {std::dynamic_pointer_cast<TimeStretcher>(wrapper->getLeft()),
-                            std::dynamic_pointer_cast<TimeStretcher>(wrapper->getRight())};
-        } else {
-            m_chain.pullWire("m1[0]", "in[1]");
-            m_stretchers = {std::dynamic_pointer_cast<TimeStretcher>(module)};
-        }
-        m_module = module;
-        m_chain.compile();
-        std::dynamic_pointer_cast<InputStage>(m_chain.findModule("in"))->setInput(&m_capture);
-    }
-
-    std::vector<tSample> run(std::vector<tSample> const& period, TimeStretcher::TaskForNextBuffer task)
-    {
-        for (auto& stretcher : m_stretchers)
-            stretcher->setTaskForNextBuffer(task);
-        return run(period);
-    }
-
-    std::vector<tSample> run(std::vector<tSample> const& period)
-    {
-        m_capture.getChannel(0).setPeriod(period);
-        m_capture.getChannel(1).setPeriod(period);
-        m_chain.process();
-        return output(0);
-    }
-
-    std::vector<tSample> output(unsigned int port) const
-    {
-        AudioBuffer const& out = *m_module->getOutPort(port);
-        return std::vector<tSample>(out.getRawData(), out.getRawData() + out.getNumSampleFrames());
-    }
-
-    TimeStretcher& stretcher(unsigned int i = 0) { return *m_stretchers[i]; }
-    Module& module() { return *m_module; }
-
-private:
-    Chain m_chain;
-    Testing::MemoryAlsaBuffers m_capture{2};
-    std::shared_ptr<Module> m_module;
-    std::vector<std::shared_ptr<TimeStretcher>> m_stretchers;
-};
 
 std::vector<tSample> samples(std::vector<double> const& values)
 {
@@ -92,10 +30,10 @@ std::vector<tSample> raw(std::vector<int32_t> const& values)
 
 TEST(TimeStretcherTest, ChangesOneFrameWhereTheStepIsSmallest)
 {
-    StretcherChain rig(false);
+    Testing::StretcherChain rig("ts", false);
     auto const input = samples({0, 5, 5, 9});
     rig.run(input);
-    EXPECT_EQ(rig.stretcher().findSmallestChangeInBuffer(), 2u);
+    EXPECT_EQ(rig.stretchers[0]->findSmallestChangeInBuffer(), 2u);
     EXPECT_EQ(rig.run(input, TimeStretcher::Skip), samples({0, 5, 9}));
     EXPECT_EQ(rig.run(input, TimeStretcher::Stretch), samples({0, 5, 5, 5, 9}));
     // The order is used up by the period it changed.
@@ -110,24 +48,24 @@ TEST(TimeStretcherTest, ChangesOneFrameWhereTheStepIsSmallest)
 
     EXPECT_EQ(rig.run(samples({1, 2}), TimeStretcher::Skip), samples({1}));
     EXPECT_EQ(rig.run(samples({1, 2}), TimeStretcher::Stretch), samples({1, 1.5, 2}));
-    EXPECT_EQ(rig.stretcher().getNumSamplesProduced(), 4u + 3 + 5 + 4 + 4 + 3 + 3 + 1 + 3);
-    rig.stretcher().resetNumSamplesProduced();
-    EXPECT_EQ(rig.stretcher().getNumSamplesProduced(), 0u);
+    EXPECT_EQ(rig.stretchers[0]->getNumSamplesProduced(), 4u + 3 + 5 + 4 + 4 + 3 + 3 + 1 + 3);
+    rig.stretchers[0]->resetNumSamplesProduced();
+    EXPECT_EQ(rig.stretchers[0]->getNumSamplesProduced(), 0u);
 }
 
 TEST(TimeStretcherTest, OneFramePeriodLeavesTheOrderPending)
 {
-    StretcherChain rig(false);
+    Testing::StretcherChain rig("ts", false);
     EXPECT_EQ(rig.run(samples({0.25}), TimeStretcher::Skip), samples({0.25}));
     EXPECT_EQ(rig.run({}), std::vector<tSample>{});
     EXPECT_EQ(rig.run(samples({0, 5, 5, 9})), samples({0, 5, 9}));
     EXPECT_EQ(rig.run(samples({0, 5, 5, 9})), samples({0, 5, 5, 9}));
-    EXPECT_EQ(rig.stretcher().getNumSamplesProduced(), 1u + 0 + 3 + 4);
+    EXPECT_EQ(rig.stretchers[0]->getNumSamplesProduced(), 1u + 0 + 3 + 4);
 }
 
 TEST(TimeStretcherTest, InsertedValueRoundsTowardZero)
 {
-    StretcherChain rig(false);
+    Testing::StretcherChain rig("ts", false);
     EXPECT_EQ(rig.run(samples({-1.0, 0.5}), TimeStretcher::Stretch), samples({-1.0, -0.25, 0.5}));
     // The sum is -2^-27: halving toward zero gives 0, not -2^-27.
     EXPECT_EQ(rig.run(raw({-3, 2}), TimeStretcher::Stretch), raw({-3, 0, 2}));
@@ -139,13 +77,13 @@ TEST(TimeStretcherTest, OutputStorageNeverMovesEvenForAFullPeriod)
 {
     std::vector<tSample> const full(Chain::getMaxNumFramesPerProcessCall(), tSample(0.125));
     for (bool stereo : {false, true}) {
-        StretcherChain rig(stereo);
-        tSample const* const left = rig.module().getOutPort(0)->getRawData();
-        tSample const* const right = rig.module().getOutPort(stereo ? 1 : 0)->getRawData();
+        Testing::StretcherChain rig("ts", stereo);
+        tSample const* const left = rig.module->getOutPort(0)->getRawData();
+        tSample const* const right = rig.module->getOutPort(stereo ? 1 : 0)->getRawData();
         for (auto task : {TimeStretcher::Stretch, TimeStretcher::Skip, TimeStretcher::Stretch}) {
             rig.run(full, task);
-            EXPECT_EQ(rig.module().getOutPort(0)->getRawData(), left);
-            EXPECT_EQ(rig.module().getOutPort(stereo ? 1 : 0)->getRawData(), right);
+            EXPECT_EQ(rig.module->getOutPort(0)->getRawData(), left);
+            EXPECT_EQ(rig.module->getOutPort(stereo ? 1 : 0)->getRawData(), right);
         }
         EXPECT_EQ(rig.output(0).size(), full.size() + 1);
         if (stereo) {
@@ -156,9 +94,9 @@ TEST(TimeStretcherTest, OutputStorageNeverMovesEvenForAFullPeriod)
 
 TEST(TimeStretcherTest, MovedStorageIsFatal)
 {
-    StretcherChain rig(false);
+    Testing::StretcherChain rig("ts", false);
     // Without the reserved frame an insertion into a full period has to reallocate.
-    rig.module().getOutPort(0)->getUnderlyingStorage().shrink_to_fit();
+    rig.module->getOutPort(0)->getUnderlyingStorage().shrink_to_fit();
     std::vector<tSample> const full(Chain::getMaxNumFramesPerProcessCall(), tSample(0.125));
     EXPECT_DEATH(rig.run(full, TimeStretcher::Stretch), "oldOutPtr == getOutPort\\(0\\)->getRawData\\(\\)");
 }
