@@ -178,3 +178,15 @@ TEST(ResamplerTest, RefusesAMissingSourceRate)
         EXPECT_EQ(e.getMessage(), "resampler line needs a positive source-rate in Hz, got 0");
     }
 }
+
+TEST(ResamplerTest, OutputBeyondTheBufferWaitsForTheNextPeriod)
+{
+    Rig<Resampler> rig(48000, 24000);
+    auto const a = ramp(5, 5, 1024);
+    std::vector<tSample> out = rig.run(a);
+    EXPECT_EQ(out.size(), Chain::getMaxNumFramesPerProcessCall());
+    append(out, rig.run({}));
+    ASSERT_EQ(out.size(), 2u * (1024 - 2));
+    for (unsigned int m = 0; m < out.size(); m += 2)
+        EXPECT_EQ(out[m], a[m / 2]) << m;
+}
