@@ -18,6 +18,9 @@ public:
     unsigned int getNumInPorts() const override { return 0; }
     void process() override;
 
+protected:
+    AlsaAudioBuffersWrapperBase* getInput() const { return m_input; }
+
 private:
     AlsaAudioBuffersWrapperBase* m_input = nullptr;
 };

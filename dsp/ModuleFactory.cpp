@@ -10,7 +10,9 @@
 #include "dsp/OutputStage.h"
 #include "dsp/PatchBay.h"
 #include "dsp/PhaseInversion.h"
+#include "dsp/Resampler.h"
 #include "dsp/Switch.h"
+#include "dsp/TimeStretcher.h"
 
 namespace Zelmar {
 
@@ -33,7 +35,9 @@ ModuleFactory::ModuleFactory()
     registerModule<OutputStage>("output");
     registerModule<PatchBay>("patchbay");
     registerModule<PhaseInversion>("phase-invert");
+    registerModule<Resampler>("resampler");
     registerModule<Switch>("switch");
+    registerModule<TimeStretcher>("timestretcher");
 }
 
 Module* ModuleFactory::createModule(Tools::String const& type, Tools::String const& id) const

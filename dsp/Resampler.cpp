@@ -1,0 +1,94 @@
+#include "dsp/Resampler.h"
+
+#include "dsp/IllegalArgumentException.h"
+
+namespace Zelmar {
+
+namespace {
+
+constexpr uint32_t c_fractionBits = 27;
+constexpr uint32_t c_one = 1u << c_fractionBits;
+constexpr uint32_t c_fractionMask = c_one - 1;
+
+} // namespace
+
+void Resampler::setParameters(Parameters const& parameters, unsigned int sampleRate)
+{
+    InputStage::setParameters(parameters, sampleRate);
+    int const sourceRate = parameters.getInt("source-rate");
+    // A rate of 0 would divide by zero on the audio thread; say so while the config is read.
+    if (sourceRate <= 0)
+        throw IllegalArgumentException("resampler %0 needs a positive source-rate in Hz, got %1", getID(),
+                                       sourceRate);
+    m_sourceRate = static_cast<uint32_t>(sourceRate);
+    // The float step truncates; its integer part must stay below 32 (range assertion).
+    m_step = tStep(static_cast<float>(1.0 / getRatio()));
+
+    unsigned int const capacity = sampleRate > m_sourceRate ? sampleRate : m_sourceRate;
+    for (tHistory* history : {&m_leftHistory, &m_rightHistory}) {
+        history->resize(capacity);
+        history->reset();
+    }
+    // Read position and phase run on: output resumes once the restarted histories catch up.
+}
+
+double Resampler::getRatio() const
+{
+    return static_cast<double>(getSampleRate()) / static_cast<double>(m_sourceRate);
+}
+
+void Resampler::process()
+{
+    if (m_sourceRate == getSampleRate()) {
+        InputStage::process();
+        return;
+    }
+    AlsaChannel& leftIn = getInput()->getChannel(0);
+    AlsaChannel& rightIn = getInput()->getChannel(1);
+    unsigned int const inFrames = leftIn.getNumFrames();
+    for (unsigned int f = 0; f < inFrames; ++f) {
+        tSample const left = leftIn.getSample(f);
+        tSample const right = rightIn.getSample(f);
+        m_leftHistory.write(&left, 1);
+        m_rightHistory.write(&right, 1);
+    }
+
+    int64_t const available = static_cast<int64_t>(m_leftHistory.getNumWritten() - m_readPosition - 1);
+    int64_t outFrames = available > 0 ? available * getSampleRate() / static_cast<int64_t>(m_sourceRate) : 0;
+    AudioBuffer& leftOut = outBuffer(0);
+    AudioBuffer& rightOut = outBuffer(1);
+    // Growing past the reserved storage would allocate on the audio thread; what does not fit
+    // stays in the history and comes out next period.
+    unsigned int const capacity = leftOut.getNumSampleFramesCapacity() < rightOut.getNumSampleFramesCapacity()
+                                      ? leftOut.getNumSampleFramesCapacity()
+                                      : rightOut.getNumSampleFramesCapacity();
+    if (outFrames > capacity)
+        outFrames = capacity;
+    leftOut.setSize(static_cast<unsigned int>(outFrames));
+    rightOut.setSize(static_cast<unsigned int>(outFrames));
+
+    tSample* const left = leftOut.getRawData();
+    tSample* const right = rightOut.getRawData();
+    for (unsigned int i = 0; i < outFrames; ++i) {
+        left[i] = getInSample(m_leftHistory);
+        right[i] = getInSample(m_rightHistory);
+        // Widened so that a step close to 32 cannot wrap the sum.
+        uint64_t const advanced = static_cast<uint64_t>(m_phase.getRaw()) + m_step.getRaw();
+        m_readPosition += advanced >> c_fractionBits;
+        m_phase.setRaw(static_cast<uint32_t>(advanced) & c_fractionMask);
+    }
+}
+
+tSample Resampler::getInSample(tHistory& history) const
+{
+    uint32_t const frac = m_phase.getRaw() & c_fractionMask;
+    uint32_t const n = static_cast<uint32_t>(m_readPosition);
+    tSample const earlier = history.at(static_cast<uint32_t>(n - 1));
+    if (frac == 0)
+        return earlier;
+    tSample const later = history.at(n);
+    return tSample(static_cast<int32_t>(c_one - frac)) * earlier +
+           tSample(static_cast<int32_t>(frac)) * later;
+}
+
+} // namespace Zelmar
