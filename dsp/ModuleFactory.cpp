@@ -1,8 +1,10 @@
 #include "dsp/ModuleFactory.h"
 
+#include "dsp/BiQuad.h"
 #include "dsp/InputStage.h"
 #include "dsp/Meter.h"
 #include "dsp/OutputStage.h"
+#include "dsp/StereoBiQuad.h"
 
 namespace Zelmar {
 
@@ -15,9 +17,11 @@ ModuleFactory& ModuleFactory::get()
 // The one table of creatable types, in the order the type names are documented.
 ModuleFactory::ModuleFactory()
 {
+    registerModule<BiQuad>("biquad");
     registerModule<InputStage>("input");
     registerModule<Meter>("meter");
     registerModule<OutputStage>("output");
+    registerModule<StereoBiQuad>("stereo-biquad");
 }
 
 Module* ModuleFactory::createModule(Tools::String const& type, Tools::String const& id) const

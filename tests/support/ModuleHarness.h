@@ -1,0 +1,105 @@
+#pragma once
+
+#include "dsp/Chain.h"
+#include "dsp/Module.h"
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <vector>
+
+namespace Zelmar {
+namespace Testing {
+
+// Feeds a module under test from buffers the test fills, wired and allocated as a compiled chain would.
+class ModuleHarness
+{
+public:
+    using tChannels = std::vector<std::vector<tSample>>;
+
+    explicit ModuleHarness(std::shared_ptr<Module> module, bool inPlace = false)
+        : m_chain(48000), m_source(std::make_shared<Source>(module->getNumInPorts())),
+          m_module(std::move(module))
+    {
+        m_source->preSetup(m_chain, 1280);
+        m_source->postSetup(1280);
+        m_module->preSetup(m_chain, 1280);
+        for (unsigned int port = 0; port < m_module->getNumInPorts(); ++port) {
+            m_module->setInPortBuffer(port, m_source, port);
+            if (inPlace)
+                m_module->activeInPlaceProcessingForPort(port);
+        }
+        m_module->postSetup(1280);
+    }
+
+    // One period: input p goes to port p; returns the output of every port.
+    tChannels process(tChannels const& inputs)
+    {
+        for (unsigned int port = 0; port < inputs.size(); ++port)
+            m_source->getOutPort(port)->getUnderlyingStorage().assign(inputs[port].begin(),
+                                                                      inputs[port].end());
+        m_module->process();
+        tChannels outputs;
+        for (unsigned int port = 0; port < m_module->getNumOutPorts(); ++port)
+            outputs.push_back(m_module->getOutPort(port)->getUnderlyingStorage());
+        return outputs;
+    }
+
+    // Runs `input` through in periods of at most `period` frames and joins the outputs.
+    tChannels processInPeriods(tChannels const& inputs, unsigned int period)
+    {
+        tChannels joined(m_module->getNumOutPorts());
+        for (size_t start = 0; start < inputs[0].size(); start += period) {
+            tChannels chunk;
+            for (auto const& input : inputs)
+                chunk.emplace_back(input.begin() + start,
+                                   input.begin() + std::min(input.size(), start + period));
+            tChannels const out = process(chunk);
+            for (unsigned int port = 0; port < out.size(); ++port)
+                joined[port].insert(joined[port].end(), out[port].begin(), out[port].end());
+        }
+        return joined;
+    }
+
+    Chain& getChain() { return m_chain; }
+    std::shared_ptr<AudioBuffer> getSourceBuffer(unsigned int port) { return m_source->getOutPort(port); }
+
+private:
+    class Source : public Module
+    {
+    public:
+        explicit Source(unsigned int ports) : Module("source"), m_ports(ports) {}
+        unsigned int getNumOutPorts() const override { return m_ports; }
+        unsigned int getNumInPorts() const override { return 0; }
+        void process() override {}
+
+    private:
+        unsigned int m_ports;
+    };
+
+    Chain m_chain;
+    std::shared_ptr<Source> m_source;
+    std::shared_ptr<Module> m_module;
+};
+
+inline std::vector<tSample> makeSine(double amplitude, double frequency, double sampleRate,
+                                     unsigned int frames)
+{
+    std::vector<tSample> samples(frames);
+    for (unsigned int i = 0; i < frames; ++i)
+        samples[i] = tSample(amplitude * std::sin(2 * M_PI * frequency * i / sampleRate));
+    return samples;
+}
+
+// Level in dB of the last `frames` samples relative to a sine of the given amplitude (RMS based, so
+// the window should hold whole periods).
+inline double levelDb(std::vector<tSample> const& samples, unsigned int frames, double amplitude)
+{
+    double sum = 0;
+    for (size_t i = samples.size() - frames; i < samples.size(); ++i)
+        sum += samples[i].toDouble() * samples[i].toDouble();
+    return 20 * std::log10(std::sqrt(2 * sum / frames) / amplitude);
+}
+
+} // namespace Testing
+} // namespace Zelmar
