@@ -5,6 +5,7 @@
 #include "dsp/Meter.h"
 #include "dsp/OutputStage.h"
 #include "dsp/StereoBiQuad.h"
+#include "dsp/ThreeBandStereoEQ.h"
 
 namespace Zelmar {
 
@@ -22,6 +23,7 @@ ModuleFactory::ModuleFactory()
     registerModule<Meter>("meter");
     registerModule<OutputStage>("output");
     registerModule<StereoBiQuad>("stereo-biquad");
+    registerModule<ThreeBandStereoEQ>("stereo-equalizer");
 }
 
 Module* ModuleFactory::createModule(Tools::String const& type, Tools::String const& id) const
