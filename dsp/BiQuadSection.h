@@ -26,9 +26,24 @@ struct BiQuadSection
     tSample step(tSample x, tSample& z1, tSample& z2) const
     {
         tSample const y = z1 + b0 * x;
-        z1 = (z2 + b1 * x) - a1 * y;
+        tSample partial = z2 + b1 * x;
+        keepOffCarriedPath(partial);
+        z1 = partial - a1 * y;
         z2 = b2 * x - a2 * y;
         return y;
+    }
+
+    // Wrapping sums are associative, so the compiler may add z2 after a1 y, which puts one more add on
+    // the recursion through y. An empty asm makes the partial sum opaque; the bits do not change.
+    static void keepOffCarriedPath(tSample& partial)
+    {
+#if defined(__GNUC__)
+        int32_t raw = partial.getRaw();
+        asm("" : "+r"(raw));
+        partial.setRaw(raw);
+#else
+        (void)partial;
+#endif
     }
 
     void run(tSample const* in, tSample* out, unsigned int numFrames, tSample& z1, tSample& z2) const

@@ -6,10 +6,12 @@ namespace {
 
 // Both channels in one loop: the two recursions are independent, so their multiplies overlap. The
 // bits are those of running each channel on its own.
-void runInterleaved(BiQuadSection const& c, tSample const* inL, tSample const* inR, tSample* outL,
+void runInterleaved(BiQuadSection const& coefficients, tSample const* inL, tSample const* inR, tSample* outL,
                     tSample* outR, unsigned int numFrames, tSample& z1L, tSample& z2L, tSample& z1R,
                     tSample& z2R)
 {
+    // A local copy: the output stores could otherwise alias the coefficients and force reloads.
+    BiQuadSection const c = coefficients;
     tSample s1L = z1L, s2L = z2L, s1R = z1R, s2R = z2R;
     for (unsigned int i = 0; i < numFrames; ++i) {
         tSample const xL = inL[i];
