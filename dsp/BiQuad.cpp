@@ -29,21 +29,21 @@ void BiQuad::lookUpPrecalculatedKernel(ParameterSet const& ps)
 
 void BiQuad::process()
 {
-    AudioBuffer const& in = inBuffer(0);
-    AudioBuffer& out = outBuffer(0);
-    out.setSize(in.getNumSampleFrames());
-    ZELMAR_ASSERT(out.getNumSampleFrames() >= in.getNumSampleFrames());
+    AudioBuffer const* in = &inBuffer(0);
+    AudioBuffer* out = &outBuffer(0);
+    out->setSize(in->getNumSampleFrames());
+    ZELMAR_ASSERT(out->getNumSampleFrames() >= in->getNumSampleFrames());
     auto const* ps = static_cast<ParameterSet const*>(getCurrentParameterSet());
     if (!ps) {
-        out.copyFrom(&in);
+        out->copyFrom(in);
         return;
     }
-    unsigned int const n = in.getNumSampleFrames();
+    unsigned int const n = in->getNumSampleFrames();
     lookUpPrecalculatedKernel(*ps);
     if (m_precalculatedKernel)
-        m_precalculatedKernel(in.getRawData(), out.getRawData(), n, m_z1, m_z2);
+        m_precalculatedKernel(in->getRawData(), out->getRawData(), n, m_z1, m_z2);
     else
-        ps->run(in.getRawData(), out.getRawData(), n, m_z1, m_z2);
+        ps->run(in->getRawData(), out->getRawData(), n, m_z1, m_z2);
 }
 
 } // namespace Zelmar

@@ -32,23 +32,24 @@ void StereoBiQuad::process()
         outBuffer(1).copyFrom(&inBuffer(1));
         return;
     }
-    tSample const* in[2];
-    tSample* out[2];
+    tSample const* inData[2];
+    tSample* outData[2];
     for (unsigned int port = 0; port < 2; ++port) {
-        AudioBuffer const& inPort = inBuffer(port);
-        AudioBuffer& outPort = outBuffer(port);
-        outPort.setSize(inPort.getNumSampleFrames());
-        ZELMAR_ASSERT(outPort.getNumSampleFrames() >= inPort.getNumSampleFrames());
-        in[port] = inPort.getRawData();
-        out[port] = outPort.getRawData();
+        AudioBuffer const* in = &inBuffer(port);
+        AudioBuffer* out = &outBuffer(port);
+        out->setSize(in->getNumSampleFrames());
+        ZELMAR_ASSERT(out->getNumSampleFrames() >= in->getNumSampleFrames());
+        inData[port] = in->getRawData();
+        outData[port] = out->getRawData();
     }
     unsigned int const n = inBuffer(1).getNumSampleFrames();
     lookUpPrecalculatedKernel(*ps);
     if (m_precalculatedKernel) {
-        m_precalculatedKernel(in[0], out[0], n, m_z1Left, m_z2Left);
-        m_precalculatedKernel(in[1], out[1], n, m_z1Right, m_z2Right);
+        m_precalculatedKernel(inData[0], outData[0], n, m_z1Left, m_z2Left);
+        m_precalculatedKernel(inData[1], outData[1], n, m_z1Right, m_z2Right);
     } else {
-        runInterleaved(*ps, in[0], in[1], out[0], out[1], n, m_z1Left, m_z2Left, m_z1Right, m_z2Right);
+        runInterleaved(*ps, inData[0], inData[1], outData[0], outData[1], n, m_z1Left, m_z2Left, m_z1Right,
+                       m_z2Right);
     }
 }
 
