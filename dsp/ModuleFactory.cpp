@@ -1,5 +1,6 @@
 #include "dsp/ModuleFactory.h"
 
+#include "dsp/BiQuad.h"
 #include "dsp/ClipGuard.h"
 #include "dsp/Delay.h"
 #include "dsp/Gain.h"
@@ -11,7 +12,9 @@
 #include "dsp/PatchBay.h"
 #include "dsp/PhaseInversion.h"
 #include "dsp/Resampler.h"
+#include "dsp/StereoBiQuad.h"
 #include "dsp/Switch.h"
+#include "dsp/ThreeBandStereoEQ.h"
 #include "dsp/TimeStretcher.h"
 
 namespace Zelmar {
@@ -25,6 +28,7 @@ ModuleFactory& ModuleFactory::get()
 // The one table of creatable types, in the order the type names are documented.
 ModuleFactory::ModuleFactory()
 {
+    registerModule<BiQuad>("biquad");
     registerModule<ClipGuard>("clipguard");
     registerModule<Delay>("delay");
     registerModule<Gain>("gain");
@@ -37,7 +41,9 @@ ModuleFactory::ModuleFactory()
     registerModule<PhaseInversion>("phase-invert");
     registerModule<Resampler>("resampler");
     registerModule<Switch>("switch");
+    registerModule<StereoBiQuad>("stereo-biquad");
     registerModule<TimeStretcher>("timestretcher");
+    registerModule<ThreeBandStereoEQ>("stereo-equalizer");
 }
 
 Module* ModuleFactory::createModule(Tools::String const& type, Tools::String const& id) const

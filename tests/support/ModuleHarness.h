@@ -4,24 +4,26 @@
 #include "dsp/Module.h"
 
 #include <algorithm>
+#include <cmath>
 #include <memory>
 #include <vector>
 
 namespace Zelmar {
 namespace Testing {
 
-// Drives one module without a chain: its inputs read test-owned buffers, its outputs are read back.
+// Feeds a module under test from buffers the test fills, wired and allocated as a compiled chain would.
 class ModuleHarness
 {
 public:
-    // With inPlace, every output shares the buffer of the input with the same number.
+    using tChannels = std::vector<std::vector<tSample>>;
+
     explicit ModuleHarness(std::shared_ptr<Module> module, bool inPlace = false)
-        : m_module(std::move(module)), m_source(std::make_shared<Source>(m_module->getNumInPorts()))
+        : m_chain(48000), m_source(std::make_shared<Source>(module->getNumInPorts())),
+          m_module(std::move(module))
     {
-        Chain chain(48000);
-        m_source->preSetup(chain, 1280);
+        m_source->preSetup(m_chain, 1280);
         m_source->postSetup(1280);
-        m_module->preSetup(chain, 1280);
+        m_module->preSetup(m_chain, 1280);
         for (unsigned int port = 0; port < m_module->getNumInPorts(); ++port) {
             m_module->setInPortBuffer(port, m_source, port);
             if (inPlace)
@@ -30,11 +32,37 @@ public:
         m_module->postSetup(1280);
     }
 
+    // One period: input p goes to port p; returns the output of every port.
+    tChannels process(tChannels const& inputs)
+    {
+        for (unsigned int port = 0; port < inputs.size(); ++port)
+            setInput(port, inputs[port]);
+        m_module->process();
+        tChannels outputs;
+        for (unsigned int port = 0; port < m_module->getNumOutPorts(); ++port)
+            outputs.push_back(output(port));
+        return outputs;
+    }
+
+    // Runs `input` through in periods of at most `period` frames and joins the outputs.
+    tChannels processInPeriods(tChannels const& inputs, unsigned int period)
+    {
+        tChannels joined(m_module->getNumOutPorts());
+        for (size_t start = 0; start < inputs[0].size(); start += period) {
+            tChannels chunk;
+            for (auto const& input : inputs)
+                chunk.emplace_back(input.begin() + start,
+                                   input.begin() + std::min(input.size(), start + period));
+            tChannels const out = process(chunk);
+            for (unsigned int port = 0; port < out.size(); ++port)
+                joined[port].insert(joined[port].end(), out[port].begin(), out[port].end());
+        }
+        return joined;
+    }
+
     void setInput(unsigned int port, std::vector<tSample> const& samples)
     {
-        AudioBuffer& buffer = *m_source->getOutPort(port);
-        buffer.setSize(static_cast<unsigned int>(samples.size()));
-        std::copy(samples.begin(), samples.end(), buffer.getRawData());
+        m_source->getOutPort(port)->getUnderlyingStorage().assign(samples.begin(), samples.end());
     }
 
     // Feeds `samples` to input 0, runs one period and returns output 0.
@@ -45,29 +73,28 @@ public:
         return output(0);
     }
 
-    std::vector<tSample> output(unsigned int port) const
-    {
-        AudioBuffer const& buffer = *m_module->getOutPort(port);
-        return std::vector<tSample>(buffer.getRawData(), buffer.getRawData() + buffer.getNumSampleFrames());
-    }
+    std::vector<tSample> output(unsigned int port) const { return m_module->getOutPort(port)->getUnderlyingStorage(); }
 
     Module& module() { return *m_module; }
+    Chain& getChain() { return m_chain; }
+    std::shared_ptr<AudioBuffer> getSourceBuffer(unsigned int port) { return m_source->getOutPort(port); }
 
 private:
     class Source : public Module
     {
     public:
-        explicit Source(unsigned int numPorts) : Module("source"), m_numPorts(numPorts) {}
-        unsigned int getNumOutPorts() const override { return m_numPorts; }
+        explicit Source(unsigned int ports) : Module("source"), m_ports(ports) {}
+        unsigned int getNumOutPorts() const override { return m_ports; }
         unsigned int getNumInPorts() const override { return 0; }
         void process() override {}
 
     private:
-        unsigned int m_numPorts;
+        unsigned int m_ports;
     };
 
-    std::shared_ptr<Module> m_module;
+    Chain m_chain;
     std::shared_ptr<Source> m_source;
+    std::shared_ptr<Module> m_module;
 };
 
 inline std::vector<tSample> constant(unsigned int frames, tSample value)
@@ -78,6 +105,25 @@ inline std::vector<tSample> constant(unsigned int frames, tSample value)
 inline tSample raw(int32_t value)
 {
     return tSample(value);
+}
+
+inline std::vector<tSample> makeSine(double amplitude, double frequency, double sampleRate,
+                                     unsigned int frames)
+{
+    std::vector<tSample> samples(frames);
+    for (unsigned int i = 0; i < frames; ++i)
+        samples[i] = tSample(amplitude * std::sin(2 * M_PI * frequency * i / sampleRate));
+    return samples;
+}
+
+// Level in dB of the last `frames` samples relative to a sine of the given amplitude (RMS based, so
+// the window should hold whole periods).
+inline double levelDb(std::vector<tSample> const& samples, unsigned int frames, double amplitude)
+{
+    double sum = 0;
+    for (size_t i = samples.size() - frames; i < samples.size(); ++i)
+        sum += samples[i].toDouble() * samples[i].toDouble();
+    return 20 * std::log10(std::sqrt(2 * sum / frames) / amplitude);
 }
 
 } // namespace Testing

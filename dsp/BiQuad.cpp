@@ -1,0 +1,49 @@
+#include "dsp/BiQuad.h"
+
+namespace Zelmar {
+
+BiQuad::ParameterSet::ParameterSet(Parameters const& params, unsigned int sampleRate)
+{
+    Tools::String type = params.getString("type");
+    double const frequency = params.getDouble("frequency");
+    double const q = params.getDouble("q");
+    double const gain = params.getDouble("gain");
+    if (frequency >= 0.5 * sampleRate)
+        type = "passthru";
+    design(tBiQuadDesign::translateType(type), sampleRate, frequency, q, gain);
+}
+
+void BiQuad::setParameters(Parameters const& params, unsigned int sampleRate)
+{
+    Module::setParameters(params, sampleRate);
+    setFutureParameterSet(new ParameterSet(params, sampleRate));
+}
+
+void BiQuad::lookUpPrecalculatedKernel(ParameterSet const& ps)
+{
+    if (m_precalculatedKernelLookedUpFor == &ps)
+        return;
+    m_precalculatedKernel = findPrecalculatedBiQuad(ps.b0, ps.b1, ps.b2, ps.a1, ps.a2);
+    m_precalculatedKernelLookedUpFor = &ps;
+}
+
+void BiQuad::process()
+{
+    AudioBuffer const* in = &inBuffer(0);
+    AudioBuffer* out = &outBuffer(0);
+    out->setSize(in->getNumSampleFrames());
+    ZELMAR_ASSERT(out->getNumSampleFrames() >= in->getNumSampleFrames());
+    auto const* ps = static_cast<ParameterSet const*>(getCurrentParameterSet());
+    if (!ps) {
+        out->copyFrom(in);
+        return;
+    }
+    unsigned int const n = in->getNumSampleFrames();
+    lookUpPrecalculatedKernel(*ps);
+    if (m_precalculatedKernel)
+        m_precalculatedKernel(in->getRawData(), out->getRawData(), n, m_z1, m_z2);
+    else
+        ps->run(in->getRawData(), out->getRawData(), n, m_z1, m_z2);
+}
+
+} // namespace Zelmar

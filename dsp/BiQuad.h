@@ -1,0 +1,46 @@
+#pragma once
+
+#include "dsp/BiQuadSection.h"
+#include "dsp/Module.h"
+#include "dsp/precalculated/PrecalculatedBiQuad.h"
+
+namespace Zelmar {
+
+// One second-order section on one signal. Parameters: "type" (a characteristic name), "frequency" (Hz),
+// "q" and "gain" (dB). Runs a precalculated kernel when one matches the design, else the generic loop.
+// Passes audio through until the first parameter set; the state survives parameter changes.
+class BiQuad : public Module
+{
+public:
+    class ParameterSet : public Module::ParameterSet, public BiQuadSection
+    {
+    public:
+        // A frequency at or above Nyquist makes the filter the identity. Throws for an unknown type.
+        ParameterSet(Parameters const& params, unsigned int sampleRate);
+    };
+
+    explicit BiQuad(Tools::String const& id) : Module(id) {}
+    ~BiQuad() override = default;
+
+    void setParameters(Parameters const& params, unsigned int sampleRate) override;
+    unsigned int getNumOutPorts() const override { return 1; }
+    unsigned int getNumInPorts() const override { return 1; }
+    void process() override;
+
+    // Which kernel runs the coefficients now in force (null: the generic loop); audio thread only.
+    tBiQuadKernel getPrecalculatedKernel() const { return m_precalculatedKernel; }
+
+protected:
+    // Looks the kernel up once per parameter set. Keyed on the set in force rather than a flag that
+    // setParameters clears, so a lookup racing with a hand-over cannot pair a kernel with the wrong set.
+    void lookUpPrecalculatedKernel(ParameterSet const& ps);
+
+    tBiQuadKernel m_precalculatedKernel = nullptr;
+    ParameterSet const* m_precalculatedKernelLookedUpFor = nullptr;
+
+private:
+    tSample m_z1;
+    tSample m_z2;
+};
+
+} // namespace Zelmar

@@ -1,0 +1,123 @@
+#include "dsp/ThreeBandStereoEQ.h"
+
+#include "dsp/Chain.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace Zelmar {
+
+namespace {
+
+using AudioFilter::Characteristic;
+
+constexpr double c_lowFrequency = 300.0;
+constexpr double c_midFrequency = 1000.0;
+constexpr double c_highFrequency = 3000.0;
+// 1/0.707: the mid band multiplies by it where the generic design divides by Q.
+constexpr double c_midInverseQ = 1.4144271570014144;
+
+} // namespace
+
+ThreeBandStereoEQ::ParameterSet::ParameterSet(Parameters const& params, unsigned int sampleRate)
+{
+    double const low = setLowCoefficients(params, sampleRate);
+    double const mid = setMidCoefficients(params, sampleRate);
+    double const high = setHighCoefficients(params, sampleRate);
+    m_correctionGain = tSample(tSample::tFundamental(1) << 27);
+    if (!params.getBool("gain-correction"))
+        return;
+    double const largest = std::max(low, std::max(mid, high));
+    m_hiddenVolumeDelta = tSample(static_cast<float>(largest));
+    if (m_hiddenVolumeDelta > tSample::s_Zero) {
+        // Six decibels per doubling, as the gain stages count, although the bands use true decibels.
+        m_correctionGain = tSample(std::pow(2.0, -static_cast<float>(largest) / 6.0));
+    } else {
+        m_hiddenVolumeDelta = tSample::s_Zero;
+    }
+}
+
+double ThreeBandStereoEQ::ParameterSet::setLowCoefficients(Parameters const& params, unsigned int sampleRate)
+{
+    double const gain = params.getDouble("low-gain");
+    m_low.design(Characteristic::LoShelf, sampleRate, c_lowFrequency, 0.0, gain);
+    return gain;
+}
+
+double ThreeBandStereoEQ::ParameterSet::setMidCoefficients(Parameters const& params, unsigned int sampleRate)
+{
+    double const gain = params.getDouble("mid-gain");
+    double c[5];
+    tBiQuadDesign::designPeak(
+        tBiQuadDesign::getK(sampleRate, c_midFrequency), tBiQuadDesign::getV(gain), gain >= 0,
+        [](double v) { return v * c_midInverseQ; }, c);
+    m_mid = {tBiQuadDesign::toCoefficient(c[0]), tBiQuadDesign::toCoefficient(c[1]),
+             tBiQuadDesign::toCoefficient(c[2]), tBiQuadDesign::toCoefficient(c[3]),
+             tBiQuadDesign::toCoefficient(c[4])};
+    return gain;
+}
+
+double ThreeBandStereoEQ::ParameterSet::setHighCoefficients(Parameters const& params, unsigned int sampleRate)
+{
+    double const gain = params.getDouble("high-gain");
+    m_high.design(Characteristic::HiShelf, sampleRate, c_highFrequency, 0.0, gain);
+    return gain;
+}
+
+void ThreeBandStereoEQ::setParameters(Parameters const& params, unsigned int sampleRate)
+{
+    Module::setParameters(params, sampleRate);
+    auto* ps = new ParameterSet(params, sampleRate);
+    if (m_chain)
+        m_chain->getHiddenVolumeManager().setHiddenVolumeDelta(
+            static_cast<double>(ps->m_hiddenVolumeDelta.toFloat()));
+    setFutureParameterSet(ps);
+}
+
+void ThreeBandStereoEQ::onModuleAddedToChain(Chain& chain)
+{
+    Module::onModuleAddedToChain(chain);
+    m_chain = &chain;
+}
+
+void ThreeBandStereoEQ::process()
+{
+    auto const* ps = static_cast<ParameterSet const*>(getCurrentParameterSet());
+    if (!ps) {
+        outBuffer(0).copyFrom(&inBuffer(0));
+        outBuffer(1).copyFrom(&inBuffer(1));
+        return;
+    }
+    outBuffer(0).setSize(inBuffer(0).getNumSampleFrames());
+    outBuffer(1).setSize(inBuffer(1).getNumSampleFrames());
+    unsigned int const n = inBuffer(0).getNumSampleFrames();
+    tSample const* inL = inBuffer(0).getRawData();
+    tSample const* inR = inBuffer(1).getRawData();
+    tSample* outL = outBuffer(0).getRawData();
+    tSample* outR = outBuffer(1).getRawData();
+
+    // Local copies let the compiler keep coefficients and state in registers; the two channels are
+    // independent recursions, so running them side by side overlaps their multiplies.
+    BiQuadSection const low = ps->m_low, mid = ps->m_mid, high = ps->m_high;
+    tSample const correction = ps->m_correctionGain;
+    tSample l1L = m_lowZ1Left, l1R = m_lowZ1Right, l2L = m_lowZ2Left, l2R = m_lowZ2Right;
+    tSample m1L = m_midZ1Left, m1R = m_midZ1Right, m2L = m_midZ2Left, m2R = m_midZ2Right;
+    tSample h1L = m_highZ1Left, h1R = m_highZ1Right, h2L = m_highZ2Left, h2R = m_highZ2Right;
+    for (unsigned int i = 0; i < n; ++i) {
+        tSample const xL = inL[i];
+        tSample const xR = inR[i];
+        tSample yL = low.step(xL, l1L, l2L);
+        tSample yR = low.step(xR, l1R, l2R);
+        yL = mid.step(yL, m1L, m2L);
+        yR = mid.step(yR, m1R, m2R);
+        yL = high.step(yL, h1L, h2L);
+        yR = high.step(yR, h1R, h2R);
+        outL[i] = yL * correction;
+        outR[i] = yR * correction;
+    }
+    m_lowZ1Left = l1L, m_lowZ1Right = l1R, m_lowZ2Left = l2L, m_lowZ2Right = l2R;
+    m_midZ1Left = m1L, m_midZ1Right = m1R, m_midZ2Left = m2L, m_midZ2Right = m2R;
+    m_highZ1Left = h1L, m_highZ1Right = h1R, m_highZ2Left = h2L, m_highZ2Right = h2R;
+}
+
+} // namespace Zelmar
