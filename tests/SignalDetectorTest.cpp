@@ -140,7 +140,13 @@ std::vector<std::string> messagesAt(LogCapture const& log, int level)
     return messages;
 }
 
-auto const silence = [](uint64_t) { return 0.0; };
+// The level in a "Signal trigger: <value> Reason: <text>" entry, in dB.
+double triggerLevelDb(std::string const& message)
+{
+    std::string const prefix = "Signal trigger: ";
+    EXPECT_EQ(message.rfind(prefix, 0), 0u) << message;
+    return 20.0 * std::log10(std::atof(message.c_str() + prefix.size()));
+}
 
 } // namespace
 
@@ -183,8 +189,8 @@ TEST(SignalDetectorTest, ToneOverThresholdIsActiveAndHeldTenSecondsAfterItEnds)
 
     auto const notices = messagesAt(log, Tools::Tracer::Notice);
     ASSERT_EQ(notices.size(), 2u);
-    EXPECT_EQ(notices[0].rfind("Signal trigger: 0.0", 0), 0u) << notices[0];
-    EXPECT_NE(notices[0].find(" Reason: Rms value is over threshold"), std::string::npos) << notices[0];
+    EXPECT_NEAR(triggerLevelDb(notices[0]), -20.0, 0.5);
+    EXPECT_EQ(notices[0].substr(notices[0].find(" Reason:")), " Reason: Rms value is over threshold");
     // Audio is counted from the end of the skip, 2.1 s: the block that crosses 100000 frames is skipped.
     EXPECT_EQ(notices[1], "No signal in line-in: 11.9");
 }
@@ -203,7 +209,9 @@ TEST(SignalDetectorTest, FluctuatingInputBelowThresholdIsActiveWithReasonOne)
     EXPECT_EQ(driver.transitions[0], std::make_pair(17.25, true));
     auto const notices = messagesAt(log, Tools::Tracer::Notice);
     ASSERT_EQ(notices.size(), 1u);
-    EXPECT_NE(notices[0].find(" Reason: State is Active"), std::string::npos) << notices[0];
+    EXPECT_EQ(notices[0].substr(notices[0].find(" Reason:")), " Reason: State is Active");
+    double const level = triggerLevelDb(notices[0]);
+    EXPECT_TRUE(level > -50.5 && level < -39.5) << notices[0];
 }
 
 TEST(SignalDetectorTest, LearnsThresholdFromThirtySecondsOfSteadyNoiseAndReadsItBack)
