@@ -12,6 +12,7 @@
 #include "dsp/PatchBay.h"
 #include "dsp/PhaseInversion.h"
 #include "dsp/Resampler.h"
+#include "dsp/SignalDetector.h"
 #include "dsp/StereoBiQuad.h"
 #include "dsp/Switch.h"
 #include "dsp/ThreeBandStereoEQ.h"
@@ -38,6 +39,7 @@ ModuleFactory::ModuleFactory()
     registerModule<Mixer>("mixer");
     registerModule<OutputStage>("output");
     registerModule<PatchBay>("patchbay");
+    registerModule<SignalDetector>("signal-detector");
     registerModule<PhaseInversion>("phase-invert");
     registerModule<Resampler>("resampler");
     registerModule<Switch>("switch");
