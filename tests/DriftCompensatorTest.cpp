@@ -6,6 +6,7 @@
 #include "support/StretcherChain.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
@@ -23,7 +24,8 @@ class DriftCompensatorTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        m_marker = ::testing::TempDir() + "drift_comp_info_enabled";
+        // Unique per process: ctest runs tests of this suite in parallel processes.
+        m_marker = ::testing::TempDir() + "drift_comp_info_enabled." + std::to_string(getpid());
         std::remove(m_marker.c_str());
         DriftCompensator::setEnableFrameDiffFile(m_marker);
         m_sink = Tools::Tracer::get().addSink([this](Tools::LogBufferEntry const& e) { m_log.push_back(e); });
