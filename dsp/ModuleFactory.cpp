@@ -3,6 +3,7 @@
 #include "dsp/InputStage.h"
 #include "dsp/Meter.h"
 #include "dsp/OutputStage.h"
+#include "dsp/Sounds.h"
 
 namespace Zelmar {
 
@@ -18,6 +19,7 @@ ModuleFactory::ModuleFactory()
     registerModule<InputStage>("input");
     registerModule<Meter>("meter");
     registerModule<OutputStage>("output");
+    registerModule<Sounds>("sounds");
 }
 
 Module* ModuleFactory::createModule(Tools::String const& type, Tools::String const& id) const
