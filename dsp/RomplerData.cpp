@@ -33,7 +33,6 @@ RomplerData::RomplerData(unsigned int sampleRate, Tools::String const& file)
 {
     ZELMAR_ASSERT(sampleRate != 0);
     m_step = c_stepsPerSecond / m_sampleRate;
-    m_loaded.store(false);
     m_loader = std::thread([this] { load(); });
 }
 

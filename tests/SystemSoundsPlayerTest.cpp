@@ -5,6 +5,7 @@
 #include "support/LogCapture.h"
 #include "support/SoundFiles.h"
 
+#include <cstdlib>
 #include <gtest/gtest.h>
 
 using namespace Zelmar;
@@ -46,26 +47,35 @@ void iterateMainLoopFor(unsigned int milliseconds)
 
 } // namespace
 
-TEST(SystemSoundsPlayerTest, IdsStartAtOneAndUnknownIdsAreLogged)
+TEST(SystemSoundsPlayerTest, TheFirstIdOfAProcessIsOne)
+{
+    // A fresh process: the counter is process-wide and other tests may have drawn ids already.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(std::exit(SystemSoundsPlayer().registerRepeatingSound(SystemSound::Ok, 100) == 1 ? 0 : 1),
+                testing::ExitedWithCode(0), "");
+}
+
+TEST(SystemSoundsPlayerTest, IdsCountUpAndUnknownIdsAreLogged)
 {
     Testing::LogCapture log;
     SystemSoundsPlayer player;
-    EXPECT_EQ(player.registerRepeatingSound(SystemSound::Ok, 100), 1u);
-    EXPECT_EQ(player.registerRepeatingSound(SystemSound::Touch, 100), 2u);
-    player.stopRepeatingSound(2);
-    player.stopRepeatingSound(2);
-    EXPECT_EQ(SystemSoundsPlayer().registerRepeatingSound(SystemSound::Ok, 100), 3u) << "never reused";
-    player.startRepeatingSound(7, nullptr);
+    unsigned int const first = player.registerRepeatingSound(SystemSound::Ok, 100);
+    EXPECT_EQ(player.registerRepeatingSound(SystemSound::Touch, 100), first + 1);
+    player.stopRepeatingSound(first + 1);
+    player.stopRepeatingSound(first + 1);
+    EXPECT_EQ(SystemSoundsPlayer().registerRepeatingSound(SystemSound::Ok, 100), first + 2) << "never reused";
+    player.startRepeatingSound(first + 7, nullptr);
     player.play(SystemSound::Ok, nullptr);
     Chain empty(44100);
     player.play(SystemSound::Ok, &empty);
+    auto const id = [&](unsigned int offset) { return std::to_string(first + offset); };
     EXPECT_EQ(log.messages(),
-              (std::vector<std::string>{
-                  "SystemSoundsPlayer::stopRepeatingSound(): sound with id 2 neither registered "
-                  "nor started",
-                  "SystemSoundsPlayer::startRepeatingSound(): no sound with id 7 registered",
-                  "SystemSoundsPlayer::play(): no chain provided",
-                  "SystemSoundsPlayer::play(): could not find module system-sounds"}));
+              (std::vector<std::string>{"SystemSoundsPlayer::stopRepeatingSound(): sound with id " + id(1) +
+                                            " neither registered nor started",
+                                        "SystemSoundsPlayer::startRepeatingSound(): no sound with id " +
+                                            id(7) + " registered",
+                                        "SystemSoundsPlayer::play(): no chain provided",
+                                        "SystemSoundsPlayer::play(): could not find module system-sounds"}));
 }
 
 TEST(SystemSoundsPlayerTest, RepeatsEachIntervalFromStartUntilStopped)
