@@ -13,6 +13,7 @@
 #include "dsp/PhaseInversion.h"
 #include "dsp/Resampler.h"
 #include "dsp/SignalDetector.h"
+#include "dsp/Sounds.h"
 #include "dsp/StereoBiQuad.h"
 #include "dsp/Switch.h"
 #include "dsp/ThreeBandStereoEQ.h"
@@ -42,6 +43,7 @@ ModuleFactory::ModuleFactory()
     registerModule<SignalDetector>("signal-detector");
     registerModule<PhaseInversion>("phase-invert");
     registerModule<Resampler>("resampler");
+    registerModule<Sounds>("sounds");
     registerModule<Switch>("switch");
     registerModule<StereoBiQuad>("stereo-biquad");
     registerModule<TimeStretcher>("timestretcher");

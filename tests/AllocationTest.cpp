@@ -1,7 +1,10 @@
 #include "dsp/Chain.h"
 #include "dsp/InputStage.h"
 #include "dsp/OutputStage.h"
+#include "dsp/Sounds.h"
+#include "support/HeapWatch.h"
 #include "support/MemoryAlsaBuffers.h"
+#include "support/SoundFiles.h"
 
 #include <atomic>
 #include <gtest/gtest.h>
@@ -18,13 +21,31 @@ void __libc_free(void*);
 namespace {
 thread_local bool g_counting = false;
 std::atomic<int> g_heapCalls{0};
+// Static TLS in the executable: reading it never allocates.
+thread_local bool t_watched = false;
+std::atomic<int> g_watchedThreadHeapCalls{0};
 
 void countIfWatching()
 {
     if (g_counting)
         g_heapCalls.fetch_add(1, std::memory_order_relaxed);
+    if (t_watched)
+        g_watchedThreadHeapCalls.fetch_add(1, std::memory_order_relaxed);
 }
 } // namespace
+
+namespace Zelmar {
+namespace Testing {
+void watchHeapOnThisThread(bool watch)
+{
+    t_watched = watch;
+}
+int takeHeapCallsOfWatchedThreads()
+{
+    return g_watchedThreadHeapCalls.exchange(0);
+}
+} // namespace Testing
+} // namespace Zelmar
 
 extern "C" {
 void* malloc(size_t size)
@@ -84,4 +105,46 @@ TEST(ChainTest, ProcessingACompiledChainNeverTouchesTheHeap)
     }
     g_counting = false;
     EXPECT_EQ(g_heapCalls.load(), 0);
+}
+
+TEST(SoundsTest, MixingAndDuckingNeverTouchTheHeap)
+{
+    Chain chain(48000);
+    chain.addModule("input", "in");
+    auto sounds = std::dynamic_pointer_cast<Sounds>(chain.addModule("sounds", "system-sounds"));
+    sounds->setParameters(Parameters(), 48000);
+    chain.addModule("output", "out")->setParameters(Parameters{{"interleave-pattern", "01"}}, 48000);
+    chain.pullWire("system-sounds", "in");
+    chain.pullWire("out", "system-sounds");
+    chain.compile();
+    Testing::MemoryAlsaBuffers capture(2), playback(2);
+    std::dynamic_pointer_cast<InputStage>(chain.findModule("in"))->setInput(&capture);
+    std::dynamic_pointer_cast<OutputStage>(chain.findModule("out"))->setOutput(&playback);
+    RomplerData::setSoundsDirectory(GENERATED_SOUNDS_DIR);
+    for (auto sound : {SystemSound::Touch, SystemSound::Ok, SystemSound::Welcome})
+        ASSERT_TRUE(Testing::waitUntilLoaded(*sounds->getRomplerDataForSoundType(sound)));
+    RomplerData::setSoundsDirectory("");
+    capture.getChannel(0).samples.assign(1280, tSample(0.5));
+    capture.getChannel(1).samples.assign(1280, tSample(0.5));
+
+    unsigned int soundingPeriods = 0;
+    for (unsigned int period = 0; period < 400; ++period) {
+        // Voices are made and freed on the control side; only processing is counted.
+        if (period % 7 == 0)
+            sounds->trigger(period % 2 ? SystemSound::Touch : SystemSound::Ok);
+        if (period == 350)
+            sounds->trigger(SystemSound::Welcome);
+        Testing::runPendingMainLoopJobs();
+        unsigned int const frames = 64 + (period * 97) % 1217;
+        capture.getChannel(0).m_numFrames = frames;
+        capture.getChannel(1).m_numFrames = frames;
+        g_heapCalls = 0;
+        g_counting = true;
+        chain.process();
+        g_counting = false;
+        ASSERT_EQ(g_heapCalls.load(), 0) << "period " << period;
+        if (sounds->getOutPortBuffer(0)->getRawData()[frames - 1] != tSample(0.5))
+            ++soundingPeriods;
+    }
+    EXPECT_GT(soundingPeriods, 300u) << "voices were mixed and the music ducked";
 }
