@@ -19,16 +19,12 @@ void __libc_free(void*);
 }
 
 namespace {
-thread_local bool g_counting = false;
-std::atomic<int> g_heapCalls{0};
 // Static TLS in the executable: reading it never allocates.
 thread_local bool t_watched = false;
 std::atomic<int> g_watchedThreadHeapCalls{0};
 
 void countIfWatching()
 {
-    if (g_counting)
-        g_heapCalls.fetch_add(1, std::memory_order_relaxed);
     if (t_watched)
         g_watchedThreadHeapCalls.fetch_add(1, std::memory_order_relaxed);
 }
@@ -86,13 +82,13 @@ TEST(ChainTest, ProcessingACompiledChainNeverTouchesTheHeap)
     }
     auto output = std::dynamic_pointer_cast<OutputStage>(chain.findModule("out"));
 
-    g_counting = true;
+    Testing::watchHeapOnThisThread(true);
     auto probe = std::make_shared<AudioBuffer>(64);
     probe.reset();
-    g_counting = false;
-    ASSERT_GE(g_heapCalls.exchange(0), 2) << "the counter must see an allocation and its free";
+    Testing::watchHeapOnThisThread(false);
+    ASSERT_GE(Testing::takeHeapCallsOfWatchedThreads(), 2) << "the counter must see an allocation and its free";
 
-    g_counting = true;
+    Testing::watchHeapOnThisThread(true);
     for (unsigned int period = 0; period < 200; ++period) {
         unsigned int const frames = 64 + (period * 97) % 1217;
         capture.getChannel(0).m_numFrames = frames;
@@ -103,8 +99,8 @@ TEST(ChainTest, ProcessingACompiledChainNeverTouchesTheHeap)
             output->setMute(true);
         chain.process();
     }
-    g_counting = false;
-    EXPECT_EQ(g_heapCalls.load(), 0);
+    Testing::watchHeapOnThisThread(false);
+    EXPECT_EQ(Testing::takeHeapCallsOfWatchedThreads(), 0);
 }
 
 TEST(SoundsTest, MixingAndDuckingNeverTouchTheHeap)
@@ -138,11 +134,11 @@ TEST(SoundsTest, MixingAndDuckingNeverTouchTheHeap)
         unsigned int const frames = 64 + (period * 97) % 1217;
         capture.getChannel(0).m_numFrames = frames;
         capture.getChannel(1).m_numFrames = frames;
-        g_heapCalls = 0;
-        g_counting = true;
+        Testing::takeHeapCallsOfWatchedThreads();
+        Testing::watchHeapOnThisThread(true);
         chain.process();
-        g_counting = false;
-        ASSERT_EQ(g_heapCalls.load(), 0) << "period " << period;
+        Testing::watchHeapOnThisThread(false);
+        ASSERT_EQ(Testing::takeHeapCallsOfWatchedThreads(), 0) << "period " << period;
         if (sounds->getOutPortBuffer(0)->getRawData()[frames - 1] != tSample(0.5))
             ++soundingPeriods;
     }
