@@ -3,6 +3,7 @@
 #include "dsp/BiQuad.h"
 #include "dsp/ClipGuard.h"
 #include "dsp/Delay.h"
+#include "dsp/Equalizer.h"
 #include "dsp/Gain.h"
 #include "dsp/InputStage.h"
 #include "dsp/Limiter.h"
@@ -33,6 +34,7 @@ ModuleFactory::ModuleFactory()
     registerModule<BiQuad>("biquad");
     registerModule<ClipGuard>("clipguard");
     registerModule<Delay>("delay");
+    registerModule<Equalizer>("equalizer");
     registerModule<Gain>("gain");
     registerModule<InputStage>("input");
     registerModule<Limiter>("limiter");
