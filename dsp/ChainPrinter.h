@@ -20,7 +20,8 @@ public:
     static void print(Chain const& chain, Tools::String const& format, Tools::String const& output,
                       Tools::String const& dotFile = c_dotFile);
 
-    // One node line per wire source (sinks keep the default style), then one edge per wire.
+    // One node line per wire source (sinks keep the default style), then one edge per wire. Meant for a
+    // compiled chain: before compile() a shortcut cable is no port spec and is refused as such.
     static Tools::String describe(Chain const& chain);
 
 private:

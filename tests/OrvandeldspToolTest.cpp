@@ -275,6 +275,29 @@ TEST_F(OrvandeldspToolTest, ConfigFaultsAreOneLineWithStatusTwoAndNoOutput)
     }
 }
 
+TEST_F(OrvandeldspToolTest, RunNeedsExactlyOneInputAndOneOutputStage)
+{
+    writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, {0, 0});
+    std::string const meters = "<module type=\"meter\" id=\"m\"/><module type=\"meter\" id=\"n\"/>";
+    for (auto const& [config, message] :
+         {std::pair{writeConfig("two.xml",
+                                "<dsp><module type=\"input\" id=\"a\"/><module type=\"input\" id=\"b\"/>" +
+                                    meters +
+                                    "<cable out=\"a[0]\" in=\"m[0]\"/><cable out=\"b[0]\" "
+                                    "in=\"n[0]\"/></dsp>"),
+                    "exactly one module of type \"input\", the config has 2"},
+          {writeConfig("none.xml",
+                       "<dsp><module type=\"input\" id=\"a\"/>" + meters +
+                           "<cable out=\"a[0]\" in=\"m[0]\"/><cable out=\"a[1]\" in=\"n[0]\"/></dsp>"),
+           "exactly one module of type \"output\", the config has 0"}}) {
+        EXPECT_EQ(runTool({"check", "-c", config}).status, 0);
+        auto const result = runTool({"run", "-c", config, path("in.wav"), path("out.wav")});
+        EXPECT_EQ(result.status, 2);
+        EXPECT_EQ(result.err, "orvandeldsp: config " + config + ": the tool needs " + message + "\n");
+        EXPECT_FALSE(g_file_test(path("out.wav").c_str(), G_FILE_TEST_EXISTS));
+    }
+}
+
 TEST_F(OrvandeldspToolTest, UsageAndIoErrors)
 {
     writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, {0, 0});
