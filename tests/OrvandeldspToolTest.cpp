@@ -1,0 +1,364 @@
+// Runs the built `orvandeldsp` tool as a user would and checks its files, messages and exit statuses.
+#include <cstdint>
+#include <glib.h>
+#include <glib/gstdio.h>
+#include <gtest/gtest.h>
+#include <sndfile.h>
+#include <string>
+#include <sys/wait.h>
+#include <vector>
+
+namespace {
+
+struct Result
+{
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+Result runTool(std::vector<std::string> const& args)
+{
+    std::vector<char*> argv{const_cast<char*>(ORVANDELDSP_TOOL)};
+    for (auto const& arg : args)
+        argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    gchar* out = nullptr;
+    gchar* err = nullptr;
+    gint wait = 0;
+    Result result;
+    if (!g_spawn_sync(nullptr, argv.data(), nullptr, G_SPAWN_DEFAULT, nullptr, nullptr, &out, &err, &wait,
+                      nullptr))
+        return result;
+    // A signal (a crash or an abort) leaves the status at -1, which no test expects.
+    if (WIFEXITED(wait))
+        result.status = WEXITSTATUS(wait);
+    result.out = out;
+    result.err = err;
+    g_free(out);
+    g_free(err);
+    return result;
+}
+
+struct Sound
+{
+    SF_INFO info{};
+    std::vector<int32_t> samples; // interleaved, left-justified as libsndfile delivers them
+};
+
+void writeSound(std::string const& path, int subtype, int channels, std::vector<int32_t> const& samples)
+{
+    SF_INFO info{};
+    info.samplerate = 48000;
+    info.channels = channels;
+    info.format = SF_FORMAT_WAV | subtype;
+    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+    ASSERT_NE(file, nullptr) << sf_strerror(nullptr);
+    sf_writef_int(file, samples.data(), sf_count_t(samples.size()) / channels);
+    sf_close(file);
+}
+
+Sound readSound(std::string const& path)
+{
+    Sound sound;
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &sound.info);
+    if (!file)
+        return sound;
+    sound.samples.resize(size_t(sound.info.frames) * size_t(sound.info.channels));
+    sf_readf_int(file, sound.samples.data(), sound.info.frames);
+    sf_close(file);
+    return sound;
+}
+
+int64_t floorDiv(int64_t a, int64_t b)
+{
+    return a >= 0 ? a / b : -((-a + b - 1) / b);
+}
+
+int64_t clamp(int64_t v, int64_t lo, int64_t hi)
+{
+    return v < lo ? lo : (v > hi ? hi : v);
+}
+
+// What a pass-through chain must deliver for a 32-bit input word, read back left-justified: the word
+// becomes a sample with 27 fraction bits (4 dropped bits floored), then each format rounds half up and
+// clips to its full scale.
+int32_t expectedThroughFormat(int32_t word, int bits)
+{
+    int64_t const sample = floorDiv(word, 16);
+    if (bits == 32)
+        return int32_t(sample * 16);
+    int64_t const step = int64_t(1) << (27 - (bits - 1));
+    int64_t const limit = int64_t(1) << (bits - 1);
+    int64_t const value = clamp(floorDiv(sample + step / 2, step), -limit, limit - 1);
+    return int32_t(value * (int64_t(1) << (32 - bits)));
+}
+
+std::vector<int32_t> testWords(size_t frames)
+{
+    // Full-scale edges and rounding boundaries first, then a pseudo-random stretch across many periods.
+    std::vector<int32_t> words{
+        0,    INT32_MAX, INT32_MIN, 0x7FFF8000, 0x7FFFFFF0,  0x00008000, 0x00007FFF, -0x8000, -0x8001, 0x80,
+        0x7F, -0x80,     -0x81,     0x12345678, -0x12345678, 15,         -1,         16,      -16};
+    uint32_t state = 12345;
+    while (words.size() < frames) {
+        state = state * 1664525u + 1013904223u;
+        words.push_back(int32_t(state));
+    }
+    return words;
+}
+
+class OrvandeldspToolTest : public testing::Test
+{
+protected:
+    void SetUp() override { m_dir = g_dir_make_tmp("orvandeldsp-tool-XXXXXX", nullptr); }
+    void TearDown() override
+    {
+        GDir* dir = g_dir_open(m_dir.c_str(), 0, nullptr);
+        while (char const* name = g_dir_read_name(dir))
+            g_remove((m_dir + "/" + name).c_str());
+        g_dir_close(dir);
+        g_rmdir(m_dir.c_str());
+    }
+
+    std::string path(std::string const& name) const { return m_dir + "/" + name; }
+
+    std::string writeConfig(std::string const& name, std::string const& text) const
+    {
+        g_file_set_contents(path(name).c_str(), text.c_str(), -1, nullptr);
+        return path(name);
+    }
+
+    std::string m_dir;
+};
+
+std::string const c_defaultConfig = PROJECT_SOURCE_DIR "/configs/default.xml";
+
+} // namespace
+
+TEST_F(OrvandeldspToolTest, RunsThirtyTwoBitInputBitExactIntoEveryFormat)
+{
+    size_t const frames = 3000;
+    auto const left = testWords(frames);
+    std::vector<int32_t> input;
+    for (size_t f = 0; f < frames; ++f) {
+        input.push_back(left[f]);
+        input.push_back(int32_t(~uint32_t(left[frames - 1 - f])));
+    }
+    writeSound(path("in.wav"), SF_FORMAT_PCM_32, 2, input);
+
+    for (auto const& [format, bits, subtype] : {std::tuple{"s16", 16, SF_FORMAT_PCM_16},
+                                                {"s24", 24, SF_FORMAT_PCM_24},
+                                                {"s32", 32, SF_FORMAT_PCM_32}}) {
+        auto const result = runTool({"run", "--quiet", "--format", format, path("in.wav"), path("out.wav")});
+        ASSERT_EQ(result.status, 0) << result.err;
+        EXPECT_EQ(result.out + result.err, "");
+        Sound const output = readSound(path("out.wav"));
+        EXPECT_EQ(output.info.format, SF_FORMAT_WAV | subtype) << format;
+        ASSERT_EQ(output.info.channels, 2);
+        ASSERT_EQ(output.samples.size(), input.size()) << format;
+        for (size_t i = 0; i < input.size(); ++i)
+            ASSERT_EQ(output.samples[i], expectedThroughFormat(input[i], bits)) << format << " sample " << i;
+    }
+}
+
+TEST_F(OrvandeldspToolTest, MonoInputFeedsBothChannelsAndTheOutputKeepsTheInputDepth)
+{
+    std::vector<int32_t> input;
+    for (int32_t v : {0, 1, -1, 32767, -32768, 12345, -4321})
+        input.push_back(int32_t(uint32_t(v) << 16));
+    writeSound(path("mono.wav"), SF_FORMAT_PCM_16, 1, input);
+    auto const result = runTool({"run", "--quiet", path("mono.wav"), path("out.wav")});
+    ASSERT_EQ(result.status, 0) << result.err;
+    Sound const output = readSound(path("out.wav"));
+    EXPECT_EQ(output.info.format, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+    ASSERT_EQ(output.samples.size(), 2 * input.size());
+    for (size_t f = 0; f < input.size(); ++f) {
+        EXPECT_EQ(output.samples[2 * f], input[f]);
+        EXPECT_EQ(output.samples[2 * f + 1], input[f]);
+    }
+
+    // The bundled routing example swaps the channels.
+    writeSound(path("stereo.wav"), SF_FORMAT_PCM_24, 2, {0x100, 0x200, -0x300, 0x400});
+    ASSERT_EQ(runTool({"run", "-c", PROJECT_SOURCE_DIR "/configs/swap-channels.xml", path("stereo.wav"),
+                       path("swapped.wav")})
+                  .status,
+              0);
+    Sound const swapped = readSound(path("swapped.wav"));
+    EXPECT_EQ(swapped.info.format, SF_FORMAT_WAV | SF_FORMAT_PCM_24);
+    EXPECT_EQ(swapped.samples, (std::vector<int32_t>{0x200, 0x100, 0x400, -0x300}));
+}
+
+TEST_F(OrvandeldspToolTest, ResultsDoNotDependOnThePeriod)
+{
+    writeSound(path("in.wav"), SF_FORMAT_PCM_32, 2, testWords(2 * 5003));
+    std::vector<Sound> outputs;
+    for (char const* period : {"64", "1000", "1280"}) {
+        ASSERT_EQ(runTool({"run", "-q", "--period", period, path("in.wav"), path("out.wav")}).status, 0);
+        outputs.push_back(readSound(path("out.wav")));
+    }
+    ASSERT_EQ(outputs[0].samples.size(), 2u * 5003u);
+    EXPECT_EQ(outputs[0].samples, outputs[1].samples);
+    EXPECT_EQ(outputs[0].samples, outputs[2].samples);
+}
+
+TEST_F(OrvandeldspToolTest, PrintsSummaryAndMeters)
+{
+    // 0.5 and 0.25 of full scale.
+    writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, {0x40000000, 0x20000000, 0, 0});
+    auto const result = runTool({"run", "--meters", path("in.wav"), path("out.wav")});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_NE(result.out.find("orvandeldsp: 2 frames in, 2 out, 0.000 s of audio at 48000 Hz"),
+              std::string::npos)
+        << result.out;
+    EXPECT_NE(result.out.find("real-time factor"), std::string::npos);
+    EXPECT_NE(result.out.find("orvandeldsp in[0] = 0.500000\norvandeldsp in[1] = 0.250000\n"),
+              std::string::npos);
+    EXPECT_NE(result.out.find("orvandeldsp meter level: peak 0.500000"), std::string::npos);
+    EXPECT_EQ(result.err, "");
+}
+
+TEST_F(OrvandeldspToolTest, ConfigFaultsAreOneLineWithStatusTwoAndNoOutput)
+{
+    std::string const stage = "<module type=\"input\" id=\"in\"/><module type=\"output\" id=\"out\">"
+                              "<parameter id=\"interleave-pattern\">01</parameter></module>";
+    std::string const toOut = "<cable out=\"in[0]\" in=\"out[0]\"/><cable out=\"in[1]\" in=\"out[1]\"/>";
+    struct Case
+    {
+        std::string config;
+        std::string message;
+    };
+    std::vector<Case> const cases{
+        {path("missing.xml"), "cannot read the file"},
+        {writeConfig("malformed.xml",
+                     "<dsp>\n  <module type=\"input\" id=\"in\">\n  <cable in=out[0]/>\n</dsp>\n"),
+         "malformed XML at line 3, column 14"},
+        {writeConfig("type.xml", "<dsp>" + stage + toOut + "<module type=\"gian\" id=\"g\"/></dsp>"),
+         "Module type gian not found in module factory"},
+        {writeConfig("spec.xml", "<dsp>" + stage + "<cable out=\"in[0]\" in=\"out\"/></dsp>"),
+         "something is wrong with the port spec - should be moduleid[portnum]: out"},
+        {writeConfig("value.xml",
+                     "<dsp><module type=\"output\" id=\"out\"><parameter id=\"interleave-pattern\">"
+                     "0x</parameter></module></dsp>"),
+         "not a number (stoi)"},
+        {writeConfig("nosink.xml", "<dsp>" + stage + toOut + "<module type=\"input\" id=\"spare\"/></dsp>"),
+         "module spare leads to no sink"},
+        {writeConfig("port.xml", "<dsp>" + stage +
+                                     "<cable out=\"in[0]\" in=\"out[0]\"/>"
+                                     "<cable out=\"in[2]\" in=\"out[1]\"/></dsp>"),
+         "cable from in[2] to out[1]: module in has no output port 2"},
+        {writeConfig("open.xml", "<dsp>" + stage + "<cable out=\"in[0]\" in=\"out[0]\"/></dsp>"),
+         "input port 1 of module out is not connected"},
+        {writeConfig("pattern.xml",
+                     "<dsp><module type=\"input\" id=\"in\"/><module type=\"output\" id=\"out\">"
+                     "<parameter id=\"interleave-pattern\">02</parameter></module>" +
+                         toOut + "</dsp>"),
+         "interleave-pattern 02 names input port 2"},
+    };
+    writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, {0, 0});
+    for (auto const& c : cases) {
+        std::string const expected = "orvandeldsp: config " + c.config + ": ";
+        g_file_set_contents(path("out.wav").c_str(), "keep", -1, nullptr);
+        for (auto const& args :
+             {std::vector<std::string>{"check", "--config", c.config},
+              std::vector<std::string>{"run", "--config", c.config, path("in.wav"), path("out.wav")}}) {
+            auto const result = runTool(args);
+            EXPECT_EQ(result.status, 2) << args[0] << " " << c.config << ": " << result.err;
+            EXPECT_EQ(result.err.rfind(expected, 0), 0u) << result.err;
+            EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
+            EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
+        }
+        gchar* kept = nullptr;
+        g_file_get_contents(path("out.wav").c_str(), &kept, nullptr, nullptr);
+        EXPECT_STREQ(kept, "keep") << c.config;
+        g_free(kept);
+    }
+}
+
+TEST_F(OrvandeldspToolTest, RunNeedsExactlyOneInputAndOneOutputStage)
+{
+    writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, {0, 0});
+    std::string const meters = "<module type=\"meter\" id=\"m\"/><module type=\"meter\" id=\"n\"/>";
+    for (auto const& [config, message] :
+         {std::pair{writeConfig("two.xml",
+                                "<dsp><module type=\"input\" id=\"a\"/><module type=\"input\" id=\"b\"/>" +
+                                    meters +
+                                    "<cable out=\"a[0]\" in=\"m[0]\"/><cable out=\"b[0]\" "
+                                    "in=\"n[0]\"/></dsp>"),
+                    "exactly one module of type \"input\", the config has 2"},
+          {writeConfig("none.xml",
+                       "<dsp><module type=\"input\" id=\"a\"/>" + meters +
+                           "<cable out=\"a[0]\" in=\"m[0]\"/><cable out=\"a[1]\" in=\"n[0]\"/></dsp>"),
+           "exactly one module of type \"output\", the config has 0"}}) {
+        EXPECT_EQ(runTool({"check", "-c", config}).status, 0);
+        auto const result = runTool({"run", "-c", config, path("in.wav"), path("out.wav")});
+        EXPECT_EQ(result.status, 2);
+        EXPECT_EQ(result.err, "orvandeldsp: config " + config + ": the tool needs " + message + "\n");
+        EXPECT_FALSE(g_file_test(path("out.wav").c_str(), G_FILE_TEST_EXISTS));
+    }
+}
+
+TEST_F(OrvandeldspToolTest, UsageAndIoErrors)
+{
+    writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, {0, 0});
+    for (auto const& args : std::vector<std::vector<std::string>>{
+             {},
+             {"mix"},
+             {"run", path("in.wav")},
+             {"run", "--period", "0", path("in.wav"), path("o.wav")},
+             {"run", "--period", "1281", path("in.wav"), path("o.wav")},
+             {"run", "--format", "u8", path("in.wav"), path("o.wav")},
+             {"run", "--progress", "--quiet", path("in.wav"), path("o.wav")},
+             {"run", "--loud", path("in.wav"), path("o.wav")},
+             {"graph"},
+             {"graph", "--format", "gif", "-o", path("g.gif")}}) {
+        auto const result = runTool(args);
+        EXPECT_EQ(result.status, 2) << (args.empty() ? "" : args[0]);
+        EXPECT_NE(result.err.find("usage: orvandeldsp"), std::string::npos) << result.err;
+    }
+    EXPECT_FALSE(g_file_test(path("o.wav").c_str(), G_FILE_TEST_EXISTS));
+
+    auto result = runTool({"run", path("nothing.wav"), path("o.wav")});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err.rfind("orvandeldsp: cannot read input " + path("nothing.wav"), 0), 0u) << result.err;
+    result = runTool({"run", path("in.wav"), path("no-dir/o.wav")});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err.rfind("orvandeldsp: cannot write output " + path("no-dir/o.wav"), 0), 0u)
+        << result.err;
+
+    result = runTool({"--version"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "orvandeldsp 1.0.0\n");
+    result = runTool({"--help"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_NE(result.out.find("The default config is " + c_defaultConfig), std::string::npos) << result.out;
+    result = runTool({"run", "--help"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_NE(result.out.find("orvandeldsp run [OPTION"), std::string::npos) << result.out;
+}
+
+TEST_F(OrvandeldspToolTest, CheckListsTheBundledConfigsAndGraphDrawsThem)
+{
+    auto const result = runTool({"check"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, c_defaultConfig + ": OK, 3 modules in signal-flow order\n"
+                                            "  in     input   0 in, 2 out\n"
+                                            "  level  meter   1 in, 0 out; [0] <- in[0]\n"
+                                            "  out    output  2 in, 0 out; [0] <- in[0], [1] <- in[1]\n"
+                                            "           interleave-pattern = 01\n");
+
+    GDir* configs = g_dir_open(PROJECT_SOURCE_DIR "/configs", 0, nullptr);
+    while (char const* name = g_dir_read_name(configs)) {
+        std::string const config = PROJECT_SOURCE_DIR "/configs/" + std::string(name);
+        EXPECT_EQ(runTool({"check", "-c", config}).status, 0) << config;
+    }
+    g_dir_close(configs);
+
+    auto const graph = runTool({"graph", "-o", path("chain.svg")});
+    ASSERT_EQ(graph.status, 0) << graph.err;
+    gchar* svg = nullptr;
+    ASSERT_TRUE(g_file_get_contents(path("chain.svg").c_str(), &svg, nullptr, nullptr));
+    EXPECT_NE(std::string(svg).find("<svg"), std::string::npos);
+    EXPECT_NE(std::string(svg).find("level"), std::string::npos);
+    g_free(svg);
+}

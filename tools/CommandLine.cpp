@@ -1,0 +1,251 @@
+#include "tools/CommandLine.h"
+
+#include "dsp/Chain.h"
+#include "tools/BundledConfigs.h"
+#include "tools/ChainLoader.h"
+#include "tools/ChainReport.h"
+#include "tools/GraphDrawing.h"
+#include "tools/OfflineHost.h"
+#include "tools/ToolError.h"
+
+#include <clocale>
+#include <cstdio>
+#include <cstring>
+#include <glib.h>
+#include <memory>
+#include <string>
+#include <unistd.h>
+
+namespace Zelmar {
+namespace Host {
+
+namespace {
+
+constexpr char const* c_programName = "orvandeldsp";
+
+constexpr char const* c_usage =
+    "usage: orvandeldsp run   [--config FILE] [--period FRAMES] [--format s16|s24|s32] [--meters]\n"
+    "                         [--progress|--quiet] INPUT.wav OUTPUT.wav\n"
+    "       orvandeldsp check [--config FILE]\n"
+    "       orvandeldsp graph [--config FILE] [--format png|svg|pdf] -o OUTPUT\n"
+    "       orvandeldsp --help | --version | COMMAND --help\n";
+
+// Chains that check and graph build without audio run at this rate.
+constexpr unsigned int c_checkSampleRate = 48000;
+
+constexpr char const* c_shortUsage = "usage: orvandeldsp run|check|graph [OPTIONS] (see orvandeldsp --help)";
+
+ToolError usageError(std::string const& problem)
+{
+    return ToolError(ToolError::c_badInput, problem + "\n" + c_shortUsage);
+}
+
+// Options of one command, parsed with GOption so that `COMMAND --help` lists them.
+class OptionParser
+{
+public:
+    OptionParser(char const* parameters, char const* summary) : m_context(g_option_context_new(parameters))
+    {
+        g_option_context_set_summary(m_context, summary);
+    }
+    ~OptionParser() { g_option_context_free(m_context); }
+    OptionParser(OptionParser const&) = delete;
+    OptionParser& operator=(OptionParser const&) = delete;
+
+    void add(GOptionEntry const* entries) { g_option_context_add_main_entries(m_context, entries, nullptr); }
+
+    // Leaves the positional arguments in argc/argv, after the command name.
+    void parse(int& argc, char**& argv)
+    {
+        GError* error = nullptr;
+        // GOption names the program in its help by prgname: "orvandeldsp run" there, plain elsewhere.
+        g_set_prgname(argv[0]);
+        bool const parsed = g_option_context_parse(m_context, &argc, &argv, &error);
+        g_set_prgname(c_programName);
+        if (!parsed) {
+            std::string const message = error->message;
+            g_error_free(error);
+            throw usageError(message);
+        }
+    }
+
+private:
+    GOptionContext* m_context;
+};
+
+std::string describeConfigDefault()
+{
+    return "the dsp config file (default: " + BundledConfigs::defaultConfig() + ")";
+}
+
+snd_pcm_format_t parsePcmFormat(char const* name)
+{
+    if (!name)
+        return SND_PCM_FORMAT_UNKNOWN;
+    if (std::strcmp(name, "s16") == 0)
+        return SND_PCM_FORMAT_S16_LE;
+    if (std::strcmp(name, "s24") == 0)
+        return SND_PCM_FORMAT_S24_3LE;
+    if (std::strcmp(name, "s32") == 0)
+        return SND_PCM_FORMAT_S32_LE;
+    throw usageError(std::string("unknown --format ") + name + " (use s16, s24 or s32)");
+}
+
+std::string configOrDefault(gchar const* config)
+{
+    return config ? config : BundledConfigs::defaultConfig();
+}
+
+int runCommand(int argc, char** argv)
+{
+    gchar* config = nullptr;
+    gint period = 1024;
+    gchar* format = nullptr;
+    gboolean meters = FALSE;
+    gboolean progress = FALSE;
+    gboolean quiet = FALSE;
+    std::string const configHelp = describeConfigDefault();
+    GOptionEntry const entries[] = {
+        {"config", 'c', 0, G_OPTION_ARG_FILENAME, &config, configHelp.c_str(), "FILE"},
+        {"period", 'p', 0, G_OPTION_ARG_INT, &period, "frames per period, 1 to 1280 (default 1024)",
+         "FRAMES"},
+        {"format", 'f', 0, G_OPTION_ARG_STRING, &format, "output samples (default: the input's bit depth)",
+         "s16|s24|s32"},
+        {"meters", 'm', 0, G_OPTION_ARG_NONE, &meters, "print the chain's peak meters at the end", nullptr},
+        {"progress", 0, 0, G_OPTION_ARG_NONE, &progress, "show progress even when stderr is no terminal",
+         nullptr},
+        {"quiet", 'q', 0, G_OPTION_ARG_NONE, &quiet, "print nothing but errors (and meters if asked for)",
+         nullptr},
+        {}};
+    OptionParser parser("INPUT.wav OUTPUT.wav", "Runs a sound file through a dsp chain into a WAV file.");
+    parser.add(entries);
+    parser.parse(argc, argv);
+    std::unique_ptr<gchar, decltype(&g_free)> const configOwner(config, g_free), formatOwner(format, g_free);
+
+    if (argc != 3)
+        throw usageError("run needs INPUT.wav and OUTPUT.wav");
+    if (period < 1 || period > int(Chain::getMaxNumFramesPerProcessCall()))
+        throw usageError("--period must be between 1 and 1280 frames");
+    if (progress && quiet)
+        throw usageError("--progress and --quiet exclude each other");
+
+    OfflineHost::Options options;
+    options.config = configOrDefault(config);
+    options.input = argv[1];
+    options.output = argv[2];
+    options.periodFrames = unsigned(period);
+    options.format = parsePcmFormat(format);
+    options.meters = meters;
+    options.progress = progress || isatty(STDERR_FILENO);
+    options.quiet = quiet;
+    OfflineHost::run(options);
+    return 0;
+}
+
+int checkCommand(int argc, char** argv)
+{
+    gchar* config = nullptr;
+    std::string const configHelp = describeConfigDefault();
+    GOptionEntry const entries[] = {
+        {"config", 'c', 0, G_OPTION_ARG_FILENAME, &config, configHelp.c_str(), "FILE"}, {}};
+    OptionParser parser("", "Loads and compiles a dsp config and lists its modules.");
+    parser.add(entries);
+    parser.parse(argc, argv);
+    std::unique_ptr<gchar, decltype(&g_free)> const configOwner(config, g_free);
+    if (argc != 1)
+        throw usageError("check takes no file arguments; name the config with --config");
+
+    std::string const path = configOrDefault(config);
+    ChainReport::print(*ChainLoader::load(path, c_checkSampleRate), path, stdout);
+    return 0;
+}
+
+int graphCommand(int argc, char** argv)
+{
+    gchar* config = nullptr;
+    gchar* format = nullptr;
+    gchar* output = nullptr;
+    std::string const configHelp = describeConfigDefault();
+    GOptionEntry const entries[] = {
+        {"config", 'c', 0, G_OPTION_ARG_FILENAME, &config, configHelp.c_str(), "FILE"},
+        {"format", 'f', 0, G_OPTION_ARG_STRING, &format,
+         "picture format (default: from OUTPUT's name, else svg)", "png|svg|pdf"},
+        {"output", 'o', 0, G_OPTION_ARG_FILENAME, &output, "the picture file to write", "OUTPUT"},
+        {}};
+    OptionParser parser("", "Draws a dsp chain's signal flow with Graphviz dot.");
+    parser.add(entries);
+    parser.parse(argc, argv);
+    std::unique_ptr<gchar, decltype(&g_free)> const configOwner(config, g_free), formatOwner(format, g_free),
+        outputOwner(output, g_free);
+    if (argc != 1 || !output)
+        throw usageError("graph needs -o OUTPUT");
+
+    std::string picture = format ? format : "svg";
+    if (!format) {
+        for (char const* extension : {"png", "pdf"}) {
+            if (g_str_has_suffix(output, (std::string(".") + extension).c_str()))
+                picture = extension;
+        }
+    }
+    if (picture != "png" && picture != "svg" && picture != "pdf")
+        throw usageError("unknown --format " + picture + " (use png, svg or pdf)");
+
+    GraphDrawing::draw(*ChainLoader::load(configOrDefault(config), c_checkSampleRate), picture, output);
+    return 0;
+}
+
+int dispatch(int argc, char** argv)
+{
+    if (argc < 2)
+        throw usageError("no command given");
+    std::string const command = argv[1];
+    if (command == "--help" || command == "-h") {
+        std::printf("%s\n"
+                    "  run    runs INPUT.wav through the chain into OUTPUT.wav\n"
+                    "  check  loads the config and lists its modules in signal-flow order\n"
+                    "  graph  draws the chain's signal flow with Graphviz dot\n\n"
+                    "The default config is %s\n",
+                    c_usage, BundledConfigs::defaultConfig().c_str());
+        return 0;
+    }
+    if (command == "--version") {
+        std::printf("orvandeldsp %s\n", ORVANDELDSP_VERSION);
+        return 0;
+    }
+    // The command takes the program name's place, so that GOption shows "orvandeldsp run" in its help.
+    std::string const name = "orvandeldsp " + command;
+    char** commandArgv = argv + 1;
+    int commandArgc = argc - 1;
+    commandArgv[0] = const_cast<char*>(name.c_str());
+    if (command == "run")
+        return runCommand(commandArgc, commandArgv);
+    if (command == "check")
+        return checkCommand(commandArgc, commandArgv);
+    if (command == "graph")
+        return graphCommand(commandArgc, commandArgv);
+    throw usageError("unknown command " + command);
+}
+
+} // namespace
+
+int CommandLine::run(int argc, char** argv)
+{
+    setlocale(LC_ALL, "");
+    // Numbers in the summary and the meters read the same whatever the user's locale.
+    setlocale(LC_NUMERIC, "C");
+    g_set_prgname(c_programName);
+    try {
+        return dispatch(argc, argv);
+    } catch (ToolError const& e) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "orvandeldsp: %s\n", e.what());
+        return e.getExitStatus();
+    } catch (std::exception const& e) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "orvandeldsp: %s\n", e.what());
+        return ToolError::c_ioFailure;
+    }
+}
+
+} // namespace Host
+} // namespace Zelmar

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <alsa/asoundlib.h>
+#include <string>
+
+namespace Zelmar {
+namespace Host {
+
+// Runs a chain over a sound file instead of a sound card: the file's frames go in period by period
+// through the chain's input stage, and whatever reaches the output stage is written to a WAV file.
+class OfflineHost
+{
+public:
+    struct Options
+    {
+        std::string config;
+        std::string input;
+        std::string output;
+        unsigned int periodFrames = 1024;
+        // SND_PCM_FORMAT_UNKNOWN follows the input's bit depth.
+        snd_pcm_format_t format = SND_PCM_FORMAT_UNKNOWN;
+        bool meters = false;
+        bool progress = false;
+        bool quiet = false;
+    };
+
+    // Throws ToolError; the output file appears only when the whole run succeeded.
+    static void run(Options const& options);
+
+    // 16-bit and narrower encodings give s16, 24-bit s24, 32-bit and floating point s32.
+    static snd_pcm_format_t formatForSubtype(int sndfileSubtype);
+};
+
+} // namespace Host
+} // namespace Zelmar

@@ -1,0 +1,42 @@
+#pragma once
+
+#include "tools/FileAudioBuffers.h"
+
+#include <sndfile.h>
+#include <string>
+#include <vector>
+
+namespace Zelmar {
+namespace Host {
+
+// A WAV file written under a temporary name beside its destination and renamed by commit(), so a
+// failed run never leaves a partial file where the user expects a result.
+class SoundFileWriter
+{
+public:
+    SoundFileWriter(std::string const& path, snd_pcm_format_t format, unsigned int numChannels,
+                    unsigned int sampleRate, unsigned int maxPeriodFrames);
+    // Removes the temporary file unless commit() succeeded.
+    ~SoundFileWriter();
+
+    SoundFileWriter(SoundFileWriter const&) = delete;
+    SoundFileWriter& operator=(SoundFileWriter const&) = delete;
+
+    void writePeriod(FileAudioBuffers const& playback, unsigned int frames);
+    void commit();
+
+    sf_count_t getNumFramesWritten() const { return m_framesWritten; }
+
+private:
+    void fail(std::string const& what);
+
+    std::string m_path;
+    std::string m_temporaryPath;
+    SNDFILE* m_file = nullptr;
+    std::vector<uint8_t> m_interleaved;
+    sf_count_t m_framesWritten = 0;
+    bool m_committed = false;
+};
+
+} // namespace Host
+} // namespace Zelmar
