@@ -1,6 +1,8 @@
 #include "dsp/DriftCompensator.h"
 
 #include "base/Tracer.h"
+#include "dsp/AlsaDriftCompensator.h"
+#include "dsp/HardwareDriftCompensator.h"
 #include "dsp/TimeStretchingDriftCompensator.h"
 #include "dsp/TimeStretchingLineInDriftCompensator.h"
 
@@ -33,15 +35,14 @@ std::unique_ptr<DriftCompensator> DriftCompensator::create(Tools::Hardware::Drif
 {
     using Type = Tools::Hardware::DriftCompensatorType;
     switch (type) {
+    case Type::HardwareClock:
+        return std::make_unique<HardwareDriftCompensator>();
+    case Type::AlsaControl:
+        return std::make_unique<AlsaDriftCompensator>();
     case Type::TimeStretching:
         return std::make_unique<TimeStretchingDriftCompensator>();
     case Type::TimeStretchingLineIn:
         return std::make_unique<TimeStretchingLineInDriftCompensator>();
-    case Type::HardwareClock:
-    case Type::AlsaControl:
-        // The clock-steering compensators (clock DAC, ALSA mixer control) are not in the library
-        // yet; until they are, a host asking for them gets none and must leave drift uncorrected.
-        return nullptr;
     }
     return nullptr;
 }

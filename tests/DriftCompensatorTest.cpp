@@ -133,6 +133,7 @@ TEST_F(DriftCompensatorTest, ReportsAtMostOncePerPeriodUntilAnyCompensatorStops)
     EXPECT_EQ(other.getFrameDelta(), -12);
 }
 
+// The clock-steering types are created in their own suites, which provide a device to open.
 TEST_F(DriftCompensatorTest, CreatesTheTimeStretchingTypes)
 {
     auto const playback = DriftCompensator::create(Type::TimeStretching);
@@ -143,8 +144,6 @@ TEST_F(DriftCompensatorTest, CreatesTheTimeStretchingTypes)
     auto const* lineInStretching = dynamic_cast<TimeStretchingLineInDriftCompensator*>(lineIn.get());
     ASSERT_NE(lineInStretching, nullptr);
     EXPECT_EQ(lineInStretching->getTimeStretcherModuleID(), "line-in-timestretcher");
-    EXPECT_EQ(DriftCompensator::create(Type::HardwareClock), nullptr);
-    EXPECT_EQ(DriftCompensator::create(Type::AlsaControl), nullptr);
     EXPECT_EQ(DriftCompensator::create(static_cast<Type>(7)), nullptr);
 }
 
