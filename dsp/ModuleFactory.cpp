@@ -3,6 +3,8 @@
 #include "dsp/BiQuad.h"
 #include "dsp/ClipGuard.h"
 #include "dsp/Delay.h"
+#include "dsp/DumpSamples.h"
+#include "dsp/FlacEncoder.h"
 #include "dsp/Gain.h"
 #include "dsp/InputStage.h"
 #include "dsp/Limiter.h"
@@ -32,6 +34,8 @@ ModuleFactory::ModuleFactory()
     registerModule<BiQuad>("biquad");
     registerModule<ClipGuard>("clipguard");
     registerModule<Delay>("delay");
+    registerModule<DumpSamples>("dump-samples");
+    registerModule<FlacEncoder>("flac-encoder");
     registerModule<Gain>("gain");
     registerModule<InputStage>("input");
     registerModule<Limiter>("limiter");

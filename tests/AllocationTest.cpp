@@ -1,9 +1,13 @@
 #include "dsp/Chain.h"
+#include "dsp/DumpSamples.h"
+#include "dsp/FlacEncoder.h"
 #include "dsp/InputStage.h"
 #include "dsp/OutputStage.h"
 #include "support/MemoryAlsaBuffers.h"
+#include "support/ModuleHarness.h"
 
 #include <atomic>
+#include <glib/gstdio.h>
 #include <gtest/gtest.h>
 
 // Every heap allocation, C and C++ alike, passes through these; only the thread that asked is counted,
@@ -84,4 +88,34 @@ TEST(ChainTest, ProcessingACompiledChainNeverTouchesTheHeap)
     }
     g_counting = false;
     EXPECT_EQ(g_heapCalls.load(), 0);
+}
+
+TEST(FlacEncoderTest, QueueingForTheWorkerThreadsNeverTouchesTheHeap)
+{
+    char* directory = g_dir_make_tmp("allocation-XXXXXX", nullptr);
+    {
+        auto encoder = std::make_shared<FlacEncoder>("enc");
+        auto dump = std::make_shared<DumpSamples>("dump");
+        Testing::ModuleHarness encoding(encoder), dumping(dump, true);
+        encoder->setParameters(Parameters{}, 48000);
+        dump->setParameters(Parameters{{"directory", directory}}, 48000);
+        encoder->startEncoding();
+        std::vector<tSample> const quiet(1280, tSample(0.01));
+        encoding.setInput(0, quiet);
+        encoding.setInput(1, quiet);
+        dumping.setInput(0, quiet);
+
+        g_heapCalls.store(0);
+        g_counting = true;
+        for (unsigned int period = 0; period < 200; ++period) {
+            encoder->process();
+            dump->process();
+        }
+        g_counting = false;
+        EXPECT_EQ(g_heapCalls.load(), 0);
+        encoder->stopEncoding();
+    }
+    g_remove((std::string(directory) + "/dump.raw").c_str());
+    g_rmdir(directory);
+    g_free(directory);
 }
