@@ -7,6 +7,7 @@
 
 #include <FLAC/stream_decoder.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
@@ -229,6 +230,46 @@ TEST(FlacEncoderTest, StoppedEncoderOnlyClearsItsQueue)
         expected.push_back(0x200000);
         expected.push_back(-0x200000);
     }
+    EXPECT_EQ(decode(stream), expected);
+}
+
+// Audio thread, encoder thread and main loop all at once; meant to be run under ThreadSanitizer too.
+TEST(FlacEncoderTest, AudioEncoderAndMainLoopThreadsRunTogether)
+{
+    unsigned int const frames = 2 * 48000;
+    std::vector<tSample> const left = noise(frames, 7), right = noise(frames, 8);
+    ModuleHarness harness(std::make_shared<FlacEncoder>("enc", 1u << 18));
+    auto& encoder = static_cast<FlacEncoder&>(harness.module());
+    encoder.setParameters(Parameters{}, 48000);
+    tBytes stream;
+    bool nextStream = false;
+    Tools::Connection connection = encoder.onFrameEncoded([&](FlacEncoder::tFrame frame) {
+        nextStream |= !stream.empty() && startsStream(*frame);
+        if (!nextStream)
+            stream.insert(stream.end(), frame->begin(), frame->end());
+    });
+    encoder.startEncoding();
+    std::atomic<bool> audioDone{false};
+    std::thread audio([&] {
+        for (unsigned int start = 0; start < frames; start += 1280) {
+            unsigned int const end = std::min(frames, start + 1280);
+            harness.process({std::vector<tSample>(left.begin() + start, left.begin() + end),
+                             std::vector<tSample>(right.begin() + start, right.begin() + end)});
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        audioDone = true;
+    });
+    EXPECT_TRUE(Testing::runMainLoopUntil([&] { return audioDone.load(); }, std::chrono::seconds(20)));
+    audio.join();
+    encoder.stopEncoding();
+    encoder.setParameters(Parameters{}, 48000);
+    drainMainLoop();
+    std::vector<int32_t> expected;
+    for (unsigned int i = 0; i < frames; ++i) {
+        expected.push_back(FlacEncoder::toFlacSample(left[i]));
+        expected.push_back(FlacEncoder::toFlacSample(right[i]));
+    }
+    EXPECT_EQ(encoder.getDroppedPairs(), 0u);
     EXPECT_EQ(decode(stream), expected);
 }
 
