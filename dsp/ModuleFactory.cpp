@@ -3,7 +3,9 @@
 #include "dsp/BiQuad.h"
 #include "dsp/ClipGuard.h"
 #include "dsp/Delay.h"
+#include "dsp/DumpSamples.h"
 #include "dsp/Equalizer.h"
+#include "dsp/FlacEncoder.h"
 #include "dsp/Gain.h"
 #include "dsp/InputStage.h"
 #include "dsp/Limiter.h"
@@ -34,7 +36,9 @@ ModuleFactory::ModuleFactory()
     registerModule<BiQuad>("biquad");
     registerModule<ClipGuard>("clipguard");
     registerModule<Delay>("delay");
+    registerModule<DumpSamples>("dump-samples");
     registerModule<Equalizer>("equalizer");
+    registerModule<FlacEncoder>("flac-encoder");
     registerModule<Gain>("gain");
     registerModule<InputStage>("input");
     registerModule<Limiter>("limiter");

@@ -1,12 +1,16 @@
 #include "dsp/Chain.h"
+#include "dsp/DumpSamples.h"
+#include "dsp/FlacEncoder.h"
 #include "dsp/InputStage.h"
 #include "dsp/OutputStage.h"
 #include "dsp/Sounds.h"
 #include "support/HeapWatch.h"
 #include "support/MemoryAlsaBuffers.h"
+#include "support/ModuleHarness.h"
 #include "support/SoundFiles.h"
 
 #include <atomic>
+#include <glib/gstdio.h>
 #include <gtest/gtest.h>
 
 // Every heap allocation, C and C++ alike, passes through these; only the thread that asked is counted,
@@ -143,4 +147,34 @@ TEST(SoundsTest, MixingAndDuckingNeverTouchTheHeap)
             ++soundingPeriods;
     }
     EXPECT_GT(soundingPeriods, 300u) << "voices were mixed and the music ducked";
+}
+
+TEST(FlacEncoderTest, QueueingForTheWorkerThreadsNeverTouchesTheHeap)
+{
+    char* directory = g_dir_make_tmp("allocation-XXXXXX", nullptr);
+    {
+        auto encoder = std::make_shared<FlacEncoder>("enc");
+        auto dump = std::make_shared<DumpSamples>("dump");
+        Testing::ModuleHarness encoding(encoder), dumping(dump, true);
+        encoder->setParameters(Parameters{}, 48000);
+        dump->setParameters(Parameters{{"directory", directory}}, 48000);
+        encoder->startEncoding();
+        std::vector<tSample> const quiet(1280, tSample(0.01));
+        encoding.setInput(0, quiet);
+        encoding.setInput(1, quiet);
+        dumping.setInput(0, quiet);
+
+        Testing::takeHeapCallsOfWatchedThreads();
+        Testing::watchHeapOnThisThread(true);
+        for (unsigned int period = 0; period < 200; ++period) {
+            encoder->process();
+            dump->process();
+        }
+        Testing::watchHeapOnThisThread(false);
+        EXPECT_EQ(Testing::takeHeapCallsOfWatchedThreads(), 0);
+        encoder->stopEncoding();
+    }
+    g_remove((std::string(directory) + "/dump.raw").c_str());
+    g_rmdir(directory);
+    g_free(directory);
 }

@@ -1,0 +1,131 @@
+#include "dsp/DumpSamples.h"
+#include "dsp/IllegalArgumentException.h"
+
+#include "base/Tracer.h"
+#include "support/MainLoop.h"
+#include "support/ModuleHarness.h"
+
+#include <cstring>
+#include <fstream>
+#include <glib.h>
+#include <glib/gstdio.h>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <mutex>
+#include <random>
+
+using namespace Zelmar;
+using Testing::ModuleHarness;
+
+namespace {
+
+class DumpSamplesTest : public testing::Test
+{
+protected:
+    void SetUp() override { m_directory = g_dir_make_tmp("dump-samples-XXXXXX", nullptr); }
+    void TearDown() override
+    {
+        for (char const* name : {"d.raw", "e.raw"})
+            g_remove((m_directory + "/" + name).c_str());
+        g_rmdir(m_directory.c_str());
+    }
+
+    std::vector<int32_t> readFile(char const* name) const
+    {
+        std::ifstream file(m_directory + "/" + name, std::ios::binary);
+        std::vector<char> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+        std::vector<int32_t> words(bytes.size() / 4);
+        std::memcpy(words.data(), bytes.data(), words.size() * 4);
+        EXPECT_EQ(bytes.size() % 4, 0u);
+        return words;
+    }
+
+    Parameters parameters() const { return Parameters{{"directory", m_directory}}; }
+
+    std::string m_directory;
+};
+
+std::vector<tSample> noise(unsigned int frames, unsigned int seed)
+{
+    std::mt19937 random(seed);
+    std::uniform_int_distribution<int32_t> value(INT32_MIN, INT32_MAX);
+    std::vector<tSample> samples(frames);
+    for (auto& s : samples)
+        s = tSample(value(random));
+    return samples;
+}
+
+std::vector<int32_t> raw(std::vector<tSample> const& samples)
+{
+    std::vector<int32_t> words;
+    for (tSample s : samples)
+        words.push_back(s.getRaw());
+    return words;
+}
+
+} // namespace
+
+TEST_F(DumpSamplesTest, PassesThroughAndWritesExactlyWhatItSaw)
+{
+    for (bool inPlace : {true, false}) {
+        std::vector<tSample> const input = noise(3 * 4096 + 77, inPlace ? 1 : 2);
+        std::vector<tSample> output;
+        {
+            ModuleHarness harness(std::make_shared<DumpSamples>("d"), inPlace);
+            harness.module().setParameters(parameters(), 48000);
+            // What came before the current recording is not in the file.
+            harness.processInPeriods({noise(2000, 9)}, 1280);
+            harness.module().setParameters(parameters(), 48000);
+            output = harness.processInPeriods({input}, 1280)[0];
+            EXPECT_EQ(static_cast<DumpSamples&>(harness.module()).getPath(), m_directory + "/d.raw");
+        }
+        EXPECT_EQ(raw(output), raw(input)) << inPlace;
+        EXPECT_EQ(readFile("d.raw"), raw(input)) << inPlace;
+    }
+}
+
+TEST_F(DumpSamplesTest, RejectsAMissingOrUnwritableDirectory)
+{
+    DumpSamples dump("d");
+    try {
+        dump.setParameters(Parameters{}, 48000);
+        FAIL();
+    } catch (IllegalArgumentException const& e) {
+        EXPECT_EQ(e.getMessage(), "DumpSamples d: parameter \"directory\" is missing");
+    }
+    try {
+        dump.setParameters(Parameters{{"directory", m_directory + "/none"}}, 48000);
+        FAIL();
+    } catch (IllegalArgumentException const& e) {
+        EXPECT_EQ(e.getMessage(), "DumpSamples d: cannot open " + m_directory + "/none/d.raw for writing");
+    }
+    DumpSamples nested("a/b");
+    EXPECT_THROW(nested.setParameters(parameters(), 48000), IllegalArgumentException);
+}
+
+TEST_F(DumpSamplesTest, SamplesWithoutRoomAreCountedAndReported)
+{
+    std::mutex mutex;
+    std::vector<std::string> messages;
+    Tools::Connection sink = Tools::Tracer::get().addSink([&](Tools::LogBufferEntry const& entry) {
+        std::lock_guard<std::mutex> lock(mutex);
+        messages.push_back(entry.message.str());
+    });
+    uint32_t dropped = 0;
+    {
+        // Below the wake-up threshold the audio thread never wakes the worker, so it falls behind.
+        ModuleHarness harness(std::make_shared<DumpSamples>("e", 1000));
+        harness.module().setParameters(parameters(), 48000);
+        for (int i = 0; i < 5; ++i)
+            harness.process({noise(600, i)});
+        dropped = static_cast<DumpSamples&>(harness.module()).getDroppedSamples();
+        EXPECT_GE(dropped, 1000u);
+        std::string const report = "DumpSamples e dropped " + std::to_string(dropped) +
+                                   " samples because its worker thread fell behind";
+        EXPECT_TRUE(Testing::runMainLoopUntil([&] {
+            std::lock_guard<std::mutex> lock(mutex);
+            return std::find(messages.begin(), messages.end(), report) != messages.end();
+        }));
+    }
+    EXPECT_EQ(readFile("e.raw").size() + dropped, 3000u);
+}
