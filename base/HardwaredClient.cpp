@@ -285,6 +285,21 @@ double HardwaredClient::getVolume() const
     return m_private->getVolume();
 }
 
+HardwaredClient::PropertyState HardwaredClient::tryGetProperty(char const* name, double& value) const
+{
+    GDBusProxy* proxy = m_private->getProxy();
+    if (!proxy)
+        return PropertyState::NoProxy;
+    GVariant* cached = g_dbus_proxy_get_cached_property(proxy, name);
+    if (!cached)
+        return PropertyState::Missing;
+    bool const isDouble = g_variant_is_of_type(cached, G_VARIANT_TYPE_DOUBLE);
+    if (isDouble)
+        value = g_variant_get_double(cached);
+    g_variant_unref(cached);
+    return isDouble ? PropertyState::Found : PropertyState::Missing;
+}
+
 Tools::Connection HardwaredClient::onVolumeChanged(std::function<void(double volume)> handler)
 {
     return m_private->m_volumeChanged.connect(std::move(handler));

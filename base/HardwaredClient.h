@@ -36,6 +36,16 @@ public:
 
     // The daemon's "volume" property as last seen, 0 while unknown.
     double getVolume() const;
+
+    // A property as the daemon last reported it, telling apart why there is none: no daemon to ask, or
+    // a daemon that does not (yet) report it. A property that is not a double counts as missing.
+    enum class PropertyState
+    {
+        Found,
+        NoProxy,
+        Missing
+    };
+    PropertyState tryGetProperty(char const* name, double& value) const;
     Tools::Connection onVolumeChanged(std::function<void(double volume)> handler);
 
     // An error handler that logs "<text> failed:" and the D-Bus error at tracer level 4.

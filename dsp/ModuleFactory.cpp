@@ -1,5 +1,7 @@
 #include "dsp/ModuleFactory.h"
 
+#include "dsp/AdaptiveBiquad.h"
+#include "dsp/AdaptiveLimiter.h"
 #include "dsp/BiQuad.h"
 #include "dsp/ClipGuard.h"
 #include "dsp/Delay.h"
@@ -33,6 +35,8 @@ ModuleFactory& ModuleFactory::get()
 // The one table of creatable types, in the order the type names are documented.
 ModuleFactory::ModuleFactory()
 {
+    registerModule<AdaptiveBiquad>("adaptive-biquad");
+    registerModule<AdaptiveLimiter>("adaptive-limiter");
     registerModule<BiQuad>("biquad");
     registerModule<ClipGuard>("clipguard");
     registerModule<Delay>("delay");

@@ -111,3 +111,16 @@ TEST_F(HardwaredClientTest, WithoutABusStaysDisconnectedAndRefusesCalls)
     EXPECT_TRUE(states.empty());
     EXPECT_FALSE(error.empty());
 }
+
+TEST_F(HardwaredClientTest, TellsWhyAPropertyCannotBeRead)
+{
+    double value = -1;
+    auto& client = HardwaredClient::get();
+    EXPECT_EQ(client.tryGetProperty("volume", value), HardwaredClient::PropertyState::NoProxy);
+    m_daemon.setVolume(30.0);
+    bringUpDaemon();
+    EXPECT_EQ(client.tryGetProperty("volume", value), HardwaredClient::PropertyState::Found);
+    EXPECT_EQ(value, 30.0);
+    EXPECT_EQ(client.tryGetProperty("colour", value), HardwaredClient::PropertyState::Missing);
+    EXPECT_EQ(value, 30.0);
+}

@@ -128,10 +128,15 @@ void FakeHardwared::onMethodCall(GDBusConnection*, gchar const*, gchar const*, g
 }
 
 GVariant* FakeHardwared::onGetProperty(GDBusConnection*, gchar const*, gchar const*, gchar const*,
-                                       gchar const*, GError**, gpointer self)
+                                       gchar const*, GError** error, gpointer self)
 {
     // "volume" is the interface's only property, and GDBus lets through only what the XML declares.
-    return g_variant_new_double(static_cast<FakeHardwared*>(self)->m_volume);
+    auto* daemon = static_cast<FakeHardwared*>(self);
+    if (daemon->m_withholdVolume) {
+        g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_PROPERTY, "volume not known yet");
+        return nullptr;
+    }
+    return g_variant_new_double(daemon->m_volume);
 }
 
 HardwaredBusTest::HardwaredBusTest()

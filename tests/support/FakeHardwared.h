@@ -29,6 +29,10 @@ public:
     // Emits PropertiesChanged, as the real daemon does on every volume change.
     void setVolume(double volume);
 
+    // Property reads answer that there is no "volume", like a daemon that has not set it up yet, so a
+    // client connecting afterwards has none.
+    void withholdVolume() { m_withholdVolume = true; }
+
     // Later SetHiddenVolumeDelta calls are recorded and answered with this D-Bus error; an empty
     // name makes them succeed again.
     void failCallsWith(std::string const& errorName, std::string const& message);
@@ -47,6 +51,7 @@ private:
     guint m_ownerId = 0;
     bool m_ownsName = false;
     double m_volume = 0.0;
+    bool m_withholdVolume = false;
     std::string m_errorName;
     std::string m_errorMessage;
     std::vector<double> m_receivedDeltas;

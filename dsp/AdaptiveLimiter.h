@@ -1,0 +1,16 @@
+#pragma once
+
+#include "dsp/Limiter.h"
+#include "dsp/VolumeAdaptiveModule.h"
+
+namespace Zelmar {
+
+// A limiter whose "threshold" is a curve over the device volume in dB. Unlike the adaptive biquad it
+// reports the threshold last applied, as a number, among its parameters.
+class AdaptiveLimiter : public VolumeAdaptiveModule<Limiter>
+{
+public:
+    explicit AdaptiveLimiter(Tools::String const& id);
+};
+
+} // namespace Zelmar

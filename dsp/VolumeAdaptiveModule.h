@@ -1,0 +1,98 @@
+#pragma once
+
+#include "base/HardwaredClient.h"
+#include "base/Signal.h"
+#include "base/Tracer.h"
+#include "dsp/DeviceVolume.h"
+#include "dsp/LinearInterpolator.h"
+#include "dsp/Parameters.h"
+
+#include <cstdio>
+#include <exception>
+
+namespace Zelmar {
+
+class Chain;
+
+// A module whose parameter `curveKey` is a curve over the device volume in dB ("-60=9,0=0") rather than
+// a number: the base module is always configured with the curve's value at the current volume, and is
+// configured again whenever the volume changes. Runs on the main loop thread only; the base's audio
+// path sees the result through its usual parameter hand-over.
+template <class Base> class VolumeAdaptiveModule : public Base
+{
+public:
+    using tControlGain = FixedPoint<12, 19, true>;
+
+    VolumeAdaptiveModule(Tools::String const& id, char const* curveKey) : Base(id), m_curveKey(curveKey) {}
+
+    // Loads the curve, applies it at the volume last seen, then at the volume the daemon reports now.
+    // Throws std::invalid_argument when the curve has no breakpoint, and what std::stod throws.
+    void setParameters(Parameters const& params, unsigned int sampleRate) override
+    {
+        m_storedParameters = params;
+        Parameters withoutCurve;
+        for (auto const& entry : params.getParams()) {
+            if (entry.first == m_curveKey)
+                m_interpolator.load(entry.second);
+            else
+                withoutCurve.set(entry.first, entry.second);
+        }
+        setParamsWithInterpolated(withoutCurve, sampleRate);
+        setControlGain(DeviceVolume::read());
+    }
+
+    void onModuleAddedToChain(Chain& chain) override
+    {
+        Base::onModuleAddedToChain(chain);
+        m_volumeSubscription =
+            HardwaredClient::get().onVolumeChanged([this](double volume) { followVolume(volume); });
+    }
+
+    // Re-applies the curve at `volumeDb`, unless that is the volume in force already.
+    void setControlGain(tControlGain volumeDb)
+    {
+        if (volumeDb.toFloat() == m_controlGain.toFloat())
+            return;
+        m_controlGain = volumeDb;
+        Parameters params = m_storedParameters;
+        setParamsWithInterpolated(params, this->getSampleRate());
+    }
+
+    tControlGain getControlGain() const { return m_controlGain; }
+
+protected:
+    void setParamsWithInterpolated(Parameters& params, unsigned int sampleRate)
+    {
+        LinearInterpolator::tValue const value = m_interpolator.getInterpolated(m_controlGain);
+        char text[32];
+        std::snprintf(text, sizeof text, "%f", value.toDouble());
+        params.set(m_curveKey, text);
+        Base::setParameters(params, sampleRate);
+    }
+
+    Parameters const& getStoredParameters() const { return m_storedParameters; }
+
+private:
+    // Called from a D-Bus signal, which an exception must not cross; a curve that cannot be applied was
+    // already reported when it was configured. Before that the volume is only noted, to start from.
+    void followVolume(double volume)
+    {
+        if (this->getSampleRate() == 0) {
+            m_controlGain = DeviceVolume::toDb(volume);
+            return;
+        }
+        try {
+            setControlGain(DeviceVolume::toDb(volume));
+        } catch (std::exception const& e) {
+            Tools::trace(Tools::Tracer::Error, this->getID(), "cannot follow the volume:", e.what());
+        }
+    }
+
+    char const* m_curveKey;
+    LinearInterpolator m_interpolator;
+    tControlGain m_controlGain;
+    Parameters m_storedParameters;
+    Tools::Connection m_volumeSubscription;
+};
+
+} // namespace Zelmar
