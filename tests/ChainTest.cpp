@@ -130,14 +130,15 @@ TEST(ChainTest, PrintingMetersSwitchesMeteringOnAndReportsAMutedOutput)
     EXPECT_NE(printed.find(name + " output is MUTED\n"), std::string::npos);
 }
 
-TEST(ChainTest, FactoryKnowsOnlyDocumentedTypesInDocumentedOrder)
+TEST(ChainTest, FactoryKnowsExactlyTheDocumentedTypes)
 {
     std::vector<Tools::String> const documented = {
         "adaptive-biquad", "adaptive-limiter", "biquad", "clipguard", "delay", "dump-samples", "equalizer",
         "flac-encoder", "gain", "input", "limiter", "meter", "mixer", "output", "patchbay", "signal-detector",
         "phase-invert", "resampler", "sounds", "switch", "stereo-biquad", "timestretcher", "stereo-equalizer"};
-    for (auto const& name : ModuleFactory::get().getTypeNames())
-        EXPECT_NE(std::find(documented.begin(), documented.end(), name), documented.end()) << name;
+    auto sorted = documented;
+    std::sort(sorted.begin(), sorted.end());
+    EXPECT_EQ(ModuleFactory::get().getTypeNames(), sorted);
     std::unique_ptr<Module> meter(ModuleFactory::get().createModule("meter", "g1"));
     EXPECT_EQ(meter->getID(), "g1");
     EXPECT_EQ(meter->getType(), "meter");
