@@ -1,5 +1,7 @@
 #include "dsp/BiQuad.h"
 
+#include "dsp/IllegalArgumentException.h"
+
 namespace Zelmar {
 
 BiQuad::ParameterSet::ParameterSet(Parameters const& params, unsigned int sampleRate)
@@ -17,6 +19,25 @@ void BiQuad::setParameters(Parameters const& params, unsigned int sampleRate)
 {
     Module::setParameters(params, sampleRate);
     setFutureParameterSet(new ParameterSet(params, sampleRate));
+}
+
+void BiQuad::validateParameters(Parameters const& params, unsigned int sampleRate) const
+{
+    AudioFilter::Characteristic type = tBiQuadDesign::translateType(params.getString("type"));
+    double const frequency = params.getDouble("frequency");
+    double const q = params.getDouble("q");
+    double const gain = params.getDouble("gain");
+    if (frequency >= 0.5 * sampleRate)
+        type = AudioFilter::Characteristic::Passthru;
+    bool const usesQ = type != AudioFilter::Characteristic::Passthru &&
+                       type != AudioFilter::Characteristic::LoShelf &&
+                       type != AudioFilter::Characteristic::HiShelf;
+    if (usesQ && q == 0.0)
+        throw IllegalArgumentException("q of module %0 must not be 0", getID());
+    double c[5];
+    tBiQuadDesign::design(type, sampleRate, frequency, q, gain, c);
+    for (double const coefficient : c)
+        requireSampleRange(coefficient, "a filter coefficient");
 }
 
 void BiQuad::lookUpPrecalculatedKernel(ParameterSet const& ps)

@@ -23,6 +23,7 @@ public:
     ~BiQuad() override = default;
 
     void setParameters(Parameters const& params, unsigned int sampleRate) override;
+    void validateParameters(Parameters const& parameters, unsigned int sampleRate) const override;
     unsigned int getNumOutPorts() const override { return 1; }
     unsigned int getNumInPorts() const override { return 1; }
     void process() override;

@@ -58,11 +58,23 @@ public:
     static void get(Characteristic type, tNumber sampleRate, tNumber frequency, tNumber Q, tNumber gainDb,
                     tCoefficient& b0, tCoefficient& b1, tCoefficient& b2, tCoefficient& a1, tCoefficient& a2)
     {
+        tNumber c[5] = {};
+        design(type, sampleRate, frequency, Q, gainDb, c);
+        b0 = toCoefficient(c[0]);
+        b1 = toCoefficient(c[1]);
+        b2 = toCoefficient(c[2]);
+        a1 = toCoefficient(c[3]);
+        a2 = toCoefficient(c[4]);
+    }
+
+    // The coefficients before conversion, so that a caller can check they fit first.
+    static void design(Characteristic type, tNumber sampleRate, tNumber frequency, tNumber Q, tNumber gainDb,
+                       tNumber (&c)[5])
+    {
         tNumber const V = getV(gainDb);
         tNumber const K = getK(sampleRate, frequency);
         bool const boost = gainDb >= tNumber(0);
         auto const overQ = [Q](tNumber v) { return v / Q; };
-        tNumber c[5] = {};
         switch (type) {
         case Characteristic::Passthru:
             c[0] = 1, c[1] = 0, c[2] = 0, c[3] = 0, c[4] = 0;
@@ -87,11 +99,6 @@ public:
         default:
             g_log(Tools::c_logDomain, G_LOG_LEVEL_ERROR, "Unknown filter type");
         }
-        b0 = toCoefficient(c[0]);
-        b1 = toCoefficient(c[1]);
-        b2 = toCoefficient(c[2]);
-        a1 = toCoefficient(c[3]);
-        a2 = toCoefficient(c[4]);
     }
 
     // The building blocks of get(), for designs that form K/Q differently (the tone controls multiply

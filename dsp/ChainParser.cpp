@@ -33,8 +33,10 @@ ChainParser::ChainParser(Chain& chain, Tools::String const& path) : m_chain(chai
 
 void ChainParser::applyDelayedParameters()
 {
-    for (auto const& [module, parameters] : m_delayedParameters)
+    for (auto const& [module, parameters] : m_delayedParameters) {
+        module->validateParameters(parameters, m_chain.getSampleRate());
         module->setParameters(parameters, m_chain.getSampleRate());
+    }
 }
 
 Tools::String ChainParser::findAttribute(char const** names, char const** values, char const* name)

@@ -30,6 +30,11 @@ void Gain::setParameters(Parameters const& params, unsigned int sampleRate)
     m_gainChangeIncrement = calcGainChangeIncrement(sampleRate);
 }
 
+void Gain::validateParameters(Parameters const& params, unsigned int) const
+{
+    requireSampleRange(std::pow(2.0, params.getDouble("gain") / 6.0), "the gain factor");
+}
+
 void Gain::fadeTo(tSample dB)
 {
     float const exponent = (dB / c_six).toFloat();

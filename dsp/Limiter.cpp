@@ -16,6 +16,13 @@ void Limiter::setParameters(Parameters const& params, unsigned int sampleRate)
     m_releaseCoefficient = calcCoefficient(releaseMs, sampleRate);
 }
 
+void Limiter::validateParameters(Parameters const& params, unsigned int sampleRate) const
+{
+    requireSampleRange(std::pow(2.0, params.getDouble("threshold") / 6.0), "the threshold factor");
+    for (char const* key : {"attack", "release"})
+        requireSampleRange(std::pow(0.01, 1.0 / (params.getDouble(key) * sampleRate * 0.001)), key);
+}
+
 tSample Limiter::calcCoefficient(double ms, unsigned int sampleRate)
 {
     // Goes through float on the way to Q4.27, which is what fixes the exact coefficient bits.

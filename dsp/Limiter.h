@@ -14,6 +14,7 @@ public:
 
     // "attack" and "release" in ms (99 % of a rise or fall), "threshold" in dB at six per doubling.
     void setParameters(Parameters const& params, unsigned int sampleRate) override;
+    void validateParameters(Parameters const& parameters, unsigned int sampleRate) const override;
     unsigned int getNumOutPorts() const override { return 1; }
     unsigned int getNumInPorts() const override { return 1; }
     void process() override;

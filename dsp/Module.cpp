@@ -59,6 +59,33 @@ void Module::setParameters(Parameters const& parameters, unsigned int sampleRate
     m_sampleRate = sampleRate;
 }
 
+void Module::validateParameters(Parameters const&, unsigned int) const {}
+
+void Module::applyParameters(Parameters const& parameters, unsigned int sampleRate)
+{
+    validateParameters(parameters, sampleRate);
+    Parameters const previous = getParameters();
+    try {
+        setParameters(parameters, sampleRate);
+    } catch (...) {
+        try {
+            validateParameters(previous, sampleRate);
+            setParameters(previous, sampleRate);
+        } catch (...) {
+            // The previous set was never valid either (a module that was not configured yet).
+        }
+        throw;
+    }
+}
+
+void Module::requireSampleRange(double value, char const* what) const
+{
+    float const narrowed = static_cast<float>(value);
+    if (!(narrowed < 16.0f && narrowed > -16.0f))
+        throw IllegalArgumentException("%0 of module %1 is out of range: %2 does not fit a sample (|x| < 16)",
+                                       what, m_id, value);
+}
+
 void Module::activeInPlaceProcessingForPort(unsigned int inPort)
 {
     m_ins[inPort].inPlace = true;

@@ -44,6 +44,9 @@ public:
     virtual void preSetup(Chain& chain, unsigned int maxFrames);
     virtual void postSetup(unsigned int maxFrames);
     virtual void setParameters(Parameters const& parameters, unsigned int sampleRate);
+    // States what the module accepts: throws IllegalArgumentException (or the parse error) for a set that
+    // setParameters would refuse with an assertion or would apply only in part. Changes nothing.
+    virtual void validateParameters(Parameters const& parameters, unsigned int sampleRate) const;
     virtual unsigned int getNumOutPorts() const = 0;
     virtual unsigned int getNumInPorts() const = 0;
     virtual void process() = 0;
@@ -61,6 +64,8 @@ public:
 
     // Applies one key on top of the current configuration through setParameters.
     void setParameter(Tools::String const& key, Tools::String const& value);
+    // Validates, then sets; a set that still throws is undone, so the module keeps what it had.
+    void applyParameters(Parameters const& parameters, unsigned int sampleRate);
 
     std::shared_ptr<AudioBuffer> getInPort(unsigned int inPort) const;
     std::shared_ptr<AudioBuffer> getOutPort(unsigned int port) const { return m_outputs[port]; }
@@ -85,6 +90,8 @@ public:
     ParameterSet* getCurrentParameterSet();
 
 protected:
+    // Throws when value, converted to a sample through single precision, would not fit (16 or more, NaN).
+    void requireSampleRange(double value, char const* what) const;
     // Audio-thread access to the buffers without touching shared-pointer counts; wired ports only.
     AudioBuffer& inBuffer(unsigned int inPort) const { return *m_ins[inPort].module->m_outputs[m_ins[inPort].port]; }
     AudioBuffer& outBuffer(unsigned int port) const { return *m_outputs[port]; }

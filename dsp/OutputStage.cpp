@@ -1,5 +1,7 @@
 #include "dsp/OutputStage.h"
 
+#include "dsp/IllegalArgumentException.h"
+
 #include <cmath>
 #include <string>
 
@@ -24,6 +26,20 @@ void OutputStage::setParameters(Parameters const& parameters, unsigned int sampl
     for (char const digit : pattern.str())
         m_interleavePattern.push_back(std::stoi(std::string(1, digit)));
     calcGainChangeIncrements(sampleRate);
+}
+
+void OutputStage::validateParameters(Parameters const& parameters, unsigned int) const
+{
+    // The pattern's length is the port count, fixed once the chain is compiled; each digit picks the
+    // input port of one channel, which the audio thread does not check again.
+    Tools::String const pattern = parameters.getString("interleave-pattern");
+    std::size_t const ports = m_ins.empty() ? pattern.str().size() : m_ins.size();
+    bool valid = pattern.str().size() == ports;
+    for (char const digit : pattern.str())
+        valid = valid && static_cast<std::size_t>(std::stoi(std::string(1, digit))) < ports;
+    if (!valid)
+        throw IllegalArgumentException("interleave-pattern of module %0 does not fit its %1 input ports: %2",
+                                       getID(), ports, pattern);
 }
 
 void OutputStage::calcGainChangeIncrements(unsigned int sampleRate)

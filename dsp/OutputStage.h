@@ -23,6 +23,7 @@ public:
     void setOutput(AlsaAudioBuffersWrapperBase* output) { m_output = output; }
 
     void setParameters(Parameters const& parameters, unsigned int sampleRate) override;
+    void validateParameters(Parameters const& parameters, unsigned int sampleRate) const override;
     unsigned int getNumOutPorts() const override { return 0; }
     unsigned int getNumInPorts() const override { return static_cast<unsigned int>(m_interleavePattern.size()); }
     void process() override;

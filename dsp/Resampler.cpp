@@ -32,6 +32,18 @@ void Resampler::setParameters(Parameters const& parameters, unsigned int sampleR
     // Read position and phase run on: output resumes once the restarted histories catch up.
 }
 
+void Resampler::validateParameters(Parameters const& parameters, unsigned int sampleRate) const
+{
+    int const sourceRate = parameters.getInt("source-rate");
+    if (sourceRate <= 0)
+        throw IllegalArgumentException("resampler %0 needs a positive source-rate in Hz, got %1", getID(),
+                                       sourceRate);
+    // The step source/sink has five integer bits.
+    if (static_cast<double>(sourceRate) >= 32.0 * sampleRate)
+        throw IllegalArgumentException("resampler %0 cannot take a source-rate of %1 Hz at %2 Hz", getID(),
+                                       sourceRate, sampleRate);
+}
+
 double Resampler::getRatio() const
 {
     return static_cast<double>(getSampleRate()) / static_cast<double>(m_sourceRate);

@@ -20,6 +20,7 @@ public:
     ~Resampler() override = default;
 
     void setParameters(Parameters const& parameters, unsigned int sampleRate) override;
+    void validateParameters(Parameters const& parameters, unsigned int sampleRate) const override;
     void process() override;
 
     unsigned int getSourceRate() const { return m_sourceRate; }

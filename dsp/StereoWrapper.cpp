@@ -38,6 +38,11 @@ void StereoWrapper::postSetup(unsigned int maxFrames)
     }
 }
 
+void StereoWrapper::validateParameters(Parameters const& parameters, unsigned int sampleRate) const
+{
+    m_left->validateParameters(parameters, sampleRate);
+}
+
 void StereoWrapper::setParameters(Parameters const& parameters, unsigned int sampleRate)
 {
     Module::setParameters(parameters, sampleRate);

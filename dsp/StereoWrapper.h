@@ -17,6 +17,7 @@ public:
     void preSetup(Chain& chain, unsigned int maxFrames) override;
     void postSetup(unsigned int maxFrames) override;
     void setParameters(Parameters const& parameters, unsigned int sampleRate) override;
+    void validateParameters(Parameters const& parameters, unsigned int sampleRate) const override;
     unsigned int getNumOutPorts() const override { return 2 * m_left->getNumOutPorts(); }
     unsigned int getNumInPorts() const override { return 2 * m_left->getNumInPorts(); }
     void process() override;

@@ -74,6 +74,19 @@ void ThreeBandStereoEQ::setParameters(Parameters const& params, unsigned int sam
     setFutureParameterSet(ps);
 }
 
+void ThreeBandStereoEQ::validateParameters(Parameters const& params, unsigned int) const
+{
+    // Every band's coefficients stay below its linear gain, so |gain| below 24 dB keeps them in range.
+    double largest = 0.0;
+    for (char const* key : {"low-gain", "mid-gain", "high-gain"}) {
+        double const gain = params.getDouble(key);
+        requireSampleRange(std::pow(10.0, std::fabs(gain) / 20.0), key);
+        largest = std::max(largest, gain);
+    }
+    if (params.getBool("gain-correction"))
+        requireSampleRange(largest, "the hidden volume delta");
+}
+
 void ThreeBandStereoEQ::onModuleAddedToChain(Chain& chain)
 {
     Module::onModuleAddedToChain(chain);

@@ -35,6 +35,7 @@ public:
 
     bool canProcessInPlace() const override { return true; }
     void setParameters(Parameters const& params, unsigned int sampleRate) override;
+    void validateParameters(Parameters const& parameters, unsigned int sampleRate) const override;
     unsigned int getNumOutPorts() const override { return 2; }
     unsigned int getNumInPorts() const override { return 2; }
     void process() override;

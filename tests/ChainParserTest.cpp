@@ -1,6 +1,7 @@
 #include "dsp/ChainParser.h"
 
 #include "dsp/Chain.h"
+#include "dsp/IllegalArgumentException.h"
 #include "dsp/ParsingException.h"
 #include "dsp/StereoWrapper.h"
 
@@ -84,6 +85,9 @@ TEST(ChainParserTest, ChainFaultsRaisedInsideTheParserReachTheCaller)
     ConfigFile badNumber(R"(<dsp><module type="output" id="o"><parameter id="interleave-pattern">0x</parameter>
       </module></dsp>)");
     EXPECT_THROW(Chain(48000, badNumber.path()), std::invalid_argument);
+    // A value the module would meet with an assertion is refused as an argument error instead.
+    ConfigFile tooLoud(R"(<dsp><module type="gain" id="g"><parameter id="gain">24</parameter></module></dsp>)");
+    EXPECT_THROW(Chain(48000, tooLoud.path()), IllegalArgumentException);
 }
 
 TEST(ChainParserDeathTest, UnreadableOrMalformedFilesEndTheProcess)
