@@ -255,7 +255,7 @@ TEST_F(OrvandeldspToolTest, ConfigFaultsAreOneLineWithStatusTwoAndNoOutput)
                      "<dsp><module type=\"input\" id=\"in\"/><module type=\"output\" id=\"out\">"
                      "<parameter id=\"interleave-pattern\">02</parameter></module>" +
                          toOut + "</dsp>"),
-         "interleave-pattern 02 names input port 2"},
+         "interleave-pattern of module out does not fit its 2 input ports: 02"},
     };
     writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, {0, 0});
     for (auto const& c : cases) {

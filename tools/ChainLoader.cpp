@@ -1,7 +1,6 @@
 #include "tools/ChainLoader.h"
 
 #include "dsp/IllegalArgumentException.h"
-#include "dsp/OutputStage.h"
 #include "dsp/ParsingException.h"
 #include "dsp/StereoWrapper.h"
 #include "tools/ToolError.h"
@@ -94,7 +93,6 @@ std::unique_ptr<Chain> ChainLoader::load(std::string const& path, unsigned int s
     try {
         chain->load(path, false);
         checkWiring(*chain, path);
-        checkOutputPatterns(*chain, path);
         chain->compile();
         checkInputsConnected(*chain, path);
     } catch (ToolError const&) {
@@ -184,21 +182,6 @@ void ChainLoader::checkWiring(Chain const& chain, std::string const& path)
     if (!lost.empty())
         throw configError(path, "module " + lost +
                                     " leads to no sink: wire it on to an output or a meter, or remove it");
-}
-
-void ChainLoader::checkOutputPatterns(Chain const& chain, std::string const& path)
-{
-    forEachModuleAndInner(chain, [&](Module const& module) {
-        if (!dynamic_cast<OutputStage const*>(&module))
-            return;
-        std::string const pattern = module.getParameters().getString("interleave-pattern").str();
-        for (char const digit : pattern) {
-            if (unsigned(digit - '0') >= module.getNumInPorts())
-                throw configError(path, "module " + module.getID().str() + ": interleave-pattern " + pattern +
-                                            " names input port " + digit + ", but the stage has ports 0 to " +
-                                            std::to_string(module.getNumInPorts() - 1));
-        }
-    });
 }
 
 void ChainLoader::checkInputsConnected(Chain const& chain, std::string const& path)

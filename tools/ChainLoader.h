@@ -20,7 +20,6 @@ public:
 private:
     static void checkReadableAndWellFormed(std::string const& path);
     static void checkWiring(Chain const& chain, std::string const& path);
-    static void checkOutputPatterns(Chain const& chain, std::string const& path);
     static void checkInputsConnected(Chain const& chain, std::string const& path);
 };
 
