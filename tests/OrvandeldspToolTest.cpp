@@ -456,3 +456,39 @@ TEST_F(OrvandeldspToolTest, DriftIsCorrectedByInsertingOrDroppingInconspicuousFr
         << result.err;
     EXPECT_EQ(runTool({"run", "--drift", "fast", path("in.wav"), path("o.wav")}).status, 2);
 }
+
+TEST_F(OrvandeldspToolTest, DetectPrintsTheDetectorsTransitionsAtAudioTimes)
+{
+    // Silence past the start-up skip, a -20 dB tone from 3.1 s to 5 s, then silence.
+    std::vector<int32_t> input;
+    for (size_t f = 0; f < 20 * 48000; ++f) {
+        double const t = double(f) / 48000.0;
+        int32_t const word = t >= 3.1 && t < 5.0
+                                 ? int32_t(std::lround(0.1 * 32767.0 * std::sin(2.0 * M_PI * 1000.0 * t)))
+                                       << 16
+                                 : 0;
+        input.push_back(word);
+        input.push_back(word);
+    }
+    writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, input);
+    std::string const lineIn = PROJECT_SOURCE_DIR "/configs/line-in.xml";
+    auto result = runTool({"run", "-c", lineIn, "--detect", "--threshold-dir", m_dir, "--period", "1000",
+                           path("in.wav"), path("out.wav")});
+    ASSERT_EQ(result.status, 0) << result.err;
+    // Active at the first poll after the tone began; silent once the 10 s hold after the last loud
+    // period has run out, which the detector's trailing mean level delays by up to two more polls.
+    std::string const active = "orvandeldsp detect 3.250 s: active, reason 2 (Rms value is over threshold)\n";
+    ASSERT_EQ(result.out.rfind(active, 0), 0u) << result.out;
+    double silentAt = 0.0;
+    ASSERT_EQ(
+        std::sscanf(result.out.c_str() + active.size(), "orvandeldsp detect %lf s: silent\n", &silentAt), 1)
+        << result.out;
+    EXPECT_GE(silentAt, 15.0);
+    EXPECT_LE(silentAt, 15.5);
+    EXPECT_NE(result.out.find(", 2 signal transitions\n"), std::string::npos) << result.out;
+
+    result = runTool({"run", "-c", c_passthroughConfig, "--detect", path("in.wav"), path("o.wav")});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "orvandeldsp: config " + c_passthroughConfig +
+                              ": --detect needs a module of type \"signal-detector\"\n");
+}

@@ -26,7 +26,8 @@ constexpr char const* c_programName = "orvandeldsp";
 
 constexpr char const* c_usage =
     "usage: orvandeldsp run   [--config FILE] [--period FRAMES] [--format s16|s24|s32] [--meters]\n"
-    "                         [--rate HZ] [--drift PPM] [--progress|--quiet] INPUT.wav OUTPUT.wav\n"
+    "                         [--rate HZ] [--drift PPM] [--detect [--threshold-dir DIR]]\n"
+    "                         [--progress|--quiet] INPUT.wav OUTPUT.wav\n"
     "       orvandeldsp check [--config FILE]\n"
     "       orvandeldsp graph [--config FILE] [--format png|svg|pdf] -o OUTPUT\n"
     "       orvandeldsp --help | --version | COMMAND --help\n";
@@ -118,6 +119,8 @@ int runCommand(int argc, char** argv)
     gboolean quiet = FALSE;
     gint rate = 0;
     gchar* drift = nullptr;
+    gboolean detect = FALSE;
+    gchar* thresholdDir = nullptr;
     std::string const configHelp = describeConfigDefault();
     GOptionEntry const entries[] = {
         {"config", 'c', 0, G_OPTION_ARG_FILENAME, &config, configHelp.c_str(), "FILE"},
@@ -138,12 +141,16 @@ int runCommand(int argc, char** argv)
          "simulate a playback clock PPM parts per million fast (+, frames inserted) or slow (-, frames "
          "dropped), corrected by the config's \"timestretcher\"",
          "PPM"},
+        {"detect", 0, 0, G_OPTION_ARG_NONE, &detect,
+         "poll the config's \"signal-detector\" every 250 ms of audio and print its transitions", nullptr},
+        {"threshold-dir", 0, 0, G_OPTION_ARG_FILENAME, &thresholdDir,
+         "where the detector keeps its learnt threshold (default: a temporary directory for the run)", "DIR"},
         {}};
     OptionParser parser("INPUT.wav OUTPUT.wav", "Runs a sound file through a dsp chain into a WAV file.");
     parser.add(entries);
     parser.parse(argc, argv);
     std::unique_ptr<gchar, decltype(&g_free)> const configOwner(config, g_free), formatOwner(format, g_free),
-        driftOwner(drift, g_free);
+        driftOwner(drift, g_free), thresholdDirOwner(thresholdDir, g_free);
 
     if (argc != 3)
         throw usageError("run needs INPUT.wav and OUTPUT.wav");
@@ -168,6 +175,10 @@ int runCommand(int argc, char** argv)
         options.drift = true;
         options.driftPpm = parsePpm(drift);
     }
+    options.detect = detect;
+    if (thresholdDir && !detect)
+        throw usageError("--threshold-dir goes with --detect");
+    options.thresholdDirectory = thresholdDir ? thresholdDir : "";
     OfflineHost::run(options);
     return 0;
 }

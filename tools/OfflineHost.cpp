@@ -5,6 +5,7 @@
 #include "dsp/Meter.h"
 #include "dsp/OutputStage.h"
 #include "dsp/Resampler.h"
+#include "dsp/SignalDetector.h"
 #include "dsp/StereoWrapper.h"
 #include "dsp/TimeStretcher.h"
 #include "tools/ChainLoader.h"
@@ -16,6 +17,7 @@
 #include <cmath>
 #include <cstdio>
 #include <glib.h>
+#include <glib/gstdio.h>
 #include <memory>
 #include <vector>
 
@@ -152,6 +154,95 @@ private:
     sf_count_t m_dropped = 0;
 };
 
+// The detector learns its threshold into a file; without a given directory it goes into one made
+// for this run and removed after it, so runs neither read nor leave /tmp files.
+class ThresholdDirectory
+{
+public:
+    explicit ThresholdDirectory(std::string const& given)
+    {
+        if (given.empty()) {
+            gchar* made = g_dir_make_tmp("orvandeldsp-detect-XXXXXX", nullptr);
+            if (!made)
+                throw ToolError(ToolError::c_ioFailure,
+                                "cannot make a directory for the detector's threshold");
+            m_temporary = made;
+            g_free(made);
+        }
+        std::string const directory = given.empty() ? m_temporary : given;
+        SignalDetector::setDefaultThresholdDirectory(directory + G_DIR_SEPARATOR_S);
+    }
+    ~ThresholdDirectory()
+    {
+        if (m_temporary.empty())
+            return;
+        if (GDir* dir = g_dir_open(m_temporary.c_str(), 0, nullptr)) {
+            while (char const* name = g_dir_read_name(dir))
+                g_remove((m_temporary + G_DIR_SEPARATOR_S + name).c_str());
+            g_dir_close(dir);
+        }
+        g_rmdir(m_temporary.c_str());
+    }
+    ThresholdDirectory(ThresholdDirectory const&) = delete;
+    ThresholdDirectory& operator=(ThresholdDirectory const&) = delete;
+
+private:
+    std::string m_temporary;
+};
+
+// Drives the detector's poll by the file's clock instead of the main loop's timer, so that a run
+// reports the same transitions at the same audio times however fast it goes.
+class DetectionReport
+{
+public:
+    DetectionReport(Chain const& chain, Options const& options, unsigned int fileRate)
+        : m_pollFrames(sf_count_t(fileRate) * SignalDetector::c_pollMilliseconds / 1000), m_fileRate(fileRate)
+    {
+        auto const detectors = findStages<SignalDetector>(chain);
+        if (detectors.empty())
+            throw configError(options.config, "--detect needs a module of type \"signal-detector\"");
+        m_detector = detectors.front();
+        m_connection = m_detector->onThresholdTriggered([this](bool active) {
+            m_changed = true;
+            m_active = active;
+        });
+        m_nextPoll = m_pollFrames;
+    }
+
+    void afterPeriod(sf_count_t framesIn)
+    {
+        while (framesIn >= m_nextPoll) {
+            // The poll consumes the result; read it first, and put it back, for the reason it carries.
+            SignalDetector::DetectionInfo info;
+            m_detector->presetDetectionResult(m_detector->consumeDetectionResult(info));
+            m_changed = false;
+            m_detector->pollSignal();
+            if (m_changed) {
+                ++m_transitions;
+                double const seconds = double(m_nextPoll) / m_fileRate;
+                if (m_active)
+                    std::printf("orvandeldsp detect %.3f s: active, reason %u (%s)\n", seconds,
+                                unsigned(info.reason), SignalDetector::reasonAsString(info.reason));
+                else
+                    std::printf("orvandeldsp detect %.3f s: silent\n", seconds);
+            }
+            m_nextPoll += m_pollFrames;
+        }
+    }
+
+    unsigned int getTransitions() const { return m_transitions; }
+
+private:
+    SignalDetector* m_detector = nullptr;
+    Tools::Connection m_connection;
+    sf_count_t m_pollFrames;
+    sf_count_t m_nextPoll = 0;
+    unsigned int m_fileRate;
+    bool m_changed = false;
+    bool m_active = false;
+    unsigned int m_transitions = 0;
+};
+
 void showProgress(sf_count_t done, sf_count_t total, unsigned int sampleRate)
 {
     double const percent = total > 0 ? 100.0 * double(done) / double(total) : 100.0;
@@ -188,6 +279,9 @@ void OfflineHost::run(Options const& options)
                                                     std::to_string(sampleRate) + " Hz is too low");
     unsigned int const chainRate = options.rate ? options.rate : sampleRate;
 
+    std::unique_ptr<ThresholdDirectory> thresholdDirectory;
+    if (options.detect)
+        thresholdDirectory = std::make_unique<ThresholdDirectory>(options.thresholdDirectory);
     auto const chain = ChainLoader::load(options.config, chainRate);
     auto& input = theOnlyStage<InputStage>(*chain, options.config, "input");
     auto& output = theOnlyStage<OutputStage>(*chain, options.config, "output");
@@ -195,6 +289,9 @@ void OfflineHost::run(Options const& options)
     std::unique_ptr<DriftSimulation> drift;
     if (options.drift)
         drift = std::make_unique<DriftSimulation>(*chain, options, sampleRate, chainRate);
+    std::unique_ptr<DetectionReport> detection;
+    if (options.detect)
+        detection = std::make_unique<DetectionReport>(*chain, options, sampleRate);
     unsigned int const outChannels = output.getNumInPorts();
     if (outChannels == 0)
         throw ToolError(ToolError::c_badInput,
@@ -228,6 +325,8 @@ void OfflineHost::run(Options const& options)
         framesIn += frames;
         if (drift)
             drift->afterPeriod(framesIn, writer.getNumFramesWritten());
+        if (detection)
+            detection->afterPeriod(framesIn);
         if (showingProgress && g_get_monotonic_time() - lastProgress >= c_progressInterval) {
             lastProgress = g_get_monotonic_time();
             showProgress(framesIn, reader.getNumFrames(), sampleRate);
@@ -251,6 +350,8 @@ void OfflineHost::run(Options const& options)
             extras += std::string(", drift ") + ppm + " ppm: " + std::to_string(drift->getInserted()) +
                       " frames inserted, " + std::to_string(drift->getDropped()) + " dropped";
         }
+        if (detection)
+            extras += ", " + std::to_string(detection->getTransitions()) + " signal transitions";
         std::printf("orvandeldsp: %lld frames in, %lld out, %.3f s of audio at %u Hz, %.3f s wall time, "
                     "real-time factor %.1f%s\n",
                     static_cast<long long>(framesIn), static_cast<long long>(writer.getNumFramesWritten()),

@@ -28,6 +28,10 @@ public:
         // time stretching; only when drift is set.
         bool drift = false;
         double driftPpm = 0.0;
+        // Polls the chain's signal detector every 250 ms of audio and prints its transitions.
+        bool detect = false;
+        // Where the detector keeps its learnt threshold; empty: a temporary directory for the run.
+        std::string thresholdDirectory;
     };
 
     // Throws ToolError; the output file appears only when the whole run succeeded.
