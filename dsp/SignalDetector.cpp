@@ -51,7 +51,14 @@ float roundToTenth(float value)
 
 } // namespace
 
-SignalDetector::SignalDetector(Tools::String const& id) : SignalDetector(id, c_defaultThresholdDirectory) {}
+std::string SignalDetector::s_defaultThresholdDirectory = c_defaultThresholdDirectory;
+
+SignalDetector::SignalDetector(Tools::String const& id) : SignalDetector(id, s_defaultThresholdDirectory) {}
+
+void SignalDetector::setDefaultThresholdDirectory(std::string directory)
+{
+    s_defaultThresholdDirectory = std::move(directory);
+}
 
 SignalDetector::SignalDetector(Tools::String const& id, std::string thresholdDirectory)
     : Module(id), m_thresholdDirectory(std::move(thresholdDirectory)), m_pollTimer([this] { pollSignal(); }),

@@ -50,6 +50,9 @@ public:
     };
 
     explicit SignalDetector(Tools::String const& id);
+    // Where detectors made with the first constructor (as the factory makes them) keep their file;
+    // hosts that must not touch /tmp point it elsewhere before loading a chain. Ends with a separator.
+    static void setDefaultThresholdDirectory(std::string directory);
     // thresholdDirectory ends with a separator; the threshold file is thresholdDirectory + id.
     SignalDetector(Tools::String const& id, std::string thresholdDirectory);
     ~SignalDetector() override;
@@ -109,6 +112,8 @@ private:
     static uint32_t nextResultWord(uint32_t word, bool loud, bool holding, Trigger const& trigger);
     static uint32_t packInfo(uint32_t word, Trigger const& trigger);
     static DetectionInfo unpackInfo(uint32_t word);
+
+    static std::string s_defaultThresholdDirectory;
 
     std::string m_thresholdDirectory;
     std::atomic<uint32_t> m_sampleRate{0};

@@ -1,5 +1,8 @@
 // Runs the built `orvandeldsp` tool as a user would and checks its files, messages and exit statuses.
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <glib.h>
 #include <glib/gstdio.h>
 #include <gtest/gtest.h>
@@ -46,10 +49,11 @@ struct Sound
     std::vector<int32_t> samples; // interleaved, left-justified as libsndfile delivers them
 };
 
-void writeSound(std::string const& path, int subtype, int channels, std::vector<int32_t> const& samples)
+void writeSound(std::string const& path, int subtype, int channels, std::vector<int32_t> const& samples,
+                int rate = 48000)
 {
     SF_INFO info{};
-    info.samplerate = 48000;
+    info.samplerate = rate;
     info.channels = channels;
     info.format = SF_FORMAT_WAV | subtype;
     SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
@@ -68,6 +72,28 @@ Sound readSound(std::string const& path)
     sf_readf_int(file, sound.samples.data(), sound.info.frames);
     sf_close(file);
     return sound;
+}
+
+// Interleaved stereo, the same tone on both channels, left-justified 24-bit words.
+std::vector<int32_t> stereoSine(double frequency, double level, int rate, size_t frames)
+{
+    std::vector<int32_t> samples;
+    for (size_t f = 0; f < frames; ++f) {
+        double const v = level * std::sin(2.0 * M_PI * frequency * double(f) / rate);
+        int32_t const word = int32_t(std::lround(v * 8388607.0)) * 256;
+        samples.push_back(word);
+        samples.push_back(word);
+    }
+    return samples;
+}
+
+int64_t largestStep(std::vector<int32_t> const& interleaved, int channels)
+{
+    int64_t largest = 0;
+    for (size_t i = size_t(channels); i < interleaved.size(); ++i)
+        largest = std::max<int64_t>(largest,
+                                    std::llabs(int64_t(interleaved[i]) - interleaved[i - size_t(channels)]));
+    return largest;
 }
 
 int64_t floorDiv(int64_t a, int64_t b)
@@ -152,7 +178,8 @@ TEST_F(OrvandeldspToolTest, RunsThirtyTwoBitInputBitExactIntoEveryFormat)
     for (auto const& [format, bits, subtype] : {std::tuple{"s16", 16, SF_FORMAT_PCM_16},
                                                 {"s24", 24, SF_FORMAT_PCM_24},
                                                 {"s32", 32, SF_FORMAT_PCM_32}}) {
-        auto const result = runTool({"run", "--quiet", "-c", c_passthroughConfig, "--format", format, path("in.wav"), path("out.wav")});
+        auto const result = runTool({"run", "--quiet", "-c", c_passthroughConfig, "--format", format,
+                                     path("in.wav"), path("out.wav")});
         ASSERT_EQ(result.status, 0) << result.err;
         EXPECT_EQ(result.out + result.err, "");
         Sound const output = readSound(path("out.wav"));
@@ -170,7 +197,8 @@ TEST_F(OrvandeldspToolTest, MonoInputFeedsBothChannelsAndTheOutputKeepsTheInputD
     for (int32_t v : {0, 1, -1, 32767, -32768, 12345, -4321})
         input.push_back(int32_t(uint32_t(v) << 16));
     writeSound(path("mono.wav"), SF_FORMAT_PCM_16, 1, input);
-    auto const result = runTool({"run", "--quiet", "-c", c_passthroughConfig, path("mono.wav"), path("out.wav")});
+    auto const result =
+        runTool({"run", "--quiet", "-c", c_passthroughConfig, path("mono.wav"), path("out.wav")});
     ASSERT_EQ(result.status, 0) << result.err;
     Sound const output = readSound(path("out.wav"));
     EXPECT_EQ(output.info.format, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
@@ -344,10 +372,10 @@ TEST_F(OrvandeldspToolTest, CheckListsTheBundledConfigsAndGraphDrawsThem)
     auto const result = runTool({"check", "-c", c_passthroughConfig});
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(result.out, c_passthroughConfig + ": OK, 3 modules in signal-flow order\n"
-                                            "  in     input   0 in, 2 out\n"
-                                            "  level  meter   1 in, 0 out; [0] <- in[0]\n"
-                                            "  out    output  2 in, 0 out; [0] <- in[0], [1] <- in[1]\n"
-                                            "           interleave-pattern = 01\n");
+                                                "  in     input   0 in, 2 out\n"
+                                                "  level  meter   1 in, 0 out; [0] <- in[0]\n"
+                                                "  out    output  2 in, 0 out; [0] <- in[0], [1] <- in[1]\n"
+                                                "           interleave-pattern = 01\n");
 
     GDir* configs = g_dir_open(PROJECT_SOURCE_DIR "/configs", 0, nullptr);
     while (char const* name = g_dir_read_name(configs)) {
@@ -363,4 +391,104 @@ TEST_F(OrvandeldspToolTest, CheckListsTheBundledConfigsAndGraphDrawsThem)
     EXPECT_NE(std::string(svg).find("<svg"), std::string::npos);
     EXPECT_NE(std::string(svg).find("level"), std::string::npos);
     g_free(svg);
+}
+
+TEST_F(OrvandeldspToolTest, RateConvertsThroughAResamplerAndRefusesWhatCannotFit)
+{
+    std::string const resampling = PROJECT_SOURCE_DIR "/configs/resample-44100.xml";
+    writeSound(path("in.wav"), SF_FORMAT_PCM_24, 2, stereoSine(1000.0, 0.5, 44100, 3 * 44100), 44100);
+    auto result = runTool({"run", "-c", resampling, "--rate", "48000", path("in.wav"), path("out.wav")});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_NE(result.out.find("132300 frames in, 143998 out"), std::string::npos) << result.out;
+    Sound const output = readSound(path("out.wav"));
+    EXPECT_EQ(output.info.samplerate, 48000);
+    // Three seconds at 48 kHz, less the two input frames the interpolation still holds at the end.
+    EXPECT_EQ(output.info.frames, 3 * 48000 - 2);
+    // Still a 1 kHz tone: one rising zero crossing per millisecond of the new rate.
+    int crossings = 0;
+    for (size_t f = 1; f < size_t(output.info.frames); ++f)
+        crossings += output.samples[2 * f - 2] < 0 && output.samples[2 * f] >= 0;
+    EXPECT_NEAR(crossings, 3000, 1);
+
+    for (auto const& [args, message] :
+         {std::pair{std::vector<std::string>{"run", "-c", c_passthroughConfig, "--rate", "48000"},
+                    "input stage in does not convert rates, so --rate 48000 cannot take"},
+          {std::vector<std::string>{"run", "-c", resampling, "--rate", "48000", "--period", "1280"},
+           "--period 1280 at 44100 Hz in gives up to 1395 frames per period at 48000 Hz out, more than the "
+           "chain's 1280; use --period 1175 or less"}}) {
+        std::vector<std::string> full = args;
+        full.push_back(path("in.wav"));
+        full.push_back(path("refused.wav"));
+        result = runTool(full);
+        EXPECT_EQ(result.status, 2);
+        EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
+        EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
+        EXPECT_FALSE(g_file_test(path("refused.wav").c_str(), G_FILE_TEST_EXISTS));
+    }
+}
+
+TEST_F(OrvandeldspToolTest, DriftIsCorrectedByInsertingOrDroppingInconspicuousFrames)
+{
+    size_t const frames = 60 * 48000;
+    auto const input = stereoSine(997.0, 0.5, 48000, frames);
+    writeSound(path("in.wav"), SF_FORMAT_PCM_24, 2, input);
+    int64_t const signalStep = largestStep(input, 2);
+    for (int ppm : {100, -100}) {
+        auto const result = runTool({"run", "-c", PROJECT_SOURCE_DIR "/configs/drift.xml", "--drift",
+                                     std::to_string(ppm), path("in.wav"), path("out.wav")});
+        ASSERT_EQ(result.status, 0) << result.err;
+        Sound const output = readSound(path("out.wav"));
+        // The compensator follows only the sign of the rounded delta through a 0.95/0.05 filter, so it
+        // acts once the delta has kept its sign for 14 periods: 14 x 1024 frames x 100 ppm = 1.4 frames,
+        // plus half a frame of rounding and one period before an order takes effect: within 3 frames.
+        int64_t const change = int64_t(output.info.frames) - int64_t(frames);
+        EXPECT_NEAR(double(change), ppm * 1e-6 * double(frames), 3.0) << ppm;
+        std::string const counts = ppm > 0 ? std::to_string(change) + " frames inserted, 0 dropped"
+                                           : "0 frames inserted, " + std::to_string(-change) + " dropped";
+        EXPECT_NE(result.out.find(counts), std::string::npos) << result.out;
+        EXPECT_LE(largestStep(output.samples, 2), signalStep) << ppm;
+    }
+
+    auto const result =
+        runTool({"run", "-c", c_passthroughConfig, "--drift", "100", path("in.wav"), path("o.wav")});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(result.err.find("--drift needs a module of type \"timestretcher\""), std::string::npos)
+        << result.err;
+    EXPECT_EQ(runTool({"run", "--drift", "fast", path("in.wav"), path("o.wav")}).status, 2);
+}
+
+TEST_F(OrvandeldspToolTest, DetectPrintsTheDetectorsTransitionsAtAudioTimes)
+{
+    // Silence past the start-up skip, a -20 dB tone from 3.1 s to 5 s, then silence.
+    std::vector<int32_t> input;
+    for (size_t f = 0; f < 20 * 48000; ++f) {
+        double const t = double(f) / 48000.0;
+        int32_t const word = t >= 3.1 && t < 5.0
+                                 ? int32_t(std::lround(0.1 * 32767.0 * std::sin(2.0 * M_PI * 1000.0 * t)))
+                                       << 16
+                                 : 0;
+        input.push_back(word);
+        input.push_back(word);
+    }
+    writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, input);
+    std::string const lineIn = PROJECT_SOURCE_DIR "/configs/line-in.xml";
+    auto result = runTool({"run", "-c", lineIn, "--detect", "--threshold-dir", m_dir, "--period", "1000",
+                           path("in.wav"), path("out.wav")});
+    ASSERT_EQ(result.status, 0) << result.err;
+    // Active at the first poll after the tone began; silent once the 10 s hold after the last loud
+    // period has run out, which the detector's trailing mean level delays by up to two more polls.
+    std::string const active = "orvandeldsp detect 3.250 s: active, reason 2 (Rms value is over threshold)\n";
+    ASSERT_EQ(result.out.rfind(active, 0), 0u) << result.out;
+    double silentAt = 0.0;
+    ASSERT_EQ(
+        std::sscanf(result.out.c_str() + active.size(), "orvandeldsp detect %lf s: silent\n", &silentAt), 1)
+        << result.out;
+    EXPECT_GE(silentAt, 15.0);
+    EXPECT_LE(silentAt, 15.5);
+    EXPECT_NE(result.out.find(", 2 signal transitions\n"), std::string::npos) << result.out;
+
+    result = runTool({"run", "-c", c_passthroughConfig, "--detect", path("in.wav"), path("o.wav")});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "orvandeldsp: config " + c_passthroughConfig +
+                              ": --detect needs a module of type \"signal-detector\"\n");
 }

@@ -9,6 +9,7 @@
 #include "tools/ToolError.h"
 
 #include <clocale>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <glib.h>
@@ -25,6 +26,7 @@ constexpr char const* c_programName = "orvandeldsp";
 
 constexpr char const* c_usage =
     "usage: orvandeldsp run   [--config FILE] [--period FRAMES] [--format s16|s24|s32] [--meters]\n"
+    "                         [--rate HZ] [--drift PPM] [--detect [--threshold-dir DIR]]\n"
     "                         [--progress|--quiet] INPUT.wav OUTPUT.wav\n"
     "       orvandeldsp check [--config FILE]\n"
     "       orvandeldsp graph [--config FILE] [--format png|svg|pdf] -o OUTPUT\n"
@@ -91,6 +93,17 @@ snd_pcm_format_t parsePcmFormat(char const* name)
     throw usageError(std::string("unknown --format ") + name + " (use s16, s24 or s32)");
 }
 
+// Parsed in the C locale whatever the user's, and bounded so that the clock stays a clock.
+double parsePpm(char const* text)
+{
+    char* end = nullptr;
+    double const ppm = g_ascii_strtod(text, &end);
+    if (end == text || *end != '\0' || !std::isfinite(ppm) || std::fabs(ppm) > 10000.0)
+        throw usageError(std::string("--drift takes parts per million between -10000 and 10000, not ") +
+                         text);
+    return ppm;
+}
+
 std::string configOrDefault(gchar const* config)
 {
     return config ? config : BundledConfigs::defaultConfig();
@@ -104,6 +117,10 @@ int runCommand(int argc, char** argv)
     gboolean meters = FALSE;
     gboolean progress = FALSE;
     gboolean quiet = FALSE;
+    gint rate = 0;
+    gchar* drift = nullptr;
+    gboolean detect = FALSE;
+    gchar* thresholdDir = nullptr;
     std::string const configHelp = describeConfigDefault();
     GOptionEntry const entries[] = {
         {"config", 'c', 0, G_OPTION_ARG_FILENAME, &config, configHelp.c_str(), "FILE"},
@@ -116,11 +133,24 @@ int runCommand(int argc, char** argv)
          nullptr},
         {"quiet", 'q', 0, G_OPTION_ARG_NONE, &quiet, "print nothing but errors (and meters if asked for)",
          nullptr},
+        {"rate", 'r', 0, G_OPTION_ARG_INT, &rate,
+         "the chain's and the output's rate (default: the input's); another rate needs a \"resampler\" "
+         "input stage whose source-rate is the input's",
+         "HZ"},
+        {"drift", 0, 0, G_OPTION_ARG_STRING, &drift,
+         "simulate a playback clock PPM parts per million fast (+, frames inserted) or slow (-, frames "
+         "dropped), corrected by the config's \"timestretcher\"",
+         "PPM"},
+        {"detect", 0, 0, G_OPTION_ARG_NONE, &detect,
+         "poll the config's \"signal-detector\" every 250 ms of audio and print its transitions", nullptr},
+        {"threshold-dir", 0, 0, G_OPTION_ARG_FILENAME, &thresholdDir,
+         "where the detector keeps its learnt threshold (default: a temporary directory for the run)", "DIR"},
         {}};
     OptionParser parser("INPUT.wav OUTPUT.wav", "Runs a sound file through a dsp chain into a WAV file.");
     parser.add(entries);
     parser.parse(argc, argv);
-    std::unique_ptr<gchar, decltype(&g_free)> const configOwner(config, g_free), formatOwner(format, g_free);
+    std::unique_ptr<gchar, decltype(&g_free)> const configOwner(config, g_free), formatOwner(format, g_free),
+        driftOwner(drift, g_free), thresholdDirOwner(thresholdDir, g_free);
 
     if (argc != 3)
         throw usageError("run needs INPUT.wav and OUTPUT.wav");
@@ -128,6 +158,8 @@ int runCommand(int argc, char** argv)
         throw usageError("--period must be between 1 and 1280 frames");
     if (progress && quiet)
         throw usageError("--progress and --quiet exclude each other");
+    if (rate < 0 || (rate > 0 && rate < 1000) || rate > 768000)
+        throw usageError("--rate must be between 1000 and 768000 Hz");
 
     OfflineHost::Options options;
     options.config = configOrDefault(config);
@@ -138,6 +170,15 @@ int runCommand(int argc, char** argv)
     options.meters = meters;
     options.progress = progress || isatty(STDERR_FILENO);
     options.quiet = quiet;
+    options.rate = unsigned(rate);
+    if (drift) {
+        options.drift = true;
+        options.driftPpm = parsePpm(drift);
+    }
+    options.detect = detect;
+    if (thresholdDir && !detect)
+        throw usageError("--threshold-dir goes with --detect");
+    options.thresholdDirectory = thresholdDir ? thresholdDir : "";
     OfflineHost::run(options);
     return 0;
 }

@@ -22,6 +22,16 @@ public:
         bool meters = false;
         bool progress = false;
         bool quiet = false;
+        // The chain's and the output file's rate; 0 keeps the input file's.
+        unsigned int rate = 0;
+        // A simulated playback clock this many parts per million fast (+) or slow (-), corrected by
+        // time stretching; only when drift is set.
+        bool drift = false;
+        double driftPpm = 0.0;
+        // Polls the chain's signal detector every 250 ms of audio and prints its transitions.
+        bool detect = false;
+        // Where the detector keeps its learnt threshold; empty: a temporary directory for the run.
+        std::string thresholdDirectory;
     };
 
     // Throws ToolError; the output file appears only when the whole run succeeded.
