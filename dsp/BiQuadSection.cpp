@@ -39,7 +39,7 @@ void runScalar(BiQuadSection const* sections, StereoBiQuadState* states, tSample
         states[k] = s[k];
 }
 
-#if ORVANDELDSP_SSE41_PATH
+#ifdef ORVANDELDSP_SSE41_PATH
 
 // One signed 32x32->64 multiply per channel in one instruction. The left channel lives in dword 0 and
 // the right in dword 2; the multiply reads only those, and the low dword of a 64-bit product shifted
@@ -133,7 +133,7 @@ void dispatch(BiQuadSection const* sections, StereoBiQuadState* states, unsigned
               bool applyGain, tSample gain, tSample const* inL, tSample const* inR, tSample* outL,
               tSample* outR, unsigned int numFrames)
 {
-#if ORVANDELDSP_SSE41_PATH
+#ifdef ORVANDELDSP_SSE41_PATH
     if (Vector && c_haveSse41) {
         if (numSections == 1 && !applyGain)
             return runSse41<1, false>(sections, states, gain, inL, inR, outL, outR, numFrames);
