@@ -58,3 +58,27 @@ struct BiQuadSection
 };
 
 } // namespace Zelmar
+
+namespace Zelmar {
+
+// The state of one section on a stereo pair, index 0 = left, 1 = right.
+struct StereoBiQuadState
+{
+    tSample z1[2];
+    tSample z2[2];
+};
+
+// Runs numSections sections in cascade over both channels of a stereo pair, then multiplies by gain
+// (a Q4.27 product, skipped when applyGain is false). The bits are those of BiQuadSection::run on each
+// channel and section in turn. in == out is safe per channel. Only 1 and 3 sections are built.
+void runStereoBiQuadCascade(BiQuadSection const* sections, StereoBiQuadState* states,
+                            unsigned int numSections, bool applyGain, tSample gain, tSample const* inL,
+                            tSample const* inR, tSample* outL, tSample* outR, unsigned int numFrames);
+
+// The same without vector instructions, whatever the processor offers; the reference the vector path is
+// tested against.
+void runStereoBiQuadCascadeScalar(BiQuadSection const* sections, StereoBiQuadState* states,
+                                  unsigned int numSections, bool applyGain, tSample gain, tSample const* inL,
+                                  tSample const* inR, tSample* outL, tSample* outR, unsigned int numFrames);
+
+} // namespace Zelmar

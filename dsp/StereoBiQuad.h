@@ -16,10 +16,7 @@ public:
     void process() override;
 
 private:
-    tSample m_z1Left;
-    tSample m_z1Right;
-    tSample m_z2Left;
-    tSample m_z2Right;
+    StereoBiQuadState m_state;
 };
 
 } // namespace Zelmar

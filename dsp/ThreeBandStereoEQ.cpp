@@ -104,33 +104,9 @@ void ThreeBandStereoEQ::process()
     outBuffer(0).setSize(inBuffer(0).getNumSampleFrames());
     outBuffer(1).setSize(inBuffer(1).getNumSampleFrames());
     unsigned int const n = inBuffer(0).getNumSampleFrames();
-    tSample const* inL = inBuffer(0).getRawData();
-    tSample const* inR = inBuffer(1).getRawData();
-    tSample* outL = outBuffer(0).getRawData();
-    tSample* outR = outBuffer(1).getRawData();
-
-    // Local copies let the compiler keep coefficients and state in registers; the two channels are
-    // independent recursions, so running them side by side overlaps their multiplies.
-    BiQuadSection const low = ps->m_low, mid = ps->m_mid, high = ps->m_high;
-    tSample const correction = ps->m_correctionGain;
-    tSample l1L = m_lowZ1Left, l1R = m_lowZ1Right, l2L = m_lowZ2Left, l2R = m_lowZ2Right;
-    tSample m1L = m_midZ1Left, m1R = m_midZ1Right, m2L = m_midZ2Left, m2R = m_midZ2Right;
-    tSample h1L = m_highZ1Left, h1R = m_highZ1Right, h2L = m_highZ2Left, h2R = m_highZ2Right;
-    for (unsigned int i = 0; i < n; ++i) {
-        tSample const xL = inL[i];
-        tSample const xR = inR[i];
-        tSample yL = low.step(xL, l1L, l2L);
-        tSample yR = low.step(xR, l1R, l2R);
-        yL = mid.step(yL, m1L, m2L);
-        yR = mid.step(yR, m1R, m2R);
-        yL = high.step(yL, h1L, h2L);
-        yR = high.step(yR, h1R, h2R);
-        outL[i] = yL * correction;
-        outR[i] = yR * correction;
-    }
-    m_lowZ1Left = l1L, m_lowZ1Right = l1R, m_lowZ2Left = l2L, m_lowZ2Right = l2R;
-    m_midZ1Left = m1L, m_midZ1Right = m1R, m_midZ2Left = m2L, m_midZ2Right = m2R;
-    m_highZ1Left = h1L, m_highZ1Right = h1R, m_highZ2Left = h2L, m_highZ2Right = h2R;
+    BiQuadSection const sections[3] = {ps->m_low, ps->m_mid, ps->m_high};
+    runStereoBiQuadCascade(sections, m_states, 3, true, ps->m_correctionGain, inBuffer(0).getRawData(),
+                           inBuffer(1).getRawData(), outBuffer(0).getRawData(), outBuffer(1).getRawData(), n);
 }
 
 } // namespace Zelmar

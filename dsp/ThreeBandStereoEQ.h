@@ -42,10 +42,7 @@ public:
     void onModuleAddedToChain(Chain& chain) override;
 
 private:
-    // Per section: z1 left, z1 right, z2 left, z2 right.
-    tSample m_lowZ1Left, m_lowZ1Right, m_lowZ2Left, m_lowZ2Right;
-    tSample m_midZ1Left, m_midZ1Right, m_midZ2Left, m_midZ2Right;
-    tSample m_highZ1Left, m_highZ1Right, m_highZ2Left, m_highZ2Right;
+    StereoBiQuadState m_states[3]; // low, mid, high
     Chain* m_chain = nullptr;
 };
 
