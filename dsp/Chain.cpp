@@ -17,14 +17,14 @@ namespace {
 // Compile flag 1 marks a module already placed in signal-flow order.
 constexpr int c_placedFlag = 1;
 
-bool hasBracket(Tools::String const& spec)
+bool hasBracket(Tools::String const& portSpec)
 {
-    return spec.str().find_first_of("[]") != std::string::npos;
+    return portSpec.str().find_first_of("[]") != std::string::npos;
 }
 
-Tools::String moduleIdOf(Tools::String const& spec)
+Tools::String moduleIdOf(Tools::String const& portSpec)
 {
-    return spec.str().substr(0, spec.str().find('['));
+    return portSpec.str().substr(0, portSpec.str().find('['));
 }
 
 } // namespace
@@ -89,19 +89,19 @@ bool Chain::isExclusiveOutportUser(Tools::String const& to, Tools::String const&
                        [&](auto const& wire) { return wire.second != from || wire.first == to; });
 }
 
-std::shared_ptr<Module> Chain::parseWireModule(Tools::String const& spec) const
+std::shared_ptr<Module> Chain::parseWireModule(Tools::String const& portSpec) const
 {
-    if (spec.str().find('[') == std::string::npos)
-        throw ParsingException("something is wrong with the port spec - should be moduleid[portnum]: %0\n", spec);
-    return tryFindModule(moduleIdOf(spec));
+    if (portSpec.str().find('[') == std::string::npos)
+        throw ParsingException("something is wrong with the port spec - should be moduleid[portnum]: %0\n", portSpec);
+    return tryFindModule(moduleIdOf(portSpec));
 }
 
-unsigned int Chain::parseWirePort(Tools::String const& spec) const
+unsigned int Chain::parseWirePort(Tools::String const& portSpec) const
 {
-    auto const bracket = spec.str().find('[');
+    auto const bracket = portSpec.str().find('[');
     if (bracket == std::string::npos)
-        throw ParsingException("something is wrong with the port spec - should be moduleid[portnum]: %0", spec);
-    return static_cast<unsigned int>(std::stoi(spec.str().substr(bracket + 1)));
+        throw ParsingException("something is wrong with the port spec - should be moduleid[portnum]: %0", portSpec);
+    return static_cast<unsigned int>(std::stoi(portSpec.str().substr(bracket + 1)));
 }
 
 void Chain::compile()

@@ -10,7 +10,7 @@
 
 namespace Zelmar {
 
-// The processing graph. Wires are kept as port-spec text ("moduleid[portnum]") until compile() turns
+// The processing graph. Wires are kept as port-portSpec text ("moduleid[portnum]") until compile() turns
 // them into buffer bindings, decides which inputs run in place and sorts the modules by signal flow.
 // Building and compiling happen on the control thread; process() runs on the audio thread.
 class Chain
@@ -32,8 +32,8 @@ public:
 
     void pullWire(Tools::String const& to, Tools::String const& from) { m_wires[to] = from; }
     bool isExclusiveOutportUser(Tools::String const& to, Tools::String const& from) const;
-    std::shared_ptr<Module> parseWireModule(Tools::String const& spec) const;
-    unsigned int parseWirePort(Tools::String const& spec) const;
+    std::shared_ptr<Module> parseWireModule(Tools::String const& portSpec) const;
+    unsigned int parseWirePort(Tools::String const& portSpec) const;
 
     void compile();
     void process();

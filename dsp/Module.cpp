@@ -121,10 +121,10 @@ void Module::setParameter(Tools::String const& key, Tools::String const& value)
 
 std::shared_ptr<AudioBuffer> Module::getInPort(unsigned int inPort) const
 {
-    InPortSpec const& spec = m_ins[inPort];
-    if (!spec.module)
+    InPortSpec const& portSpec = m_ins[inPort];
+    if (!portSpec.module)
         throw ParsingException(c_notConnected, inPort, m_id);
-    return spec.module->getOutPortBuffer(spec.port);
+    return portSpec.module->getOutPortBuffer(portSpec.port);
 }
 
 void Module::allocateMeters()

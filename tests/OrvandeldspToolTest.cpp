@@ -265,7 +265,7 @@ TEST_F(OrvandeldspToolTest, ConfigFaultsAreOneLineWithStatusTwoAndNoOutput)
          "malformed XML at line 3, column 14"},
         {writeConfig("type.xml", "<dsp>" + stage + toOut + "<module type=\"gian\" id=\"g\"/></dsp>"),
          "Module type gian not found in module factory"},
-        {writeConfig("spec.xml", "<dsp>" + stage + "<cable out=\"in[0]\" in=\"out\"/></dsp>"),
+        {writeConfig("portSpec.xml", "<dsp>" + stage + "<cable out=\"in[0]\" in=\"out\"/></dsp>"),
          "something is wrong with the port spec - should be moduleid[portnum]: out"},
         {writeConfig("value.xml",
                      "<dsp><module type=\"output\" id=\"out\"><parameter id=\"interleave-pattern\">"

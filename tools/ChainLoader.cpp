@@ -28,9 +28,9 @@ std::string trimmed(std::string text)
     return text;
 }
 
-bool hasBracket(std::string const& spec)
+bool hasBracket(std::string const& portSpec)
 {
-    return spec.find_first_of("[]") != std::string::npos;
+    return portSpec.find_first_of("[]") != std::string::npos;
 }
 
 // The wires as compile() will see them once shortcuts are expanded; shortcuts it would reject are kept
@@ -58,18 +58,18 @@ struct PortRef
     unsigned int port = 0;
 };
 
-// Resolves a spec the way the chain does; false where the chain itself will throw.
-bool resolve(Chain const& chain, std::string const& spec, PortRef& ref)
+// Resolves a portSpec the way the chain does; false where the chain itself will throw.
+bool resolve(Chain const& chain, std::string const& portSpec, PortRef& ref)
 {
-    auto const bracket = spec.find('[');
+    auto const bracket = portSpec.find('[');
     if (bracket == std::string::npos)
         return false;
     try {
-        ref.port = static_cast<unsigned int>(std::stoi(spec.substr(bracket + 1)));
+        ref.port = static_cast<unsigned int>(std::stoi(portSpec.substr(bracket + 1)));
     } catch (std::exception const&) {
         return false;
     }
-    ref.module = chain.tryFindModule(spec.substr(0, bracket));
+    ref.module = chain.tryFindModule(portSpec.substr(0, bracket));
     return ref.module != nullptr;
 }
 
