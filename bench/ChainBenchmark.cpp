@@ -18,14 +18,7 @@ void runChain(benchmark::State& state, char const* config)
 {
     Chain chain(c_rate, Tools::String(PROJECT_SOURCE_DIR "/configs/") + config);
     Testing::MemoryAlsaBuffers capture(2), playback(8);
-    for (auto const& module : chain.getModules()) {
-        if (auto input = std::dynamic_pointer_cast<InputStage>(module))
-            input->setInput(&capture);
-        if (auto output = std::dynamic_pointer_cast<OutputStage>(module)) {
-            output->setOutput(&playback);
-            output->setMute(false);
-        }
-    }
+    Testing::attachHostBuffers(chain, capture, playback)->setMute(false);
     for (unsigned int channel = 0; channel < 2; ++channel) {
         AudioBuffer sine(c_period);
         sine.generateSine(0.5f, 997.0f + 10.0f * channel, float(c_rate));

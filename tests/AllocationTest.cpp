@@ -78,13 +78,7 @@ TEST(ChainTest, ProcessingACompiledChainNeverTouchesTheHeap)
     Chain chain(48000, PROJECT_SOURCE_DIR "/configs/default.xml");
     chain.enableMeters(true);
     Testing::MemoryAlsaBuffers capture(2), playback(2);
-    for (auto const& module : chain.getModules()) {
-        if (auto input = std::dynamic_pointer_cast<InputStage>(module))
-            input->setInput(&capture);
-        if (auto output = std::dynamic_pointer_cast<OutputStage>(module))
-            output->setOutput(&playback);
-    }
-    auto output = std::dynamic_pointer_cast<OutputStage>(chain.findModule("out"));
+    auto output = Testing::attachHostBuffers(chain, capture, playback);
 
     Testing::watchHeapOnThisThread(true);
     auto probe = std::make_shared<AudioBuffer>(64);
@@ -118,8 +112,7 @@ TEST(SoundsTest, MixingAndDuckingNeverTouchTheHeap)
     chain.pullWire("out", "system-sounds");
     chain.compile();
     Testing::MemoryAlsaBuffers capture(2), playback(2);
-    std::dynamic_pointer_cast<InputStage>(chain.findModule("in"))->setInput(&capture);
-    std::dynamic_pointer_cast<OutputStage>(chain.findModule("out"))->setOutput(&playback);
+    Testing::attachHostBuffers(chain, capture, playback);
     RomplerData::setSoundsDirectory(GENERATED_SOUNDS_DIR);
     for (auto sound : {SystemSound::Touch, SystemSound::Ok, SystemSound::Welcome})
         ASSERT_TRUE(Testing::waitUntilLoaded(*sounds->getRomplerDataForSoundType(sound)));

@@ -41,9 +41,7 @@ TEST(ChainTest, PassesAudioFromInputToOutput)
 {
     Chain chain(48000, TEST_SOURCE_DIR "/data/passthrough.xml");
     Testing::MemoryAlsaBuffers capture(2), playback(2);
-    std::dynamic_pointer_cast<InputStage>(chain.findModule("in"))->setInput(&capture);
-    auto output = std::dynamic_pointer_cast<OutputStage>(chain.findModule("out"));
-    output->setOutput(&playback);
+    auto output = Testing::attachHostBuffers(chain, capture, playback);
     output->setMute(false);
     capture.getChannel(0).setPeriod(std::vector<tSample>(256, tSample(0.5)));
     capture.getChannel(1).setPeriod(std::vector<tSample>(256, tSample(-0.25)));
@@ -109,9 +107,7 @@ TEST(ChainTest, PrintingMetersSwitchesMeteringOnAndReportsAMutedOutput)
 {
     Chain chain(48000, TEST_SOURCE_DIR "/data/passthrough.xml");
     Testing::MemoryAlsaBuffers capture(2), playback(2);
-    std::dynamic_pointer_cast<InputStage>(chain.findModule("in"))->setInput(&capture);
-    auto output = std::dynamic_pointer_cast<OutputStage>(chain.findModule("out"));
-    output->setOutput(&playback);
+    auto output = Testing::attachHostBuffers(chain, capture, playback);
     output->initialMute();
     capture.getChannel(0).setPeriod(std::vector<tSample>(16, tSample(0.5)));
     capture.getChannel(1).setPeriod(std::vector<tSample>(16, tSample(0.25)));

@@ -20,10 +20,7 @@ struct LoadedChain
 {
     explicit LoadedChain(char const* file) : chain(48000, Tools::String(TEST_SOURCE_DIR "/data/") + file)
     {
-        std::dynamic_pointer_cast<InputStage>(chain.findModule("in"))->setInput(&capture);
-        auto output = std::dynamic_pointer_cast<OutputStage>(chain.findModule("out"));
-        output->setOutput(&playback);
-        output->setMute(false);
+        Testing::attachHostBuffers(chain, capture, playback)->setMute(false);
     }
 
     void feed(tSample left, tSample right, unsigned int frames)

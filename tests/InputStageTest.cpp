@@ -7,14 +7,31 @@
 
 using namespace Zelmar;
 
+namespace {
+
+// A compiled input stage reading two in-memory capture channels.
+class CapturingStage
+{
+public:
+    CapturingStage()
+    {
+        stage.setInput(&capture);
+        stage.preSetup(chain, 1280);
+        stage.postSetup(1280);
+    }
+
+    Chain chain{48000};
+    InputStage stage{"in"};
+    Testing::MemoryAlsaBuffers capture{2};
+};
+
+} // namespace
+
 TEST(InputStageTest, PeriodLengthTravelsAsTheBufferFrameCount)
 {
-    Chain chain(48000);
-    InputStage stage("in");
-    Testing::MemoryAlsaBuffers capture(2);
-    stage.setInput(&capture);
-    stage.preSetup(chain, 1280);
-    stage.postSetup(1280);
+    CapturingStage host;
+    auto& stage = host.stage;
+    auto& capture = host.capture;
     capture.getChannel(0).setPeriod({tSample(0.5), tSample(0.25), tSample(-1.0)});
     capture.getChannel(1).setPeriod({tSample(0.125), tSample(0.0), tSample(1.0)});
     stage.process();
@@ -26,12 +43,9 @@ TEST(InputStageTest, PeriodLengthTravelsAsTheBufferFrameCount)
 
 TEST(InputStageDeathTest, ChannelsOfDifferentLengthsAssert)
 {
-    Chain chain(48000);
-    InputStage stage("in");
-    Testing::MemoryAlsaBuffers capture(2);
-    stage.setInput(&capture);
-    stage.preSetup(chain, 1280);
-    stage.postSetup(1280);
+    CapturingStage host;
+    auto& stage = host.stage;
+    auto& capture = host.capture;
     capture.getChannel(0).setPeriod(std::vector<tSample>(4));
     capture.getChannel(1).setPeriod(std::vector<tSample>(5));
     EXPECT_DEATH(stage.process(), "leftOut->getNumSampleFrames\\(\\) == rightOut->getNumSampleFrames\\(\\)");
