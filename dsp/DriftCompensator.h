@@ -65,6 +65,14 @@ public:
     static uint64_t getDiffReportDelta() { return s_diffReportDelta.load(std::memory_order_relaxed); }
 
 protected:
+    // Clock-steering variants start each run from a clean measurement: no last value, delta or average.
+    void clearClockMeasurement()
+    {
+        m_lastValue = 0;
+        m_frameDelta.store(0);
+        m_average = AverageValue();
+    }
+
     std::atomic<bool> m_running{false};
     std::atomic<int32_t> m_frameDelta{0};
     int32_t m_lastValue = 0;

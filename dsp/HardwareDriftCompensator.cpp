@@ -50,9 +50,7 @@ void HardwareDriftCompensator::start()
     DriftCompensator::start();
     std::atomic_thread_fence(std::memory_order_seq_cst);
     m_expiration.refresh(0, 100, 0);
-    m_lastValue = 0;
-    m_frameDelta.store(0);
-    m_average = AverageValue();
+    clearClockMeasurement();
 }
 
 void HardwareDriftCompensator::stop()
