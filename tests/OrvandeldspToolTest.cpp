@@ -1,78 +1,16 @@
 // Runs the built `orvandeldsp` tool as a user would and checks its files, messages and exit statuses.
+#include "support/ToolRun.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
-#include <glib.h>
-#include <glib/gstdio.h>
-#include <gtest/gtest.h>
-#include <sndfile.h>
 #include <string>
-#include <sys/wait.h>
 #include <vector>
 
 namespace {
 
-struct Result
-{
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-Result runTool(std::vector<std::string> const& args)
-{
-    std::vector<char*> argv{const_cast<char*>(ORVANDELDSP_TOOL)};
-    for (auto const& arg : args)
-        argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    gchar* out = nullptr;
-    gchar* err = nullptr;
-    gint wait = 0;
-    Result result;
-    if (!g_spawn_sync(nullptr, argv.data(), nullptr, G_SPAWN_DEFAULT, nullptr, nullptr, &out, &err, &wait,
-                      nullptr))
-        return result;
-    // A signal (a crash or an abort) leaves the status at -1, which no test expects.
-    if (WIFEXITED(wait))
-        result.status = WEXITSTATUS(wait);
-    result.out = out;
-    result.err = err;
-    g_free(out);
-    g_free(err);
-    return result;
-}
-
-struct Sound
-{
-    SF_INFO info{};
-    std::vector<int32_t> samples; // interleaved, left-justified as libsndfile delivers them
-};
-
-void writeSound(std::string const& path, int subtype, int channels, std::vector<int32_t> const& samples,
-                int rate = 48000)
-{
-    SF_INFO info{};
-    info.samplerate = rate;
-    info.channels = channels;
-    info.format = SF_FORMAT_WAV | subtype;
-    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
-    ASSERT_NE(file, nullptr) << sf_strerror(nullptr);
-    sf_writef_int(file, samples.data(), sf_count_t(samples.size()) / channels);
-    sf_close(file);
-}
-
-Sound readSound(std::string const& path)
-{
-    Sound sound;
-    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &sound.info);
-    if (!file)
-        return sound;
-    sound.samples.resize(size_t(sound.info.frames) * size_t(sound.info.channels));
-    sf_readf_int(file, sound.samples.data(), sound.info.frames);
-    sf_close(file);
-    return sound;
-}
+using namespace Zelmar::Testing;
 
 // Interleaved stereo, the same tone on both channels, left-justified 24-bit words.
 std::vector<int32_t> stereoSine(double frequency, double level, int rate, size_t frames)
@@ -134,28 +72,8 @@ std::vector<int32_t> testWords(size_t frames)
     return words;
 }
 
-class OrvandeldspToolTest : public testing::Test
+class OrvandeldspToolTest : public ToolTest
 {
-protected:
-    void SetUp() override { m_dir = g_dir_make_tmp("orvandeldsp-tool-XXXXXX", nullptr); }
-    void TearDown() override
-    {
-        GDir* dir = g_dir_open(m_dir.c_str(), 0, nullptr);
-        while (char const* name = g_dir_read_name(dir))
-            g_remove((m_dir + "/" + name).c_str());
-        g_dir_close(dir);
-        g_rmdir(m_dir.c_str());
-    }
-
-    std::string path(std::string const& name) const { return m_dir + "/" + name; }
-
-    std::string writeConfig(std::string const& name, std::string const& text) const
-    {
-        g_file_set_contents(path(name).c_str(), text.c_str(), -1, nullptr);
-        return path(name);
-    }
-
-    std::string m_dir;
 };
 
 std::string const c_defaultConfig = PROJECT_SOURCE_DIR "/configs/default.xml";
