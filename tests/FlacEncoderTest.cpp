@@ -2,6 +2,7 @@
 #include "dsp/IllegalArgumentException.h"
 
 #include "base/Tracer.h"
+#include "support/LogCapture.h"
 #include "support/MainLoop.h"
 #include "support/ModuleHarness.h"
 
@@ -72,23 +73,6 @@ bool startsStream(tBytes const& piece)
     return piece.size() >= 4 && std::equal(piece.begin(), piece.begin() + 4, "fLaC");
 }
 
-// Collects log entries from any thread.
-struct LogCapture
-{
-    std::mutex mutex;
-    std::vector<std::string> messages;
-    Tools::Connection connection = Tools::Tracer::get().addSink([this](Tools::LogBufferEntry const& entry) {
-        std::lock_guard<std::mutex> lock(mutex);
-        messages.push_back(entry.message.str());
-    });
-
-    bool contains(std::string const& text)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return std::find(messages.begin(), messages.end(), text) != messages.end();
-    }
-};
-
 std::vector<tSample> noise(unsigned int frames, unsigned int seed)
 {
     std::mt19937 random(seed);
@@ -112,7 +96,7 @@ TEST(FlacEncoderTest, ShiftsToTwentyFourBitsWithoutClipping)
     EXPECT_EQ(FlacEncoder::toFlacSample(tSample(int32_t(-1))), -1) << "arithmetic shift rounds down";
 
     // libFLAC refuses 8388608 as a 24-bit sample (client error, state 5): full scale stops the encoder.
-    LogCapture log;
+    Testing::LogCapture log;
     ModuleHarness harness(std::make_shared<FlacEncoder>("enc"));
     auto& encoder = static_cast<FlacEncoder&>(harness.module());
     encoder.setParameters(Parameters{}, 48000);
@@ -308,7 +292,7 @@ private:
 
 TEST(FlacEncoderTest, OverrunIsCountedAndReportedOnTheMainLoop)
 {
-    LogCapture log;
+    Testing::LogCapture log;
     auto stalled = std::make_shared<StalledEncoder>();
     ModuleHarness harness(stalled);
     stalled->setParameters(Parameters{}, 48000);

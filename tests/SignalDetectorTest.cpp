@@ -2,6 +2,7 @@
 
 #include "base/Tracer.h"
 #include "dsp/Chain.h"
+#include "support/LogCapture.h"
 
 #include <glib/gstdio.h>
 #include <gtest/gtest.h>
@@ -63,22 +64,6 @@ private:
     std::string m_path;
 };
 
-class LogCapture
-{
-public:
-    LogCapture() : m_previous(Tools::Tracer::get().getMinLevel())
-    {
-        Tools::Tracer::get().setMinLevel(Tools::Tracer::Info);
-    }
-    ~LogCapture() { Tools::Tracer::get().setMinLevel(m_previous); }
-    std::vector<Tools::LogBufferEntry> entries;
-
-private:
-    int m_previous;
-    Tools::Connection m_sink =
-        Tools::Tracer::get().addSink([this](Tools::LogBufferEntry const& e) { entries.push_back(e); });
-};
-
 double sine(double levelDb, double frequency, uint64_t i)
 {
     return std::sqrt(2.0) * std::pow(10.0, levelDb / 20.0) * std::sin(2.0 * M_PI * frequency * i / c_rate);
@@ -131,15 +116,6 @@ std::unique_ptr<SignalDetector> makeDetector(ThresholdDirectory const& dir, doub
     return detector;
 }
 
-std::vector<std::string> messagesAt(LogCapture const& log, int level)
-{
-    std::vector<std::string> messages;
-    for (auto const& entry : log.entries)
-        if (entry.level == level)
-            messages.push_back(entry.message.str());
-    return messages;
-}
-
 // The level in a "Signal trigger: <value> Reason: <text>" entry, in dB.
 double triggerLevelDb(std::string const& message)
 {
@@ -173,7 +149,7 @@ TEST(SignalDetectorTest, IgnoresTheFirst100000FramesThenStartsSilent)
 TEST(SignalDetectorTest, ToneOverThresholdIsActiveAndHeldTenSecondsAfterItEnds)
 {
     ThresholdDirectory dir;
-    LogCapture log;
+    Testing::LogCapture log(Tools::Tracer::Info);
     auto detector = makeDetector(dir, -40.0);
     Driver driver(*detector);
     // The tone starts within a poll interval, after quiet blocks, so the activation has a reason.
@@ -187,7 +163,7 @@ TEST(SignalDetectorTest, ToneOverThresholdIsActiveAndHeldTenSecondsAfterItEnds)
     EXPECT_EQ(driver.transitions[0], std::make_pair(2.75, true));
     EXPECT_EQ(driver.transitions[1], std::make_pair(14.0, false));
 
-    auto const notices = messagesAt(log, Tools::Tracer::Notice);
+    auto const notices = log.messagesAt(Tools::Tracer::Notice);
     ASSERT_EQ(notices.size(), 2u);
     EXPECT_NEAR(triggerLevelDb(notices[0]), -20.0, 0.5);
     EXPECT_EQ(notices[0].substr(notices[0].find(" Reason:")), " Reason: Rms value is over threshold");
@@ -198,7 +174,7 @@ TEST(SignalDetectorTest, ToneOverThresholdIsActiveAndHeldTenSecondsAfterItEnds)
 TEST(SignalDetectorTest, FluctuatingInputBelowThresholdIsActiveWithReasonOne)
 {
     ThresholdDirectory dir;
-    LogCapture log;
+    Testing::LogCapture log(Tools::Tracer::Info);
     auto detector = makeDetector(dir, -30.0);
     Driver driver(*detector);
     // Half a second at -50 dB, half a second at -40 dB: a deviation of 5 dB, all below the threshold.
@@ -207,7 +183,7 @@ TEST(SignalDetectorTest, FluctuatingInputBelowThresholdIsActiveWithReasonOne)
     // The first analysis comes 15 s after the skip ended at 2.1 s; the next poll reports it.
     ASSERT_EQ(driver.transitions.size(), 1u);
     EXPECT_EQ(driver.transitions[0], std::make_pair(17.25, true));
-    auto const notices = messagesAt(log, Tools::Tracer::Notice);
+    auto const notices = log.messagesAt(Tools::Tracer::Notice);
     ASSERT_EQ(notices.size(), 1u);
     EXPECT_EQ(notices[0].substr(notices[0].find(" Reason:")), " Reason: State is Active");
     double const level = triggerLevelDb(notices[0]);
@@ -227,22 +203,22 @@ TEST(SignalDetectorTest, LearnsThresholdFromThirtySecondsOfSteadyNoiseAndReadsIt
     for (Case const& c : {Case{-70.0, "-61.0\n#headroom: 8.1\n", "sd : new signal threshold: -61.0"},
                           Case{-71.30425, "-61.6\n#headroom: 8.4\n", "sd : new signal threshold: -61.6"}}) {
         ThresholdDirectory dir;
-        LogCapture log;
+        Testing::LogCapture log(Tools::Tracer::Info);
         auto detector = makeDetector(dir, -50.0);
         EXPECT_FALSE(detector->hasMeasuredThreshold());
         Driver driver(*detector);
         auto const noise = [&](uint64_t i) { return steady(c.inputDb, i); };
         driver.run(2.25 + 29.75, noise);
-        EXPECT_TRUE(messagesAt(log, Tools::Tracer::Notice).empty()) << "learnt before 30 s of static noise";
+        EXPECT_TRUE(log.messagesAt(Tools::Tracer::Notice).empty()) << "learnt before 30 s of static noise";
         driver.run(0.25, noise);
-        ASSERT_EQ(messagesAt(log, Tools::Tracer::Notice).size(), 1u);
-        EXPECT_EQ(messagesAt(log, Tools::Tracer::Notice)[0].rfind(c.logged, 0), 0u);
+        ASSERT_EQ(log.messagesAt(Tools::Tracer::Notice).size(), 1u);
+        EXPECT_EQ(log.messagesAt(Tools::Tracer::Notice)[0].rfind(c.logged, 0), 0u);
         EXPECT_EQ(dir.entries(), std::vector<std::string>{"sd"}) << "no temporary file is left";
         EXPECT_EQ(dir.read("sd"), c.file);
         EXPECT_TRUE(detector->hasMeasuredThreshold());
         // The next analysis learns the same floor again: within 0.5 dB, so nothing changes.
         driver.run(15.0, noise);
-        EXPECT_EQ(messagesAt(log, Tools::Tracer::Notice).size(), 1u);
+        EXPECT_EQ(log.messagesAt(Tools::Tracer::Notice).size(), 1u);
         EXPECT_TRUE(driver.transitions.empty());
 
         float const learnt = detector->getThreshold();
@@ -256,11 +232,11 @@ TEST(SignalDetectorTest, LearnsThresholdFromThirtySecondsOfSteadyNoiseAndReadsIt
 TEST(SignalDetectorTest, ThresholdFileWinsOverTheParameterWhichAppliesOnlyOnce)
 {
     ThresholdDirectory dir;
-    LogCapture log;
+    Testing::LogCapture log(Tools::Tracer::Info);
     {
         auto detector = std::make_unique<SignalDetector>("sd", dir.path());
         EXPECT_EQ(
-            messagesAt(log, Tools::Tracer::Info),
+            log.messagesAt(Tools::Tracer::Info),
             std::vector<std::string>{"sd : no measured signal threshold yet, using default value: -inf"});
         detector->setParameters(Parameters{{"signal-threshold", "-20"}}, c_rate);
         EXPECT_FLOAT_EQ(detector->getThreshold(), 0.1f);
@@ -271,9 +247,9 @@ TEST(SignalDetectorTest, ThresholdFileWinsOverTheParameterWhichAppliesOnlyOnce)
     EXPECT_FALSE(makeDetector(dir, -20.0)->hasMeasuredThreshold());
 
     dir.write("sd", "-40.0\n#headroom: 3.0\n");
-    log.entries.clear();
+    log.clear();
     auto detector = makeDetector(dir, -20.0);
-    EXPECT_TRUE(log.entries.empty());
+    EXPECT_TRUE(log.messages().empty());
     EXPECT_TRUE(detector->hasMeasuredThreshold());
     EXPECT_FLOAT_EQ(detector->getThreshold(), 0.01f);
 }
@@ -281,13 +257,13 @@ TEST(SignalDetectorTest, ThresholdFileWinsOverTheParameterWhichAppliesOnlyOnce)
 TEST(SignalDetectorTest, ThresholdFileIsNotWrittenForAnIdWithASeparatorOrIntoAMissingDirectory)
 {
     ThresholdDirectory dir;
-    LogCapture log;
+    Testing::LogCapture log(Tools::Tracer::Info);
     SignalDetector nested("line/in", dir.path());
     nested.saveThreshold(0.01f, 3.0f);
     EXPECT_TRUE(dir.entries().empty());
     SignalDetector homeless("sd", dir.path() + "missing/");
     homeless.saveThreshold(0.01f, 3.0f);
-    auto const errors = messagesAt(log, Tools::Tracer::Error);
+    auto const errors = log.messagesAt(Tools::Tracer::Error);
     ASSERT_EQ(errors.size(), 2u);
     EXPECT_EQ(errors[0], "line/in : signal threshold not saved, the id contains a path separator");
     EXPECT_EQ(errors[1].rfind("sd : could not save signal threshold:", 0), 0u) << errors[1];

@@ -2,6 +2,7 @@
 
 #include "base/Tracer.h"
 
+#include <algorithm>
 #include <chrono>
 #include <mutex>
 #include <string>
@@ -11,22 +12,45 @@
 namespace Zelmar {
 namespace Testing {
 
-// Collects the messages of log entries from any thread while it exists.
+// Collects the log entries of any thread while it exists, down to the given level.
 class LogCapture
 {
 public:
-    LogCapture()
-        : m_connection(Tools::Tracer::get().addSink([this](Tools::LogBufferEntry const& entry) {
+    explicit LogCapture(int minLevel = Tools::Tracer::get().getMinLevel())
+        : m_previousMinLevel(Tools::Tracer::get().getMinLevel()),
+          m_connection(Tools::Tracer::get().addSink([this](Tools::LogBufferEntry const& entry) {
               std::lock_guard<std::mutex> lock(m_mutex);
-              m_messages.push_back(entry.message.str());
+              m_entries.push_back({entry.level, entry.message.str()});
           }))
     {
+        Tools::Tracer::get().setMinLevel(minLevel);
     }
+    ~LogCapture() { Tools::Tracer::get().setMinLevel(m_previousMinLevel); }
+    LogCapture(LogCapture const&) = delete;
+    LogCapture& operator=(LogCapture const&) = delete;
 
-    std::vector<std::string> messages()
+    std::vector<std::string> messages() { return messagesAt(c_anyLevel); }
+
+    std::vector<std::string> messagesAt(int level)
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        return m_messages;
+        std::vector<std::string> messages;
+        for (auto const& entry : m_entries)
+            if (level == c_anyLevel || entry.level == level)
+                messages.push_back(entry.message);
+        return messages;
+    }
+
+    bool contains(std::string const& message)
+    {
+        auto const all = messages();
+        return std::find(all.begin(), all.end(), message) != all.end();
+    }
+
+    void clear()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_entries.clear();
     }
 
     // For entries that worker threads write.
@@ -38,8 +62,17 @@ public:
     }
 
 private:
+    static constexpr int c_anyLevel = -1;
+
+    struct Entry
+    {
+        int level;
+        std::string message;
+    };
+
+    int const m_previousMinLevel;
     std::mutex m_mutex;
-    std::vector<std::string> m_messages;
+    std::vector<Entry> m_entries;
     Tools::Connection m_connection;
 };
 
