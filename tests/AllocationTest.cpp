@@ -13,64 +13,6 @@
 #include <glib/gstdio.h>
 #include <gtest/gtest.h>
 
-// Every heap allocation, C and C++ alike, passes through these; only the thread that asked is counted,
-// since GLib's own worker threads may allocate at any time.
-extern "C" {
-void* __libc_malloc(size_t);
-void* __libc_calloc(size_t, size_t);
-void* __libc_realloc(void*, size_t);
-void __libc_free(void*);
-}
-
-namespace {
-// Static TLS in the executable: reading it never allocates.
-thread_local bool t_watched = false;
-std::atomic<int> g_watchedThreadHeapCalls{0};
-
-void countIfWatching()
-{
-    if (t_watched)
-        g_watchedThreadHeapCalls.fetch_add(1, std::memory_order_relaxed);
-}
-} // namespace
-
-namespace Zelmar {
-namespace Testing {
-void watchHeapOnThisThread(bool watch)
-{
-    t_watched = watch;
-}
-int takeHeapCallsOfWatchedThreads()
-{
-    return g_watchedThreadHeapCalls.exchange(0);
-}
-} // namespace Testing
-} // namespace Zelmar
-
-extern "C" {
-void* malloc(size_t size)
-{
-    countIfWatching();
-    return __libc_malloc(size);
-}
-void* calloc(size_t count, size_t size)
-{
-    countIfWatching();
-    return __libc_calloc(count, size);
-}
-void* realloc(void* pointer, size_t size)
-{
-    countIfWatching();
-    return __libc_realloc(pointer, size);
-}
-void free(void* pointer)
-{
-    if (pointer)
-        countIfWatching();
-    __libc_free(pointer);
-}
-}
-
 using namespace Zelmar;
 
 TEST(ChainTest, ProcessingACompiledChainNeverTouchesTheHeap)
@@ -84,7 +26,8 @@ TEST(ChainTest, ProcessingACompiledChainNeverTouchesTheHeap)
     auto probe = std::make_shared<AudioBuffer>(64);
     probe.reset();
     Testing::watchHeapOnThisThread(false);
-    ASSERT_GE(Testing::takeHeapCallsOfWatchedThreads(), 2) << "the counter must see an allocation and its free";
+    ASSERT_GE(Testing::takeHeapCallsOfWatchedThreads(), 2)
+        << "the counter must see an allocation and its free";
 
     Testing::watchHeapOnThisThread(true);
     for (unsigned int period = 0; period < 200; ++period) {

@@ -4,7 +4,7 @@ namespace Zelmar {
 namespace Testing {
 
 // Counts every heap call (malloc, calloc, realloc, free) made on threads that asked to be watched.
-// Implemented beside the process-wide allocator interposition in AllocationTest.cpp.
+// Under a sanitizer the count comes from its allocator hooks, else from interposing the allocator.
 void watchHeapOnThisThread(bool watch);
 int takeHeapCallsOfWatchedThreads();
 
