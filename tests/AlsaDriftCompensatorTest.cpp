@@ -3,6 +3,7 @@
 #include "base/Tracer.h"
 #include "support/FileTail.h"
 #include "support/MainLoop.h"
+#include "support/ModelClock.h"
 
 #include <gtest/gtest.h>
 
@@ -188,29 +189,22 @@ TEST_F(AlsaDriftCompensatorTest, TimerOnTheMainLoopKeepsWriting)
 // 150 units moves the phase by a frame itself and the delta keeps swinging by several frames.
 TEST_F(AlsaDriftCompensatorTest, ModelClockSettlesWithinOneFrameForModerateGains)
 {
-    double const framesPerPpmTick = 48000 * 0.1 * 1e-6;
     // Ticks after which the delta stays within +-1 until the end, or -1.
     auto settle = [&](double gain) {
         AlsaDriftCompensator compensator;
         compensator.start();
-        double phase = 0.0;
+        Testing::ModelClock clock;
         long control = 0;
-        int settledAt = -1;
         for (int tick = 0; tick < 4000; ++tick) {
-            int const delta = static_cast<int>(std::lround(phase));
-            if (std::abs(delta) > 1)
-                settledAt = -1;
-            else if (settledAt < 0)
-                settledAt = tick;
-            compensator.setFrameDelta(delta);
+            compensator.setFrameDelta(clock.measureDelta());
             if (!compensator.writeClock())
                 return -2;
             std::vector<long> const values = written();
             if (!values.empty())
                 control = values.back();
-            phase += (50.0 + gain * static_cast<double>(control)) * framesPerPpmTick;
+            clock.run(50.0 + gain * static_cast<double>(control));
         }
-        return settledAt;
+        return clock.getSettledAt();
     };
     int const weak = settle(0.1);
     EXPECT_GE(weak, 0);

@@ -3,6 +3,7 @@
 #include "base/Tracer.h"
 #include "support/FileTail.h"
 #include "support/MainLoop.h"
+#include "support/ModelClock.h"
 
 #include <gtest/gtest.h>
 
@@ -171,23 +172,17 @@ TEST_F(HardwareDriftCompensatorTest, ModelClockSettlesWithinOneFrame)
     Testing::FileTail device(makeDevice(HardwareDriftCompensator::s_legacyDevicePath));
     HardwareDriftCompensator compensator;
     compensator.start();
-    double const framesPerPpmTick = 48000 * 0.1 * 1e-6;
-    double phase = -20.0;
+    Testing::ModelClock clock(-20.0);
     int dac = 2048;
-    int settledAt = -1;
     for (int tick = 0; tick < 400; ++tick) {
-        int const delta = static_cast<int>(std::lround(phase));
-        if (std::abs(delta) > 1)
-            settledAt = -1;
-        else if (settledAt < 0)
-            settledAt = tick;
-        compensator.setFrameDelta(delta);
+        compensator.setFrameDelta(clock.measureDelta());
         ASSERT_TRUE(compensator.writeClock());
         std::vector<int> const written = records(device);
         if (!written.empty())
             dac = written.back();
-        phase += (40.0 - 0.05 * (dac - 2048)) * framesPerPpmTick;
+        clock.run(40.0 - 0.05 * (dac - 2048));
     }
+    int const settledAt = clock.getSettledAt();
     EXPECT_GE(settledAt, 0);
     EXPECT_LT(settledAt, 100) << "20 frames behind catch up at 142 ppm in about 3 s";
 }
