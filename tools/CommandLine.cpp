@@ -291,8 +291,10 @@ int setCommand(int argc, char** argv)
          "set many parameters in one call: one \"MODULE KEY VALUE\" per line, '#' starts a comment line",
          "PARAMS.txt"},
         {}};
-    OptionParser parser("MODULE KEY VALUE",
-                        "Sets parameters of a chain served by `orvandeldsp run --realtime`.");
+    OptionParser parser(
+        "MODULE KEY VALUE",
+        "Sets parameters of a chain served by `orvandeldsp run --realtime`. Options go first, so "
+        "that a VALUE such as -12 is taken as it is.");
     parser.add(entries);
     parser.stopAtFirstArgument();
     parser.parse(argc, argv);

@@ -65,6 +65,11 @@ RealtimeHost::RealtimeHost(Chain& chain, GBusType bus) : m_connection(ControlBus
                                                         " is already served on " + ControlBus::describe(bus) +
                                                         " (is another realtime run going?)");
         m_service = std::make_unique<ChainService>(chain, m_connection);
+        // The config file has configured the chain: looped sounds play from the start, without waiting
+        // for a first set of parameters as they do in the player.
+        std::unique_ptr<GVariant, decltype(&g_variant_unref)> const nothingNew(
+            g_variant_ref_sink(g_variant_new_array(G_VARIANT_TYPE("(sss)"), nullptr, 0)), g_variant_unref);
+        m_service->handleSetParameters(nothingNew.get());
         waitForName(bus);
     } catch (...) {
         m_service.reset();
