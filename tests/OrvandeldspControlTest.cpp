@@ -64,6 +64,8 @@ public:
         return line;
     }
 
+    void signal(int number) { kill(m_pid, number); }
+
     // Its exit status; -1 when it died of a signal or had to be killed after the timeout.
     int wait(std::chrono::milliseconds timeout)
     {
@@ -292,11 +294,27 @@ TEST_F(OrvandeldspControlTest, ClientsNameAMissingChainOrBusAndUsageMistakes)
             EXPECT_EQ(result.err, "orvandeldsp: no chain is being served on the session bus\n");
         }
     }
-    // Outside the scope the session bus address leads nowhere.
-    auto const noBus = client({"sound", "stop", "1"});
-    EXPECT_EQ(noBus.status, 1);
-    EXPECT_TRUE(isOneLine(noBus.err));
-    EXPECT_EQ(noBus.err.rfind("orvandeldsp: cannot reach the session bus: ", 0), 0u) << noBus.err;
+    std::string const in = path("in.wav");
+    std::string const out = path("out.wav");
+    writeSound(in, SF_FORMAT_PCM_16, 2, std::vector<int32_t>(2 * c_rate, 0));
+    std::string const config = PROJECT_SOURCE_DIR "/tests/data/passthrough.xml";
+    {
+        PrivateDbus bus;
+        BackgroundTool run({"run", "--realtime", "--bus", "session", "-c", config, in, out},
+                           bus.getAddress());
+        ASSERT_EQ(run.readLine(10s), c_serving);
+        run.signal(SIGTERM);
+        EXPECT_EQ(run.wait(5s), 1);
+        EXPECT_FALSE(g_file_test(out.c_str(), G_FILE_TEST_EXISTS));
+    }
+    // Outside a ScopedBusAddress the session bus address leads nowhere.
+    for (auto const& args : {std::vector<std::string>{"sound", "--bus", "session", "stop", "1"},
+                             {"run", "--realtime", "--bus", "session", "-c", config, in, out}}) {
+        auto const noBus = runTool(args);
+        EXPECT_EQ(noBus.status, 1);
+        EXPECT_TRUE(isOneLine(noBus.err));
+        EXPECT_EQ(noBus.err.rfind("orvandeldsp: cannot reach the session bus: ", 0), 0u) << noBus.err;
+    }
     auto const missingFile = client({"set", "--file", path("missing.txt")});
     EXPECT_EQ(missingFile.status, 1);
     EXPECT_TRUE(isOneLine(missingFile.err));
@@ -307,8 +325,6 @@ TEST_F(OrvandeldspControlTest, ClientsNameAMissingChainOrBusAndUsageMistakes)
     EXPECT_EQ(badLine.err, "orvandeldsp: " + path("bad.txt") +
                                " line 2: expected MODULE KEY VALUE, not \"volume gain\"\n");
 
-    std::string const in = path("in.wav");
-    std::string const out = path("out.wav");
     for (auto const& args :
          std::vector<std::vector<std::string>>{{"set", "--bus", "session", "volume", "gain"},
                                                {"set", "--bus", "tram", "volume", "gain", "1"},

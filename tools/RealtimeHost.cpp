@@ -76,6 +76,9 @@ RealtimeHost::RealtimeHost(Chain& chain, GBusType bus) : m_connection(ControlBus
         g_object_unref(m_connection);
         throw;
     }
+    // From here on an interrupted run ends cleanly, without a partial output file.
+    m_signalSources[0] = g_unix_signal_add(SIGINT, &requestStop, &m_stopRequested);
+    m_signalSources[1] = g_unix_signal_add(SIGTERM, &requestStop, &m_stopRequested);
     // Scripts wait for this line before they send anything.
     std::printf("orvandeldsp: serving %s on %s\n", ChainService::c_busName,
                 ControlBus::describe(bus).c_str());
@@ -84,6 +87,8 @@ RealtimeHost::RealtimeHost(Chain& chain, GBusType bus) : m_connection(ControlBus
 
 RealtimeHost::~RealtimeHost()
 {
+    for (guint const source : m_signalSources)
+        g_source_remove(source);
     m_service.reset();
     g_object_unref(m_connection);
 }
@@ -113,10 +118,7 @@ void RealtimeHost::play(unsigned int sampleRate, PlayPeriod const& playPeriod)
     GMainLoop* const loop = g_main_loop_new(nullptr, FALSE);
     // The audio thread must not allocate to end the loop; this job is posted with an atomic flag.
     Tools::MainLoopCallback quit([loop] { g_main_loop_quit(loop); });
-    std::atomic<bool> stopRequested{false};
     std::atomic<bool> ended{false};
-    guint const signalSources[] = {g_unix_signal_add(SIGINT, &requestStop, &stopRequested),
-                                   g_unix_signal_add(SIGTERM, &requestStop, &stopRequested)};
     std::exception_ptr failure;
 
     std::thread audio([&] {
@@ -124,7 +126,7 @@ void RealtimeHost::play(unsigned int sampleRate, PlayPeriod const& playPeriod)
             timespec start{};
             clock_gettime(CLOCK_MONOTONIC, &start);
             uint64_t frames = 0;
-            while (!stopRequested.load()) {
+            while (!m_stopRequested.load()) {
                 unsigned int const taken = playPeriod();
                 if (taken == 0)
                     break;
@@ -144,12 +146,10 @@ void RealtimeHost::play(unsigned int sampleRate, PlayPeriod const& playPeriod)
         g_main_loop_run(loop);
     audio.join();
 
-    for (guint const source : signalSources)
-        g_source_remove(source);
     g_main_loop_unref(loop);
     if (failure)
         std::rethrow_exception(failure);
-    if (stopRequested.load())
+    if (m_stopRequested.load())
         throw ToolError(ToolError::c_ioFailure, "interrupted; no output written");
 }
 

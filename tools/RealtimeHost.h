@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <gio/gio.h>
 #include <memory>
@@ -39,6 +40,9 @@ private:
 
     GDBusConnection* m_connection;
     std::unique_ptr<ChainService> m_service;
+    // Raised on the main loop by SIGINT and SIGTERM, read by the audio thread between periods.
+    std::atomic<bool> m_stopRequested{false};
+    guint m_signalSources[2] = {};
 };
 
 } // namespace Host
