@@ -14,9 +14,6 @@ namespace Zelmar {
 
 namespace {
 
-constexpr char const* c_busName = "com.orvandeldsp.Chain";
-constexpr char const* c_objectPath = "/com/orvandeldsp/Chain";
-
 // Runs a handler step and answers the invocation with InvalidArgs carrying the refusal's message.
 template <class F> bool answeredWithoutError(GDBusMethodInvocation* invocation, F&& step)
 {

@@ -19,6 +19,11 @@ class Chain;
 class ChainService
 {
 public:
+    // Where the chain is found: clients need the same names.
+    static constexpr char const* c_busName = "com.orvandeldsp.Chain";
+    static constexpr char const* c_objectPath = "/com/orvandeldsp/Chain";
+    static constexpr char const* c_interfaceName = "com.orvandeldsp.Chain";
+
     // Serves on the system bus.
     explicit ChainService(Chain& chain);
     // Serves on the given bus (1 system, 2 session) or connection, for hosts and tests.

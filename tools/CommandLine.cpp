@@ -1,9 +1,12 @@
 #include "tools/CommandLine.h"
 
 #include "dsp/Chain.h"
+#include "dsp/ChainService.h"
 #include "tools/BundledConfigs.h"
+#include "tools/ChainClient.h"
 #include "tools/ChainLoader.h"
 #include "tools/ChainReport.h"
+#include "tools/ControlBus.h"
 #include "tools/GraphDrawing.h"
 #include "tools/OfflineHost.h"
 #include "tools/ToolError.h"
@@ -27,7 +30,10 @@ constexpr char const* c_programName = "orvandeldsp";
 constexpr char const* c_usage =
     "usage: orvandeldsp run   [--config FILE] [--period FRAMES] [--format s16|s24|s32] [--meters]\n"
     "                         [--rate HZ] [--drift PPM] [--detect [--threshold-dir DIR]]\n"
-    "                         [--progress|--quiet] INPUT.wav OUTPUT.wav\n"
+    "                         [--progress|--quiet] [--realtime [--bus system|session]]\n"
+    "                         INPUT.wav OUTPUT.wav\n"
+    "       orvandeldsp set   [--bus system|session] MODULE KEY VALUE | --file PARAMS.txt\n"
+    "       orvandeldsp sound [--bus system|session] play N | loop N INTERVAL_MS | stop ID\n"
     "       orvandeldsp check [--config FILE]\n"
     "       orvandeldsp graph [--config FILE] [--format png|svg|pdf] -o OUTPUT\n"
     "       orvandeldsp --help | --version | COMMAND --help\n";
@@ -35,7 +41,8 @@ constexpr char const* c_usage =
 // Chains that check and graph build without audio run at this rate.
 constexpr unsigned int c_checkSampleRate = 48000;
 
-constexpr char const* c_shortUsage = "usage: orvandeldsp run|check|graph [OPTIONS] (see orvandeldsp --help)";
+constexpr char const* c_shortUsage =
+    "usage: orvandeldsp run|check|graph|set|sound [OPTIONS] (see orvandeldsp --help)";
 
 ToolError usageError(std::string const& problem)
 {
@@ -55,6 +62,8 @@ public:
     OptionParser& operator=(OptionParser const&) = delete;
 
     void add(GOptionEntry const* entries) { g_option_context_add_main_entries(m_context, entries, nullptr); }
+    // Options must come first; what follows the first argument is taken as it is, "-12" included.
+    void stopAtFirstArgument() { g_option_context_set_strict_posix(m_context, TRUE); }
 
     // Leaves the positional arguments in argc/argv, after the command name.
     void parse(int& argc, char**& argv)
@@ -104,6 +113,29 @@ double parsePpm(char const* text)
     return ppm;
 }
 
+constexpr char const* c_busHelp = "the bus the chain is served on (default: system as root, else session)";
+
+GBusType parseBus(gchar const* name)
+{
+    if (!name)
+        return ControlBus::defaultType();
+    if (std::strcmp(name, "session") == 0)
+        return G_BUS_TYPE_SESSION;
+    if (std::strcmp(name, "system") == 0)
+        return G_BUS_TYPE_SYSTEM;
+    throw usageError(std::string("unknown --bus ") + name + " (use system or session)");
+}
+
+// Whole decimal numbers only, so that "2x" or "-1" for an id is a usage mistake, not a different id.
+guint64 parseNumber(char const* text, char const* what, guint64 max)
+{
+    guint64 number = 0;
+    if (!g_ascii_string_to_unsigned(text, 10, 0, max, &number, nullptr))
+        throw usageError(std::string(what) + " must be a whole number from 0 to " + std::to_string(max) +
+                         ", not " + text);
+    return number;
+}
+
 std::string configOrDefault(gchar const* config)
 {
     return config ? config : BundledConfigs::defaultConfig();
@@ -121,6 +153,8 @@ int runCommand(int argc, char** argv)
     gchar* drift = nullptr;
     gboolean detect = FALSE;
     gchar* thresholdDir = nullptr;
+    gboolean realtime = FALSE;
+    gchar* bus = nullptr;
     std::string const configHelp = describeConfigDefault();
     GOptionEntry const entries[] = {
         {"config", 'c', 0, G_OPTION_ARG_FILENAME, &config, configHelp.c_str(), "FILE"},
@@ -145,12 +179,17 @@ int runCommand(int argc, char** argv)
          "poll the config's \"signal-detector\" every 250 ms of audio and print its transitions", nullptr},
         {"threshold-dir", 0, 0, G_OPTION_ARG_FILENAME, &thresholdDir,
          "where the detector keeps its learnt threshold (default: a temporary directory for the run)", "DIR"},
+        {"realtime", 0, 0, G_OPTION_ARG_NONE, &realtime,
+         "play at the audio's own speed and serve the chain on D-Bus meanwhile, for `orvandeldsp set` and "
+         "`orvandeldsp sound`",
+         nullptr},
+        {"bus", 0, 0, G_OPTION_ARG_STRING, &bus, c_busHelp, "system|session"},
         {}};
     OptionParser parser("INPUT.wav OUTPUT.wav", "Runs a sound file through a dsp chain into a WAV file.");
     parser.add(entries);
     parser.parse(argc, argv);
     std::unique_ptr<gchar, decltype(&g_free)> const configOwner(config, g_free), formatOwner(format, g_free),
-        driftOwner(drift, g_free), thresholdDirOwner(thresholdDir, g_free);
+        driftOwner(drift, g_free), thresholdDirOwner(thresholdDir, g_free), busOwner(bus, g_free);
 
     if (argc != 3)
         throw usageError("run needs INPUT.wav and OUTPUT.wav");
@@ -179,6 +218,13 @@ int runCommand(int argc, char** argv)
     if (thresholdDir && !detect)
         throw usageError("--threshold-dir goes with --detect");
     options.thresholdDirectory = thresholdDir ? thresholdDir : "";
+    // A simulated clock and a detector polled by audio time have nothing to gain from a real clock.
+    if (realtime && (drift || detect))
+        throw usageError("--realtime cannot be combined with --drift or --detect");
+    if (bus && !realtime)
+        throw usageError("--bus goes with --realtime");
+    options.realtime = realtime;
+    options.bus = parseBus(bus);
     OfflineHost::run(options);
     return 0;
 }
@@ -235,6 +281,69 @@ int graphCommand(int argc, char** argv)
     return 0;
 }
 
+int setCommand(int argc, char** argv)
+{
+    gchar* bus = nullptr;
+    gchar* file = nullptr;
+    GOptionEntry const entries[] = {
+        {"bus", 0, 0, G_OPTION_ARG_STRING, &bus, c_busHelp, "system|session"},
+        {"file", 'f', 0, G_OPTION_ARG_FILENAME, &file,
+         "set many parameters in one call: one \"MODULE KEY VALUE\" per line, '#' starts a comment line",
+         "PARAMS.txt"},
+        {}};
+    OptionParser parser(
+        "MODULE KEY VALUE",
+        "Sets parameters of a chain served by `orvandeldsp run --realtime`. Options go first, so "
+        "that a VALUE such as -12 is taken as it is.");
+    parser.add(entries);
+    parser.stopAtFirstArgument();
+    parser.parse(argc, argv);
+    std::unique_ptr<gchar, decltype(&g_free)> const busOwner(bus, g_free), fileOwner(file, g_free);
+    if (file ? argc != 1 : argc != 4)
+        throw usageError("set needs MODULE KEY VALUE or --file PARAMS.txt, options first");
+
+    GBusType const busType = parseBus(bus);
+    if (file) {
+        auto const settings = ChainClient::readSettings(file);
+        ChainClient(busType).setParameters(settings);
+    } else {
+        ChainClient(busType).setParameter({argv[1], argv[2], argv[3]});
+    }
+    return 0;
+}
+
+int soundCommand(int argc, char** argv)
+{
+    gchar* bus = nullptr;
+    GOptionEntry const entries[] = {{"bus", 0, 0, G_OPTION_ARG_STRING, &bus, c_busHelp, "system|session"},
+                                    {}};
+    OptionParser parser("play N | loop N INTERVAL_MS | stop ID",
+                        "Plays system sound N (0 to 9) once, repeats it every INTERVAL_MS milliseconds (and "
+                        "prints the id to stop it with), or stops a repeating sound, on a served chain.");
+    parser.add(entries);
+    parser.stopAtFirstArgument();
+    parser.parse(argc, argv);
+    std::unique_ptr<gchar, decltype(&g_free)> const busOwner(bus, g_free);
+
+    std::string const action = argc > 1 ? argv[1] : "";
+    int const expected = action == "play" || action == "stop" ? 3 : action == "loop" ? 4 : 0;
+    if (argc != expected)
+        throw usageError("sound needs play N, loop N INTERVAL_MS or stop ID, options first");
+    // The service decides which sound numbers exist; here they only have to be numbers.
+    if (action == "play") {
+        int const sound = int(parseNumber(argv[2], "the sound", G_MAXINT32));
+        ChainClient(parseBus(bus)).playSound(sound);
+    } else if (action == "loop") {
+        int const sound = int(parseNumber(argv[2], "the sound", G_MAXINT32));
+        unsigned int const interval = unsigned(parseNumber(argv[3], "the interval", G_MAXUINT32));
+        std::printf("%u\n", ChainClient(parseBus(bus)).loopSound(sound, interval));
+    } else {
+        unsigned int const id = unsigned(parseNumber(argv[2], "the id", G_MAXUINT32));
+        ChainClient(parseBus(bus)).stopSound(id);
+    }
+    return 0;
+}
+
 int dispatch(int argc, char** argv)
 {
     if (argc < 2)
@@ -244,9 +353,13 @@ int dispatch(int argc, char** argv)
         std::printf("%s\n"
                     "  run    runs INPUT.wav through the chain into OUTPUT.wav\n"
                     "  check  loads the config and lists its modules in signal-flow order\n"
-                    "  graph  draws the chain's signal flow with Graphviz dot\n\n"
-                    "The default config is %s\n",
-                    c_usage, BundledConfigs::defaultConfig().c_str());
+                    "  graph  draws the chain's signal flow with Graphviz dot\n"
+                    "  set    sets parameters of a chain served by run --realtime\n"
+                    "  sound  plays, loops or stops system sounds on a served chain\n\n"
+                    "The default config is %s\n"
+                    "run --realtime serves the chain as %s on the system bus as root, else on the session\n"
+                    "bus, for as long as the file plays; set and sound reach it on the same bus.\n",
+                    c_usage, BundledConfigs::defaultConfig().c_str(), ChainService::c_busName);
         return 0;
     }
     if (command == "--version") {
@@ -264,6 +377,10 @@ int dispatch(int argc, char** argv)
         return checkCommand(commandArgc, commandArgv);
     if (command == "graph")
         return graphCommand(commandArgc, commandArgv);
+    if (command == "set")
+        return setCommand(commandArgc, commandArgv);
+    if (command == "sound")
+        return soundCommand(commandArgc, commandArgv);
     throw usageError("unknown command " + command);
 }
 

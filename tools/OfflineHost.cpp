@@ -9,6 +9,7 @@
 #include "tools/DetectionReport.h"
 #include "tools/DriftSimulation.h"
 #include "tools/FileAudioBuffers.h"
+#include "tools/RealtimeHost.h"
 #include "tools/SoundFileReader.h"
 #include "tools/SoundFileWriter.h"
 #include "tools/ThresholdDirectory.h"
@@ -169,12 +170,19 @@ void OfflineHost::run(Options const& options)
     if (options.meters)
         chain->enableMeters(true);
 
+    std::unique_ptr<RealtimeHost> realtime;
+    if (options.realtime)
+        realtime = std::make_unique<RealtimeHost>(*chain, options.bus);
+
     SoundFileWriter writer(options.output, format, outChannels, chainRate, maxFrames);
     bool const showingProgress = options.progress && !options.quiet;
     gint64 const start = g_get_monotonic_time();
     gint64 lastProgress = start;
     sf_count_t framesIn = 0;
-    while (unsigned int const frames = reader.readPeriod(capture, options.periodFrames)) {
+    auto const playPeriod = [&]() -> unsigned int {
+        unsigned int const frames = reader.readPeriod(capture, options.periodFrames);
+        if (frames == 0)
+            return 0;
         // The chain decides how many frames leave it; an untouched playback period writes none.
         playback.setNumFrames(0);
         for (auto const& feature : features)
@@ -188,7 +196,13 @@ void OfflineHost::run(Options const& options)
             lastProgress = g_get_monotonic_time();
             showProgress(framesIn, reader.getNumFrames(), sampleRate);
         }
-    }
+        return frames;
+    };
+    if (realtime)
+        realtime->play(sampleRate, playPeriod);
+    else
+        while (playPeriod() > 0) {
+        }
     for (auto const& feature : features)
         feature->finish();
     writer.commit();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <alsa/asoundlib.h>
+#include <gio/gio.h>
 #include <string>
 
 namespace Zelmar {
@@ -32,6 +33,9 @@ public:
         bool detect = false;
         // Where the detector keeps its learnt threshold; empty: a temporary directory for the run.
         std::string thresholdDirectory;
+        // Plays at the audio's own speed and serves the chain on `bus` meanwhile.
+        bool realtime = false;
+        GBusType bus = G_BUS_TYPE_SESSION;
     };
 
     // Throws ToolError; the output file appears only when the whole run succeeded.

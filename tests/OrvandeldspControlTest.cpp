@@ -1,0 +1,345 @@
+// Changes a chain while `orvandeldsp run --realtime` plays it, through `orvandeldsp set` and `sound`, on a
+// private bus, and checks what lands in the output file and when.
+#include "support/PrivateDbus.h"
+#include "support/ToolRun.h"
+
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <poll.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using namespace Zelmar::Testing;
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+constexpr int c_rate = 48000;
+constexpr size_t c_period = 1024;
+std::string const c_serving = "orvandeldsp: serving com.orvandeldsp.Chain on the session bus";
+
+// The tool in the background, as a realtime run is used; killed and reaped whatever happens to the test.
+class BackgroundTool
+{
+public:
+    BackgroundTool(std::vector<std::string> const& args, std::string const& busAddress)
+    {
+        std::vector<char*> argv{const_cast<char*>(ORVANDELDSP_TOOL)};
+        for (auto const& arg : args)
+            argv.push_back(const_cast<char*>(arg.c_str()));
+        argv.push_back(nullptr);
+        gchar** env = g_get_environ();
+        env = g_environ_setenv(env, "DBUS_SESSION_BUS_ADDRESS", busAddress.c_str(), TRUE);
+        env = g_environ_setenv(env, "ORVANDELDSP_SOUNDS_DIR", GENERATED_SOUNDS_DIR, TRUE);
+        g_spawn_async_with_pipes(nullptr, argv.data(), env, G_SPAWN_DO_NOT_REAP_CHILD, nullptr, nullptr,
+                                 &m_pid, nullptr, &m_out, nullptr, nullptr);
+        g_strfreev(env);
+    }
+    ~BackgroundTool()
+    {
+        if (m_pid > 0) {
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
+        }
+        if (m_out >= 0)
+            close(m_out);
+    }
+
+    // The next line on its stdout, or what came of it when none ends within the timeout.
+    std::string readLine(std::chrono::milliseconds timeout)
+    {
+        std::string line;
+        auto const end = Clock::now() + timeout;
+        char c = 0;
+        while (Clock::now() < end) {
+            pollfd ready{m_out, POLLIN, 0};
+            if (poll(&ready, 1, 50) <= 0)
+                continue;
+            if (read(m_out, &c, 1) != 1 || c == '\n')
+                break;
+            line += c;
+        }
+        return line;
+    }
+
+    void signal(int number) { kill(m_pid, number); }
+
+    // Its exit status; -1 when it died of a signal or had to be killed after the timeout.
+    int wait(std::chrono::milliseconds timeout)
+    {
+        auto const end = Clock::now() + timeout;
+        int status = 0;
+        while (waitpid(m_pid, &status, WNOHANG) == 0) {
+            if (Clock::now() > end)
+                return -1;
+            std::this_thread::sleep_for(20ms);
+        }
+        m_pid = 0;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+private:
+    GPid m_pid = 0;
+    int m_out = -1;
+};
+
+double secondsSince(Clock::time_point start)
+{
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+bool isOneLine(std::string const& text)
+{
+    return text.size() > 1 && text.find('\n') == text.size() - 1;
+}
+
+// 24-bit stereo words whose values are multiples of 4, so that gains of -6 and -12 dB are exact.
+std::vector<int32_t> stereoTone(size_t frames)
+{
+    std::vector<int32_t> samples;
+    for (size_t f = 0; f < frames; ++f) {
+        long const quarter = std::lround(0.5 * 2097151.0 * std::sin(2.0 * M_PI * 440.0 * double(f) / c_rate));
+        samples.push_back(int32_t(quarter * 4 * 256));
+        samples.push_back(int32_t(quarter * 4 * 256));
+    }
+    return samples;
+}
+
+bool periodIs(Sound const& out, std::vector<int32_t> const& in, size_t period, int divisor)
+{
+    size_t const end = std::min(in.size(), (period + 1) * c_period * 2);
+    for (size_t i = period * c_period * 2; i < end; ++i) {
+        if (out.samples[i] != in[i] / divisor)
+            return false;
+    }
+    return true;
+}
+
+class OrvandeldspControlTest : public ToolTest
+{
+protected:
+    std::vector<std::string> realtimeRun(std::string const& config)
+    {
+        return {"run", "--realtime", "--bus", "session", "--config", config, path("in.wav"), path("out.wav")};
+    }
+    static ToolResult client(std::vector<std::string> args)
+    {
+        args.insert(args.begin() + 1, {"--bus", "session"});
+        return runTool(args);
+    }
+};
+
+std::string const c_stereoGain = R"(<dsp>
+  <module type="input" id="in"/>
+  <stereo-module type="gain" id="volume"><parameter id="gain" type="double">0</parameter></stereo-module>
+  <module type="output" id="out"><parameter id="interleave-pattern" type="string">01</parameter></module>
+  <cable out="in" in="volume"/>
+  <cable out="volume" in="out"/>
+</dsp>)";
+
+TEST_F(OrvandeldspControlTest, SetDuringARealtimeRunChangesTheLevelWhenItIsSent)
+{
+    PrivateDbus bus;
+    ScopedBusAddress session("DBUS_SESSION_BUS_ADDRESS", bus.getAddress());
+    auto const in = stereoTone(3 * c_rate);
+    writeSound(path("in.wav"), SF_FORMAT_PCM_24, 2, in);
+    BackgroundTool run(realtimeRun(writeConfig("gain.xml", c_stereoGain)), bus.getAddress());
+    ASSERT_EQ(run.readLine(10s), c_serving);
+    auto const served = Clock::now();
+
+    std::this_thread::sleep_until(served + 1500ms);
+    double const sent = secondsSince(served);
+    auto const set = client({"set", "volume", "gain", "-12"});
+    double const answered = secondsSince(served);
+    EXPECT_EQ(set.status, 0) << set.err;
+    ASSERT_EQ(run.wait(15s), 0);
+    // Paced by the audio: three seconds of it take three seconds.
+    EXPECT_GE(secondsSince(served), 2.95);
+    EXPECT_EQ(run.readLine(1s).rfind("orvandeldsp: 144000 frames in, 144000 out", 0), 0u);
+
+    auto const out = readSound(path("out.wav"));
+    ASSERT_EQ(out.samples.size(), in.size());
+    size_t const periods = (in.size() / 2 + c_period - 1) / c_period;
+    size_t changed = 0;
+    while (changed < periods && periodIs(out, in, changed, 1))
+        ++changed;
+    ASSERT_LT(changed, periods) << "the level never changed";
+    // After the period the change landed in, every frame is exactly a quarter of its input.
+    for (size_t period = changed + 1; period < periods; ++period)
+        ASSERT_TRUE(periodIs(out, in, period, 4)) << "period " << period;
+    double const at = double(changed * c_period) / c_rate;
+    EXPECT_GE(at, sent - 0.25);
+    EXPECT_LE(at, answered + 0.25);
+}
+
+TEST_F(OrvandeldspControlTest, SetFileSendsEveryLineAndRefusalsAreOneLine)
+{
+    PrivateDbus bus;
+    ScopedBusAddress session("DBUS_SESSION_BUS_ADDRESS", bus.getAddress());
+    auto const in = stereoTone(2 * c_rate);
+    writeSound(path("in.wav"), SF_FORMAT_PCM_24, 2, in);
+    std::string const config = writeConfig("two-gains.xml", R"(<dsp>
+  <module type="input" id="in"/>
+  <module type="gain" id="left"><parameter id="gain" type="double">0</parameter></module>
+  <module type="gain" id="right"><parameter id="gain" type="double">0</parameter></module>
+  <module type="output" id="out"><parameter id="interleave-pattern" type="string">01</parameter></module>
+  <cable out="in[0]" in="left[0]"/>
+  <cable out="in[1]" in="right[0]"/>
+  <cable out="left[0]" in="out[0]"/>
+  <cable out="right[0]" in="out[1]"/>
+</dsp>)");
+    BackgroundTool run(realtimeRun(config), bus.getAddress());
+    ASSERT_EQ(run.readLine(10s), c_serving);
+
+    auto const second = runTool(
+        {"run", "--realtime", "--bus", "session", "--config", config, path("in.wav"), path("second.wav")});
+    EXPECT_EQ(second.status, 1);
+    EXPECT_EQ(second.err,
+              "orvandeldsp: com.orvandeldsp.Chain is already served on the session bus (is another "
+              "realtime run going?)\n");
+
+    g_file_set_contents(path("levels.txt").c_str(),
+                        "# both channels\n\nleft gain -12\n  right   gain  -6  \n", -1, nullptr);
+    auto const fromFile = client({"set", "--file", path("levels.txt")});
+    EXPECT_EQ(fromFile.status, 0) << fromFile.err;
+
+    auto const refused = client({"set", "left", "gain", "30"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_TRUE(isOneLine(refused.err)) << refused.err;
+    EXPECT_NE(refused.err.find("gain factor of module left is out of range"), std::string::npos)
+        << refused.err;
+    // The service ignores modules the chain does not have.
+    EXPECT_EQ(client({"set", "no-such-module", "gain", "3"}).status, 0);
+
+    ASSERT_EQ(run.wait(15s), 0);
+    auto const out = readSound(path("out.wav"));
+    ASSERT_EQ(out.samples.size(), in.size());
+    // The refused 30 dB left the file's -12 dB in place.
+    for (size_t i = in.size() - 2 * c_period; i < in.size(); i += 2) {
+        ASSERT_EQ(out.samples[i], in[i] / 4) << i;
+        ASSERT_EQ(out.samples[i + 1], in[i + 1] / 2) << i;
+    }
+}
+
+TEST_F(OrvandeldspControlTest, SoundsPlayLoopAndStopOnTheServedChain)
+{
+    PrivateDbus bus;
+    ScopedBusAddress session("DBUS_SESSION_BUS_ADDRESS", bus.getAddress());
+    writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, std::vector<int32_t>(2 * 3 * c_rate, 0));
+    BackgroundTool run(realtimeRun(writeConfig("sounds.xml", R"(<dsp>
+  <module type="input" id="in"/>
+  <module type="sounds" id="system-sounds"/>
+  <module type="output" id="out"><parameter id="interleave-pattern" type="string">01</parameter></module>
+  <cable out="in" in="system-sounds"/>
+  <cable out="system-sounds" in="out"/>
+</dsp>)")),
+                       bus.getAddress());
+    ASSERT_EQ(run.readLine(10s), c_serving);
+    auto const served = Clock::now();
+
+    // Sound 4 is the 30 ms touch click: every play is a short burst in the silence.
+    std::this_thread::sleep_until(served + 500ms);
+    double const played = secondsSince(served);
+    EXPECT_EQ(client({"sound", "play", "4"}).status, 0);
+    auto const invalid = client({"sound", "play", "10"});
+    EXPECT_EQ(invalid.status, 1);
+    EXPECT_EQ(invalid.err, "orvandeldsp: unable to play system sound\n");
+
+    std::this_thread::sleep_until(served + 1200ms);
+    double const looped = secondsSince(served);
+    auto const loop = client({"sound", "loop", "4", "300"});
+    ASSERT_EQ(loop.status, 0) << loop.err;
+    ASSERT_FALSE(loop.out.empty());
+    EXPECT_EQ(loop.out.find_first_not_of("0123456789"), loop.out.size() - 1) << loop.out;
+    std::this_thread::sleep_until(served + 2000ms);
+    EXPECT_EQ(client({"sound", "stop", loop.out.substr(0, loop.out.size() - 1)}).status, 0);
+    double const stopped = secondsSince(served);
+    // An id nobody has is only logged by the service.
+    EXPECT_EQ(client({"sound", "stop", "4000000000"}).status, 0);
+    ASSERT_EQ(run.wait(15s), 0);
+
+    // Where bursts start: a sounding frame after at least 100 ms of silence.
+    auto const out = readSound(path("out.wav"));
+    std::vector<double> starts;
+    size_t lastSounding = 0;
+    for (size_t frame = 0; frame < out.samples.size() / 2; ++frame) {
+        if (out.samples[2 * frame] == 0 && out.samples[2 * frame + 1] == 0)
+            continue;
+        if (starts.empty() || frame - lastSounding > c_rate / 10)
+            starts.push_back(double(frame) / c_rate);
+        lastSounding = frame;
+    }
+    ASSERT_GE(starts.size(), 3u);
+    EXPECT_GE(starts[0], played - 0.25);
+    EXPECT_LT(starts[0], looped - 0.25);
+    // Every 300 ms between loop and stop, then nothing.
+    EXPECT_GE(starts.size(), 1 + size_t((stopped - looped - 0.25) / 0.3));
+    for (size_t i = 1; i < starts.size(); ++i) {
+        EXPECT_GE(starts[i], looped - 0.25);
+        EXPECT_LE(starts[i], stopped + 0.25);
+    }
+}
+
+TEST_F(OrvandeldspControlTest, ClientsNameAMissingChainOrBusAndUsageMistakes)
+{
+    {
+        PrivateDbus bus;
+        ScopedBusAddress session("DBUS_SESSION_BUS_ADDRESS", bus.getAddress());
+        for (auto const& args :
+             {std::vector<std::string>{"set", "volume", "gain", "-6"}, {"sound", "play", "4"}}) {
+            auto const result = client(args);
+            EXPECT_EQ(result.status, 1);
+            EXPECT_EQ(result.err, "orvandeldsp: no chain is being served on the session bus\n");
+        }
+    }
+    std::string const in = path("in.wav");
+    std::string const out = path("out.wav");
+    writeSound(in, SF_FORMAT_PCM_16, 2, std::vector<int32_t>(2 * c_rate, 0));
+    std::string const config = PROJECT_SOURCE_DIR "/tests/data/passthrough.xml";
+    {
+        PrivateDbus bus;
+        BackgroundTool run({"run", "--realtime", "--bus", "session", "-c", config, in, out},
+                           bus.getAddress());
+        ASSERT_EQ(run.readLine(10s), c_serving);
+        run.signal(SIGTERM);
+        EXPECT_EQ(run.wait(5s), 1);
+        EXPECT_FALSE(g_file_test(out.c_str(), G_FILE_TEST_EXISTS));
+    }
+    // Outside a ScopedBusAddress the session bus address leads nowhere.
+    for (auto const& args : {std::vector<std::string>{"sound", "--bus", "session", "stop", "1"},
+                             {"run", "--realtime", "--bus", "session", "-c", config, in, out}}) {
+        auto const noBus = runTool(args);
+        EXPECT_EQ(noBus.status, 1);
+        EXPECT_TRUE(isOneLine(noBus.err));
+        EXPECT_EQ(noBus.err.rfind("orvandeldsp: cannot reach the session bus: ", 0), 0u) << noBus.err;
+    }
+    auto const missingFile = client({"set", "--file", path("missing.txt")});
+    EXPECT_EQ(missingFile.status, 1);
+    EXPECT_TRUE(isOneLine(missingFile.err));
+
+    g_file_set_contents(path("bad.txt").c_str(), "volume gain -6\nvolume gain\n", -1, nullptr);
+    auto const badLine = client({"set", "--file", path("bad.txt")});
+    EXPECT_EQ(badLine.status, 2);
+    EXPECT_EQ(badLine.err, "orvandeldsp: " + path("bad.txt") +
+                               " line 2: expected MODULE KEY VALUE, not \"volume gain\"\n");
+
+    for (auto const& args :
+         std::vector<std::vector<std::string>>{{"set", "--bus", "session", "volume", "gain"},
+                                               {"set", "--bus", "tram", "volume", "gain", "1"},
+                                               {"set", "volume", "gain", "1", "--bus", "session"},
+                                               {"sound", "--bus", "session", "loop", "4"},
+                                               {"sound", "--bus", "session", "play", "x"},
+                                               {"sound", "--bus", "session", "stop", "-1"},
+                                               {"sound", "--bus", "session", "pause", "1"},
+                                               {"run", "--realtime", "--drift", "10", in, out},
+                                               {"run", "--realtime", "--detect", in, out},
+                                               {"run", "--bus", "session", in, out}}) {
+        auto const result = runTool(args);
+        EXPECT_EQ(result.status, 2) << args[0] << " " << args[1] << ": " << result.err;
+        EXPECT_EQ(result.err.rfind("orvandeldsp: ", 0), 0u);
+    }
+}
+
+} // namespace
