@@ -27,6 +27,7 @@ constexpr char const* c_programName = "orvandeldsp";
 constexpr char const* c_usage =
     "usage: orvandeldsp run   [--config FILE] [--period FRAMES] [--format s16|s24|s32] [--meters]\n"
     "                         [--rate HZ] [--drift PPM] [--detect [--threshold-dir DIR]]\n"
+    "                         [--encode OUT.flac] [--sound N@SECONDS ...]\n"
     "                         [--progress|--quiet] INPUT.wav OUTPUT.wav\n"
     "       orvandeldsp check [--config FILE]\n"
     "       orvandeldsp graph [--config FILE] [--format png|svg|pdf] -o OUTPUT\n"
@@ -121,6 +122,8 @@ int runCommand(int argc, char** argv)
     gchar* drift = nullptr;
     gboolean detect = FALSE;
     gchar* thresholdDir = nullptr;
+    gchar* encode = nullptr;
+    gchar** sounds = nullptr;
     std::string const configHelp = describeConfigDefault();
     GOptionEntry const entries[] = {
         {"config", 'c', 0, G_OPTION_ARG_FILENAME, &config, configHelp.c_str(), "FILE"},
@@ -145,12 +148,20 @@ int runCommand(int argc, char** argv)
          "poll the config's \"signal-detector\" every 250 ms of audio and print its transitions", nullptr},
         {"threshold-dir", 0, 0, G_OPTION_ARG_FILENAME, &thresholdDir,
          "where the detector keeps its learnt threshold (default: a temporary directory for the run)", "DIR"},
+        {"encode", 0, 0, G_OPTION_ARG_FILENAME, &encode,
+         "also write the stream of the config's \"flac-encoder\" (24-bit FLAC) to OUT.flac", "OUT.flac"},
+        {"sound", 0, 0, G_OPTION_ARG_STRING_ARRAY, &sounds,
+         "play system sound N (0 to 9) through the config's \"system-sounds\" module; it starts with the "
+         "first frame of the --period that holds the input frame at SECONDS, which must lie before the "
+         "input's end (repeatable)",
+         "N@SECONDS"},
         {}};
     OptionParser parser("INPUT.wav OUTPUT.wav", "Runs a sound file through a dsp chain into a WAV file.");
     parser.add(entries);
     parser.parse(argc, argv);
     std::unique_ptr<gchar, decltype(&g_free)> const configOwner(config, g_free), formatOwner(format, g_free),
-        driftOwner(drift, g_free), thresholdDirOwner(thresholdDir, g_free);
+        driftOwner(drift, g_free), thresholdDirOwner(thresholdDir, g_free), encodeOwner(encode, g_free);
+    std::unique_ptr<gchar*, decltype(&g_strfreev)> const soundsOwner(sounds, g_strfreev);
 
     if (argc != 3)
         throw usageError("run needs INPUT.wav and OUTPUT.wav");
@@ -179,6 +190,9 @@ int runCommand(int argc, char** argv)
     if (thresholdDir && !detect)
         throw usageError("--threshold-dir goes with --detect");
     options.thresholdDirectory = thresholdDir ? thresholdDir : "";
+    options.encodedOutput = encode ? encode : "";
+    for (gchar** sound = sounds; sound && *sound; ++sound)
+        options.sounds.push_back(SoundCues::parse(*sound));
     OfflineHost::run(options);
     return 0;
 }

@@ -1,7 +1,10 @@
 #pragma once
 
+#include "tools/SoundCues.h"
+
 #include <alsa/asoundlib.h>
 #include <string>
+#include <vector>
 
 namespace Zelmar {
 namespace Host {
@@ -32,6 +35,10 @@ public:
         bool detect = false;
         // Where the detector keeps its learnt threshold; empty: a temporary directory for the run.
         std::string thresholdDirectory;
+        // Where the stream of the chain's "flac-encoder" goes; empty: it is not encoded.
+        std::string encodedOutput;
+        // System sounds played during the run.
+        std::vector<SoundCues::Cue> sounds;
     };
 
     // Throws ToolError; the output file appears only when the whole run succeeded.
