@@ -34,6 +34,7 @@ void FlacEncoder::setParameters(Parameters const& parameters, unsigned int sampl
     bool const wasEncoding = m_thread.joinable();
     stopEncoding();
     m_ring.reset();
+    m_streamFinished = false;
     setupEncoderLib(sampleRate);
     if (wasEncoding)
         startEncoding();
@@ -112,12 +113,17 @@ void FlacEncoder::onSigGotFrameStateChanged(Tools::SignalState state)
 
 void FlacEncoder::startEncoding()
 {
-    // Without a sample rate there is no encoder yet; setParameters starts it if wanted by then.
-    if (m_thread.joinable() || m_encoder == nullptr)
+    if (m_thread.joinable())
         return;
-    // A failed run leaves libFLAC in an error state for good: start a fresh stream.
-    if (FLAC__stream_encoder_get_state(m_encoder) != FLAC__STREAM_ENCODER_OK)
+    // A finished stream, or a failed run that left libFLAC in an error state for good: a fresh stream.
+    if (m_streamFinished ||
+        (m_encoder != nullptr && FLAC__stream_encoder_get_state(m_encoder) != FLAC__STREAM_ENCODER_OK)) {
+        m_streamFinished = false;
         setupEncoderLib(getSampleRate());
+    }
+    // Without a sample rate there is no encoder yet; setParameters starts it if wanted by then.
+    if (m_encoder == nullptr)
+        return;
     m_ring.reset();
     m_stop.store(false);
     m_state.store(State::Encoding);
@@ -133,6 +139,16 @@ void FlacEncoder::stopEncoding()
     m_thread.join();
     m_stop.store(false);
     m_state.store(State::Idle);
+}
+
+void FlacEncoder::finishStream()
+{
+    stopEncoding();
+    // The encoder thread is joined, so libFLAC runs its last frame through writeCB on this thread.
+    if (m_encoder != nullptr) {
+        finishEncoderLib();
+        m_streamFinished = true;
+    }
 }
 
 void FlacEncoder::notifyCondition()

@@ -58,6 +58,13 @@ public:
     void startEncoding();
     void stopEncoding();
     bool isEncoding() const { return m_state.load() == State::Encoding; }
+    // Stops encoding and ends the stream: libFLAC encodes the block it held back, which is published
+    // like the frames before it. The next start begins a new stream with a header of its own.
+    void finishStream();
+    // Pairs queued by process() that the encoder thread has not taken yet.
+    unsigned int getNumQueuedPairs() const { return static_cast<unsigned int>(m_ring.getNumReadable()); }
+    // Main loop: whether encoded pieces still wait to be published to the subscribers.
+    bool hasUnpublishedFrames() const { return !m_pendingFrames.isEmpty(); }
     // Pairs dropped since construction because the encoder fell behind.
     uint32_t getDroppedPairs() const { return m_dropped.getTotal(); }
 
@@ -96,6 +103,8 @@ private:
     OneWriterOneReaderRingBuffer<tPair> m_ring;
     std::atomic<State> m_state{State::Idle};
     std::atomic<bool> m_stop{false};
+    // Set by finishStream() (main loop only): the next start sets libFLAC up again with a new header.
+    bool m_streamFinished = false;
     WorkerWakeup m_wakeup;
     DropReport m_dropped;
     FLAC__StreamEncoder* m_encoder = nullptr;

@@ -26,6 +26,12 @@ public:
         m_callback.schedule();
     }
 
+    bool isEmpty() const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_items.empty();
+    }
+
     void onIdle()
     {
         std::list<T> items;
@@ -39,7 +45,7 @@ public:
 
 private:
     std::function<void(T const&)> m_handler;
-    std::mutex m_mutex;
+    mutable std::mutex m_mutex;
     std::list<T> m_items;
     Tools::MainLoopCallback m_callback;
 };

@@ -35,6 +35,11 @@ public:
     void trigger(SystemSound sound);
     void requestPlay(bool on);
     std::shared_ptr<RomplerData> getRomplerDataForSoundType(SystemSound sound);
+    // The sound's file name as the table holds it (relative to the sounds folder).
+    Tools::String const& getFileName(SystemSound sound) const
+    {
+        return m_sounds[static_cast<unsigned int>(sound)].first;
+    }
 
     // Audio thread.
     void pickUpScheduled();

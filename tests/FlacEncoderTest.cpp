@@ -217,6 +217,44 @@ TEST(FlacEncoderTest, StoppedEncoderOnlyClearsItsQueue)
     EXPECT_EQ(decode(stream), expected);
 }
 
+TEST(FlacEncoderTest, FinishedStreamHoldsEverythingAndTheNextStartBeginsAnother)
+{
+    ModuleHarness harness(std::make_shared<FlacEncoder>("enc"));
+    auto& encoder = static_cast<FlacEncoder&>(harness.module());
+    encoder.setParameters(Parameters{}, 48000);
+    std::vector<tBytes> pieces;
+    Tools::Connection connection =
+        encoder.onFrameEncoded([&](FlacEncoder::tFrame frame) { pieces.push_back(*frame); });
+    EXPECT_TRUE(encoder.hasUnpublishedFrames()) << "the header waits for the main loop";
+
+    // Less than one block: libFLAC would keep all of it back until the stream ends.
+    encoder.startEncoding();
+    harness.process({Testing::constant(1000, tSample(0.25)), Testing::constant(1000, tSample(-0.25))});
+    EXPECT_EQ(encoder.getNumQueuedPairs(), 1000u) << "below the wake-up threshold";
+    encoder.finishStream();
+    EXPECT_FALSE(encoder.isEncoding());
+    EXPECT_TRUE(encoder.hasUnpublishedFrames());
+    drainMainLoop();
+    EXPECT_FALSE(encoder.hasUnpublishedFrames());
+    tBytes stream;
+    for (auto const& piece : pieces)
+        stream.insert(stream.end(), piece.begin(), piece.end());
+    std::vector<int32_t> expected;
+    for (int i = 0; i < 1000; ++i) {
+        expected.push_back(0x200000);
+        expected.push_back(-0x200000);
+    }
+    EXPECT_EQ(decode(stream), expected);
+
+    size_t const before = pieces.size();
+    encoder.startEncoding();
+    EXPECT_TRUE(encoder.isEncoding());
+    drainMainLoop();
+    ASSERT_GT(pieces.size(), before);
+    EXPECT_TRUE(startsStream(pieces[before]));
+    encoder.stopEncoding();
+}
+
 // Audio thread, encoder thread and main loop all at once; meant to be run under ThreadSanitizer too.
 TEST(FlacEncoderTest, AudioEncoderAndMainLoopThreadsRunTogether)
 {

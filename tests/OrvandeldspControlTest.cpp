@@ -335,10 +335,15 @@ TEST_F(OrvandeldspControlTest, ClientsNameAMissingChainOrBusAndUsageMistakes)
                                                {"sound", "--bus", "session", "pause", "1"},
                                                {"run", "--realtime", "--drift", "10", in, out},
                                                {"run", "--realtime", "--detect", in, out},
+                                               {"run", "--realtime", "--encode", path("o.flac"), in, out},
+                                               {"run", "--realtime", "--sound", "1@0.5", in, out},
                                                {"run", "--bus", "session", in, out}}) {
         auto const result = runTool(args);
         EXPECT_EQ(result.status, 2) << args[0] << " " << args[1] << ": " << result.err;
         EXPECT_EQ(result.err.rfind("orvandeldsp: ", 0), 0u);
+        if (args[1] == "--realtime") {
+            EXPECT_NE(result.err.find("--realtime cannot be combined"), std::string::npos) << result.err;
+        }
     }
 }
 

@@ -30,6 +30,7 @@ constexpr char const* c_programName = "orvandeldsp";
 constexpr char const* c_usage =
     "usage: orvandeldsp run   [--config FILE] [--period FRAMES] [--format s16|s24|s32] [--meters]\n"
     "                         [--rate HZ] [--drift PPM] [--detect [--threshold-dir DIR]]\n"
+    "                         [--encode OUT.flac] [--sound N@SECONDS ...]\n"
     "                         [--progress|--quiet] [--realtime [--bus system|session]]\n"
     "                         INPUT.wav OUTPUT.wav\n"
     "       orvandeldsp set   [--bus system|session] MODULE KEY VALUE | --file PARAMS.txt\n"
@@ -155,6 +156,8 @@ int runCommand(int argc, char** argv)
     gchar* thresholdDir = nullptr;
     gboolean realtime = FALSE;
     gchar* bus = nullptr;
+    gchar* encode = nullptr;
+    gchar** sounds = nullptr;
     std::string const configHelp = describeConfigDefault();
     GOptionEntry const entries[] = {
         {"config", 'c', 0, G_OPTION_ARG_FILENAME, &config, configHelp.c_str(), "FILE"},
@@ -184,12 +187,21 @@ int runCommand(int argc, char** argv)
          "`orvandeldsp sound`",
          nullptr},
         {"bus", 0, 0, G_OPTION_ARG_STRING, &bus, c_busHelp, "system|session"},
+        {"encode", 0, 0, G_OPTION_ARG_FILENAME, &encode,
+         "also write the stream of the config's \"flac-encoder\" (24-bit FLAC) to OUT.flac", "OUT.flac"},
+        {"sound", 0, 0, G_OPTION_ARG_STRING_ARRAY, &sounds,
+         "play system sound N (0 to 9) through the config's \"system-sounds\" module; it starts with the "
+         "first frame of the --period that holds the input frame at SECONDS, which must lie before the "
+         "input's end (repeatable)",
+         "N@SECONDS"},
         {}};
     OptionParser parser("INPUT.wav OUTPUT.wav", "Runs a sound file through a dsp chain into a WAV file.");
     parser.add(entries);
     parser.parse(argc, argv);
     std::unique_ptr<gchar, decltype(&g_free)> const configOwner(config, g_free), formatOwner(format, g_free),
-        driftOwner(drift, g_free), thresholdDirOwner(thresholdDir, g_free), busOwner(bus, g_free);
+        driftOwner(drift, g_free), thresholdDirOwner(thresholdDir, g_free), busOwner(bus, g_free),
+        encodeOwner(encode, g_free);
+    std::unique_ptr<gchar*, decltype(&g_strfreev)> const soundsOwner(sounds, g_strfreev);
 
     if (argc != 3)
         throw usageError("run needs INPUT.wav and OUTPUT.wav");
@@ -221,10 +233,16 @@ int runCommand(int argc, char** argv)
     // A simulated clock and a detector polled by audio time have nothing to gain from a real clock.
     if (realtime && (drift || detect))
         throw usageError("--realtime cannot be combined with --drift or --detect");
+    // Both need the main loop between periods, which a realtime run leaves to the service.
+    if (realtime && (encode || sounds))
+        throw usageError("--realtime cannot be combined with --encode or --sound (use orvandeldsp sound)");
     if (bus && !realtime)
         throw usageError("--bus goes with --realtime");
     options.realtime = realtime;
     options.bus = parseBus(bus);
+    options.encodedOutput = encode ? encode : "";
+    for (gchar** sound = sounds; sound && *sound; ++sound)
+        options.sounds.push_back(SoundCues::parse(*sound));
     OfflineHost::run(options);
     return 0;
 }

@@ -8,6 +8,7 @@
 #include "tools/ChainStages.h"
 #include "tools/DetectionReport.h"
 #include "tools/DriftSimulation.h"
+#include "tools/EncodedOutput.h"
 #include "tools/FileAudioBuffers.h"
 #include "tools/RealtimeHost.h"
 #include "tools/SoundFileReader.h"
@@ -83,7 +84,8 @@ void showProgress(sf_count_t done, sf_count_t total, unsigned int sampleRate)
 
 using Features = std::vector<std::unique_ptr<RunFeature>>;
 
-Features makeFeatures(Chain& chain, Options const& options, unsigned int fileRate, unsigned int chainRate)
+Features makeFeatures(Chain& chain, Options const& options, unsigned int fileRate, unsigned int chainRate,
+                      sf_count_t inputFrames)
 {
     Features features;
     if (options.drift)
@@ -91,6 +93,11 @@ Features makeFeatures(Chain& chain, Options const& options, unsigned int fileRat
             std::make_unique<DriftSimulation>(chain, options.config, options.driftPpm, fileRate, chainRate));
     if (options.detect)
         features.push_back(std::make_unique<DetectionReport>(chain, options.config, fileRate));
+    if (!options.sounds.empty())
+        features.push_back(std::make_unique<SoundCues>(chain, options.config, options.sounds, fileRate,
+                                                       inputFrames, options.periodFrames));
+    if (!options.encodedOutput.empty())
+        features.push_back(std::make_unique<EncodedOutput>(chain, options.config, options.encodedOutput));
     return features;
 }
 
@@ -153,7 +160,7 @@ void OfflineHost::run(Options const& options)
     auto& input = theOnlyStage<InputStage>(*chain, options.config, "input");
     auto& output = theOnlyStage<OutputStage>(*chain, options.config, "output");
     checkRates(input, options, sampleRate, chainRate);
-    auto const features = makeFeatures(*chain, options, sampleRate, chainRate);
+    auto const features = makeFeatures(*chain, options, sampleRate, chainRate, reader.getNumFrames());
     unsigned int const outChannels = output.getNumInPorts();
     if (outChannels == 0)
         throw configError(options.config, "the output stage has no channels (empty interleave-pattern)");

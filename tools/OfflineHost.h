@@ -1,8 +1,11 @@
 #pragma once
 
+#include "tools/SoundCues.h"
+
 #include <alsa/asoundlib.h>
 #include <gio/gio.h>
 #include <string>
+#include <vector>
 
 namespace Zelmar {
 namespace Host {
@@ -36,6 +39,10 @@ public:
         // Plays at the audio's own speed and serves the chain on `bus` meanwhile.
         bool realtime = false;
         GBusType bus = G_BUS_TYPE_SESSION;
+        // Where the stream of the chain's "flac-encoder" goes; empty: it is not encoded.
+        std::string encodedOutput;
+        // System sounds played during the run.
+        std::vector<SoundCues::Cue> sounds;
     };
 
     // Throws ToolError; the output file appears only when the whole run succeeded.

@@ -1,13 +1,5 @@
 #include "tools/SoundFileWriter.h"
 
-#include "tools/ToolError.h"
-
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <glib.h>
-#include <glib/gstdio.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Zelmar {
@@ -31,27 +23,18 @@ int wavSubtype(snd_pcm_format_t format)
 
 SoundFileWriter::SoundFileWriter(std::string const& path, snd_pcm_format_t format, unsigned int numChannels,
                                  unsigned int sampleRate, unsigned int maxPeriodFrames)
-    : m_path(path), m_temporaryPath(path + ".XXXXXX"),
+    : m_pending(path),
       m_interleaved(size_t(maxPeriodFrames) * numChannels * FileAudioChannel::bytesPerSample(format))
 {
-    int const fd = g_mkstemp(&m_temporaryPath[0]);
-    if (fd < 0) {
-        m_temporaryPath.clear();
-        throw ToolError(ToolError::c_ioFailure, "cannot write output " + path + ": " + std::strerror(errno));
-    }
-    // mkstemp makes the file private; a result file gets the permissions any new file would get.
-    mode_t const mask = umask(0);
-    umask(mask);
-    fchmod(fd, 0666 & ~mask);
-
     SF_INFO info{};
     info.samplerate = int(sampleRate);
     info.channels = int(numChannels);
     info.format = SF_FORMAT_WAV | wavSubtype(format);
+    int const fd = m_pending.takeDescriptor();
     m_file = sf_open_fd(fd, SFM_WRITE, &info, SF_TRUE);
     if (!m_file) {
         close(fd);
-        fail(sf_strerror(nullptr));
+        m_pending.fail(sf_strerror(nullptr));
     }
 }
 
@@ -59,13 +42,6 @@ SoundFileWriter::~SoundFileWriter()
 {
     if (m_file)
         sf_close(m_file);
-    if (!m_committed && !m_temporaryPath.empty())
-        g_unlink(m_temporaryPath.c_str());
-}
-
-void SoundFileWriter::fail(std::string const& what)
-{
-    throw ToolError(ToolError::c_ioFailure, "cannot write output " + m_path + ": " + what);
 }
 
 void SoundFileWriter::writePeriod(FileAudioBuffers const& playback, unsigned int frames)
@@ -74,7 +50,7 @@ void SoundFileWriter::writePeriod(FileAudioBuffers const& playback, unsigned int
     playback.interleave(m_interleaved.data(), frames);
     auto const bytes = sf_count_t(frames) * playback.getNumChannels() * playback.getBytesPerSample();
     if (sf_write_raw(m_file, m_interleaved.data(), bytes) != bytes)
-        fail(sf_strerror(m_file));
+        m_pending.fail(sf_strerror(m_file));
     m_framesWritten += frames;
 }
 
@@ -83,10 +59,8 @@ void SoundFileWriter::commit()
     int const closed = sf_close(m_file);
     m_file = nullptr;
     if (closed != 0)
-        fail(sf_error_number(closed));
-    if (g_rename(m_temporaryPath.c_str(), m_path.c_str()) != 0)
-        fail(std::strerror(errno));
-    m_committed = true;
+        m_pending.fail(sf_error_number(closed));
+    m_pending.commit();
 }
 
 } // namespace Host

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "tools/FileAudioBuffers.h"
+#include "tools/PendingFile.h"
 
 #include <sndfile.h>
 #include <string>
@@ -16,7 +17,6 @@ class SoundFileWriter
 public:
     SoundFileWriter(std::string const& path, snd_pcm_format_t format, unsigned int numChannels,
                     unsigned int sampleRate, unsigned int maxPeriodFrames);
-    // Removes the temporary file unless commit() succeeded.
     ~SoundFileWriter();
 
     SoundFileWriter(SoundFileWriter const&) = delete;
@@ -28,14 +28,10 @@ public:
     sf_count_t getNumFramesWritten() const { return m_framesWritten; }
 
 private:
-    void fail(std::string const& what);
-
-    std::string m_path;
-    std::string m_temporaryPath;
+    PendingFile m_pending;
     SNDFILE* m_file = nullptr;
     std::vector<uint8_t> m_interleaved;
     sf_count_t m_framesWritten = 0;
-    bool m_committed = false;
 };
 
 } // namespace Host

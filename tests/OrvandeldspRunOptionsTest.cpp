@@ -1,0 +1,201 @@
+// The run options that drive library parts a live host drives: --encode and --sound.
+#include "support/ToolRun.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace Zelmar::Testing;
+
+// Input, a stereo "flac-encoder" and the output, optionally with a gain in front of the encoder.
+std::string encoderConfig(std::string const& gainDb)
+{
+    std::string const source = gainDb.empty() ? "in" : "boost";
+    std::string config = "<dsp><module type=\"input\" id=\"in\"/>"
+                         "<module type=\"flac-encoder\" id=\"enc\"/>"
+                         "<module type=\"output\" id=\"out\">"
+                         "<parameter id=\"interleave-pattern\" type=\"string\">01</parameter></module>";
+    if (!gainDb.empty())
+        config += "<stereo-module type=\"gain\" id=\"boost\"><parameter id=\"gain\" type=\"double\">" +
+                  gainDb + "</parameter></stereo-module><cable out=\"in\" in=\"boost\"/>";
+    return config + "<cable out=\"" + source + "[0]\" in=\"enc[0]\"/><cable out=\"" + source +
+           "[1]\" in=\"enc[1]\"/><cable out=\"in\" in=\"out\"/></dsp>";
+}
+
+// The tool's own lines; the library may add notices of its own (no system bus in a test, say).
+unsigned int errorLines(std::string const& text)
+{
+    unsigned int lines = 0;
+    for (size_t at = text.find("orvandeldsp: "); at != std::string::npos;
+         at = text.find("orvandeldsp: ", at + 1))
+        lines += at == 0 || text[at - 1] == '\n';
+    return lines;
+}
+
+// A live stream's header leaves the length unknown, so the file is read to its end.
+std::vector<int32_t> readFlac(std::string const& path)
+{
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    EXPECT_NE(file, nullptr) << sf_strerror(nullptr);
+    EXPECT_EQ(info.format, SF_FORMAT_FLAC | SF_FORMAT_PCM_24);
+    EXPECT_EQ(info.channels, 2);
+    EXPECT_EQ(info.samplerate, 48000);
+    std::vector<int32_t> samples;
+    int32_t chunk[2 * 1000];
+    while (file) {
+        sf_count_t const n = sf_readf_int(file, chunk, 1000);
+        if (n <= 0)
+            break;
+        samples.insert(samples.end(), chunk, chunk + 2 * n);
+    }
+    if (file)
+        sf_close(file);
+    return samples;
+}
+
+class OrvandeldspRunOptionsTest : public ToolTest
+{
+protected:
+    void SetUp() override
+    {
+        ToolTest::SetUp();
+        g_setenv("ORVANDELDSP_SOUNDS_DIR", GENERATED_SOUNDS_DIR, TRUE);
+    }
+
+    bool exists(std::string const& name) const { return g_file_test(path(name).c_str(), G_FILE_TEST_EXISTS); }
+};
+
+TEST_F(OrvandeldspRunOptionsTest, EncodeWritesTheWholeStreamBitExact)
+{
+    // Random 24-bit samples (as libsndfile left-justifies them), both extremes a 24-bit FLAC holds, and a
+    // length that is no multiple of the encoder's 1152-frame block nor of the period.
+    unsigned int const frames = 3 * 48000 + 777;
+    std::mt19937 random(7);
+    std::uniform_int_distribution<int32_t> value(-0x800000, 0x7fffff);
+    std::vector<int32_t> samples(2 * frames);
+    for (auto& s : samples)
+        s = int32_t(uint32_t(value(random)) << 8);
+    samples[10] = int32_t(0x7fffff00);
+    samples[11] = INT32_MIN;
+    writeSound(path("in.wav"), SF_FORMAT_PCM_24, 2, samples);
+
+    auto const result = runTool({"run", "-c", writeConfig("enc.xml", encoderConfig("")), "--period", "1000",
+                                 "--encode", path("out.flac"), path("in.wav"), path("out.wav")});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_NE(result.out.find("bytes of FLAC in " + path("out.flac")), std::string::npos) << result.out;
+    EXPECT_EQ(std::system(("flac -t -s " + path("out.flac") + " 2>/dev/null").c_str()), 0);
+    // The stream is finished at the end, so even the last, incomplete block is in the file.
+    EXPECT_EQ(readFlac(path("out.flac")), samples);
+
+    // The bundled line-in chain encodes its input too.
+    ASSERT_EQ(runTool({"run", "-q", "-c", PROJECT_SOURCE_DIR "/configs/line-in.xml", "--encode",
+                       path("line-in.flac"), path("in.wav"), path("out.wav")})
+                  .status,
+              0);
+    EXPECT_EQ(readFlac(path("line-in.flac")), samples);
+}
+
+TEST_F(OrvandeldspRunOptionsTest, EncodeFailuresEndTheRunWithOneLineAndNoFiles)
+{
+    writeSound(path("in.wav"), SF_FORMAT_PCM_24, 2, std::vector<int32_t>(2 * 9000, 0x40000000));
+
+    auto result = runTool({"run", "-c", PROJECT_SOURCE_DIR "/tests/data/passthrough.xml", "--encode",
+                           path("out.flac"), path("in.wav"), path("out.wav")});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(result.err.find("--encode needs exactly one module of type \"flac-encoder\", the config has 0"),
+              std::string::npos)
+        << result.err;
+    EXPECT_EQ(errorLines(result.err), 1u) << result.err;
+
+    // Half scale boosted by 6 dB reaches 1.0, which a 24-bit FLAC cannot hold: libFLAC refuses it.
+    result = runTool({"run", "-c", writeConfig("loud.xml", encoderConfig("6")), "--encode", path("out.flac"),
+                      path("in.wav"), path("out.wav")});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.err.find("cannot encode " + path("out.flac") + ": FlacEncoder error: 5"),
+              std::string::npos)
+        << result.err;
+    EXPECT_EQ(errorLines(result.err), 1u) << result.err;
+    EXPECT_FALSE(exists("out.flac"));
+    EXPECT_FALSE(exists("out.wav"));
+}
+
+TEST_F(OrvandeldspRunOptionsTest, SoundIsMixedBitExactOverDuckedMusic)
+{
+    // 44100 Hz plays a sound one stored frame per output frame. Left is silent, so it carries the sound
+    // alone; right is a quarter of full scale, ducked to exactly a sixteenth once the fade has settled.
+    unsigned int const rate = 44100;
+    unsigned int const frames = 3 * rate / 2;
+    int32_t const music = 0x200000 << 8;
+    std::vector<int32_t> input(2 * frames);
+    for (unsigned int i = 0; i < frames; ++i)
+        input[2 * i + 1] = music;
+    writeSound(path("music.wav"), SF_FORMAT_PCM_24, 2, input, int(rate));
+    Sound const welcome = readSound(GENERATED_SOUNDS_DIR "/welcome.flac");
+    auto const soundFrames = unsigned(welcome.info.frames);
+    ASSERT_GT(soundFrames, rate / 2);
+
+    // 0.3 s is input frame 13230, in the period of 1000 frames that starts at frame 13000.
+    auto const result = runTool({"run", "-c", PROJECT_SOURCE_DIR "/configs/sounds.xml", "--format", "s32",
+                                 "--period", "1000", "--sound", "9@0.3", path("music.wav"), path("out.wav")});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_NE(result.out.find("1 system sounds played"), std::string::npos) << result.out;
+    Sound const out = readSound(path("out.wav"));
+    ASSERT_EQ(out.samples.size(), input.size());
+
+    unsigned int const start = 13000;
+    unsigned int const fadeFrames = rate / 4 + 1;
+    unsigned int mismatches = 0;
+    for (unsigned int i = 0; i < frames; ++i) {
+        bool const playing = i >= start && i < start + soundFrames;
+        int32_t const left = playing ? welcome.samples[2 * (i - start)] : 0;
+        mismatches += out.samples[2 * i] != left;
+        if (i < start)
+            mismatches += out.samples[2 * i + 1] != music;
+        else if (i >= start + fadeFrames && playing)
+            mismatches += out.samples[2 * i + 1] != music / 4 + welcome.samples[2 * (i - start) + 1];
+    }
+    EXPECT_EQ(mismatches, 0u);
+    EXPECT_EQ(out.samples.back(), music) << "the music comes back to full level after the sound";
+}
+
+TEST_F(OrvandeldspRunOptionsTest, BadSoundCuesAreRejectedWithOneLine)
+{
+    writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, std::vector<int32_t>(2 * 4800, 0));
+    std::string const sounds = PROJECT_SOURCE_DIR "/configs/sounds.xml";
+    struct Case
+    {
+        std::string config;
+        std::string cue;
+        int status;
+        std::string message;
+    } const cases[] = {
+        {sounds, "10@0.01", 2, "--sound 10@0.01: the system sounds are numbered 0 to 9, not 10"},
+        {sounds, "3@-1", 2, "--sound 3@-1: the time is seconds from 0 on, not -1"},
+        {sounds, "3@soon", 2, "the time is seconds from 0 on, not soon"},
+        {sounds, "3", 2, "--sound 3: give SOUND@SECONDS"},
+        {sounds, "3@0.1", 2, "--sound 3@0.1: the input ends at 0.100 s"},
+        {PROJECT_SOURCE_DIR "/tests/data/passthrough.xml", "3@0.01", 2,
+         "--sound needs a module of type \"sounds\" with the id \"system-sounds\""},
+    };
+    for (auto const& c : cases) {
+        auto const result =
+            runTool({"run", "-c", c.config, "--sound", c.cue, path("in.wav"), path("out.wav")});
+        EXPECT_EQ(result.status, c.status) << c.cue;
+        EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
+        EXPECT_EQ(errorLines(result.err), 1u) << result.err;
+    }
+
+    g_setenv("ORVANDELDSP_SOUNDS_DIR", m_dir.c_str(), TRUE);
+    auto const result = runTool({"run", "-c", sounds, "--sound", "3@0", path("in.wav"), path("out.wav")});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.err.find("cannot read system sound 3 (" + path("ok.flac") + ")"), std::string::npos)
+        << result.err;
+    EXPECT_FALSE(exists("out.wav"));
+}
+
+} // namespace
