@@ -2,6 +2,7 @@
 
 #include "tools/ToolError.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -14,6 +15,9 @@ namespace Zelmar {
 namespace Host {
 
 namespace {
+
+// Writes cover about this many bytes, whatever the period.
+constexpr size_t c_writeBytes = 256 * 1024;
 
 int wavSubtype(snd_pcm_format_t format)
 {
@@ -32,8 +36,9 @@ int wavSubtype(snd_pcm_format_t format)
 SoundFileWriter::SoundFileWriter(std::string const& path, snd_pcm_format_t format, unsigned int numChannels,
                                  unsigned int sampleRate, unsigned int maxPeriodFrames)
     : m_path(path), m_temporaryPath(path + ".XXXXXX"),
-      m_interleaved(size_t(maxPeriodFrames) * numChannels * FileAudioChannel::bytesPerSample(format))
+      m_periodBytes(size_t(maxPeriodFrames) * numChannels * FileAudioChannel::bytesPerSample(format))
 {
+    m_interleaved.resize(std::max(c_writeBytes / m_periodBytes, size_t(1)) * m_periodBytes);
     int const fd = g_mkstemp(&m_temporaryPath[0]);
     if (fd < 0) {
         m_temporaryPath.clear();
@@ -70,16 +75,25 @@ void SoundFileWriter::fail(std::string const& what)
 
 void SoundFileWriter::writePeriod(FileAudioBuffers const& playback, unsigned int frames)
 {
+    if (m_interleaved.size() - m_pendingBytes < m_periodBytes)
+        flush();
     // The packed little-endian samples are already the WAV data layout.
-    playback.interleave(m_interleaved.data(), frames);
-    auto const bytes = sf_count_t(frames) * playback.getNumChannels() * playback.getBytesPerSample();
-    if (sf_write_raw(m_file, m_interleaved.data(), bytes) != bytes)
-        fail(sf_strerror(m_file));
+    playback.interleave(m_interleaved.data() + m_pendingBytes, frames);
+    m_pendingBytes += size_t(frames) * playback.getNumChannels() * playback.getBytesPerSample();
     m_framesWritten += frames;
+}
+
+void SoundFileWriter::flush()
+{
+    auto const bytes = sf_count_t(m_pendingBytes);
+    m_pendingBytes = 0;
+    if (bytes && sf_write_raw(m_file, m_interleaved.data(), bytes) != bytes)
+        fail(sf_strerror(m_file));
 }
 
 void SoundFileWriter::commit()
 {
+    flush();
     int const closed = sf_close(m_file);
     m_file = nullptr;
     if (closed != 0)

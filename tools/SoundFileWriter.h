@@ -29,11 +29,16 @@ public:
 
 private:
     void fail(std::string const& what);
+    void flush();
 
     std::string m_path;
     std::string m_temporaryPath;
     SNDFILE* m_file = nullptr;
+    // Several periods are collected before each write: one write call per period costs more than
+    // the copy.
     std::vector<uint8_t> m_interleaved;
+    size_t m_pendingBytes = 0;
+    size_t m_periodBytes = 0;
     sf_count_t m_framesWritten = 0;
     bool m_committed = false;
 };
