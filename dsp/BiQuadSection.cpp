@@ -8,34 +8,81 @@ namespace Zelmar {
 
 namespace {
 
-// Both channels in one loop: the two recursions are independent, so their multiplies overlap.
+// One section on one channel in the form of runBiQuadLoop: y, its input x and z2 of the current frame
+// are carried, and advance() moves them to the next frame given that frame's input, summing all but
+// a1 y before y is known.
+struct SectionState
+{
+    tSample x, y, s2;
+
+    void start(BiQuadSection const& c, tSample z1, tSample z2, tSample input)
+    {
+        x = input;
+        y = z1 + c.b0 * input;
+        s2 = z2;
+    }
+
+    void advance(BiQuadSection const& c, tSample next)
+    {
+        tSample ahead = s2 + c.b1 * x + c.b0 * next;
+        keepOffCarriedPath(ahead);
+        s2 = c.b2 * x - c.a2 * y;
+        y = ahead - c.a1 * y;
+        x = next;
+    }
+
+    tSample z1(BiQuadSection const& c) const { return (s2 + c.b1 * x) - c.a1 * y; }
+    tSample z2(BiQuadSection const& c) const { return c.b2 * x - c.a2 * y; }
+};
+
+// Both channels in one loop: the two recursions are independent, so their multiplies overlap. Each
+// section's new y is the next one's input at the same frame.
 template <unsigned int Sections, bool ApplyGain>
 void runScalar(BiQuadSection const* sections, StereoBiQuadState* states, tSample gain, tSample const* inL,
                tSample const* inR, tSample* outL, tSample* outR, unsigned int numFrames)
 {
+    if (numFrames == 0)
+        return;
     // Local copies: the output stores could otherwise alias coefficients and state and force reloads.
     BiQuadSection c[Sections];
-    StereoBiQuadState s[Sections];
+    SectionState s[Sections][2];
+    tSample inputL = inL[0], inputR = inR[0];
     for (unsigned int k = 0; k < Sections; ++k) {
         c[k] = sections[k];
-        s[k] = states[k];
+        s[k][0].start(c[k], states[k].z1[0], states[k].z2[0], inputL);
+        s[k][1].start(c[k], states[k].z1[1], states[k].z2[1], inputR);
+        inputL = s[k][0].y;
+        inputR = s[k][1].y;
     }
-    for (unsigned int i = 0; i < numFrames; ++i) {
-        tSample yL = inL[i];
-        tSample yR = inR[i];
-        for (unsigned int k = 0; k < Sections; ++k) {
-            yL = c[k].step(yL, s[k].z1[0], s[k].z2[0]);
-            yR = c[k].step(yR, s[k].z1[1], s[k].z2[1]);
-        }
+    // Frame i is written after frame i + 1 is read, so in == out is safe.
+    for (unsigned int i = 0;; ++i) {
+        tSample yL = s[Sections - 1][0].y;
+        tSample yR = s[Sections - 1][1].y;
         if (ApplyGain) {
             yL = yL * gain;
             yR = yR * gain;
         }
+        if (i + 1 == numFrames) {
+            outL[i] = yL;
+            outR[i] = yR;
+            break;
+        }
+        tSample nextL = inL[i + 1], nextR = inR[i + 1];
         outL[i] = yL;
         outR[i] = yR;
+        for (unsigned int k = 0; k < Sections; ++k) {
+            s[k][0].advance(c[k], nextL);
+            s[k][1].advance(c[k], nextR);
+            nextL = s[k][0].y;
+            nextR = s[k][1].y;
+        }
     }
-    for (unsigned int k = 0; k < Sections; ++k)
-        states[k] = s[k];
+    for (unsigned int k = 0; k < Sections; ++k) {
+        for (unsigned int ch = 0; ch < 2; ++ch) {
+            states[k].z1[ch] = s[k][ch].z1(c[k]);
+            states[k].z2[ch] = s[k][ch].z2(c[k]);
+        }
+    }
 }
 
 #ifdef ORVANDELDSP_SSE41_PATH
