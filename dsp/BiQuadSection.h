@@ -79,11 +79,6 @@ void runBiQuadLoopSharedB1A1(Coefficients const c, tSample const* in, tSample* o
     z2 = c.b2 * x - c.a2 * y;
 }
 
-// The five coefficients of one second-order section and the loop that runs them. Every product is a
-// Q4.27 product (64-bit, shifted right by 27, truncating) and every sum wraps without saturating. The
-// four integer bits are the headroom: output and both state words must stay below 16 in magnitude,
-// which a full-scale input keeps through boosts of up to about 20 dB. Inputs are read before outputs
-// are written, so in == out is safe.
 struct BiQuadSection;
 
 // One section on one channel: runBiQuadLoop, or with SSE4.1 a vector loop with the same bits.
@@ -99,6 +94,11 @@ void runMonoBiQuadSharedB1A1(BiQuadSection const& section, tSample const* in, tS
 void runMonoBiQuadScalar(BiQuadSection const& section, bool sharedB1A1, tSample const* in, tSample* out,
                          unsigned int numFrames, tSample& z1, tSample& z2);
 
+// The five coefficients of one second-order section and the loop that runs them. Every product is a
+// Q4.27 product (64-bit, shifted right by 27, truncating) and every sum wraps without saturating. The
+// four integer bits are the headroom: output and both state words must stay below 16 in magnitude,
+// which a full-scale input keeps through boosts of up to about 20 dB. Inputs are read before outputs
+// are written, so in == out is safe.
 struct BiQuadSection
 {
     tSample b0, b1, b2, a1, a2;
