@@ -39,8 +39,9 @@ BiQuadSection peak(double gainDb)
     return s;
 }
 
-// The floor: only the recursion through z1 (y = z1 + b0 x; z1 = b1 x - a1 y), one multiply, shift,
-// subtract and add on the carried path, which no biquad loop can beat.
+// The yardstick: only the recursion through z1 (y = z1 + b0 x; z1 = b1 x - a1 y), one multiply, shift,
+// subtract and add on the carried path. The filter loops carry y instead and add everything but a1 y
+// before y is known, which takes the add off that path, so they may run below it.
 void BM_LoopCarriedPathReference(benchmark::State& state)
 {
     BiQuadSection const c = peak(5);

@@ -3,9 +3,96 @@
 #include "dsp/BiQuadCoefficients.h"
 #include "dsp/FixedPoint.h"
 
+#if (defined(__x86_64__) || defined(__i386__)) && defined(__GNUC__)
+// Vector loops with SSE4.1 exist for this processor family, chosen at run time; others run the scalar
+// loops only.
+#define ORVANDELDSP_SSE41_PATH 1
+#endif
+
 namespace Zelmar {
 
 using tBiQuadDesign = AudioFilter::BiquadCoefficients<double, tSample>;
+
+// Wrapping sums are associative, so the compiler may reorder a sum and put one more add on the
+// recursion through y. An empty asm makes the partial sum opaque; the bits do not change.
+inline void keepOffCarriedPath(tSample& partial)
+{
+#if defined(__GNUC__)
+    int32_t raw = partial.getRaw();
+    asm("" : "+r"(raw));
+    partial.setRaw(raw);
+#else
+    (void)partial;
+#endif
+}
+
+// The loop of BiQuadSection for any type with members b0, b1, b2, a1, a2 (constants in the generated
+// kernels). It carries y rather than z1: y[i+1] = (z2 + b1 x[i] + b0 x[i+1]) - a1 y[i] is the same
+// wrapped sum as z1 + b0 x[i+1], but everything except a1 y[i] is ready before y[i] is, so the
+// recursion is one multiply, shift and subtract per sample. in == out is safe: in[i+1] is read before
+// out[i] is written. The coefficients come by value: the output stores cannot alias a local copy.
+template <class Coefficients>
+void runBiQuadLoop(Coefficients const c, tSample const* in, tSample* out, unsigned int numFrames, tSample& z1,
+                   tSample& z2)
+{
+    if (numFrames == 0)
+        return;
+    tSample s2 = z2;
+    tSample x = in[0];
+    tSample y = z1 + c.b0 * x;
+    for (unsigned int i = 0; i + 1 < numFrames; ++i) {
+        tSample const next = in[i + 1];
+        tSample ahead = s2 + c.b1 * x + c.b0 * next;
+        keepOffCarriedPath(ahead);
+        s2 = c.b2 * x - c.a2 * y;
+        out[i] = y;
+        y = ahead - c.a1 * y;
+        x = next;
+    }
+    out[numFrames - 1] = y;
+    z1 = (s2 + c.b1 * x) - c.a1 * y;
+    z2 = c.b2 * x - c.a2 * y;
+}
+
+// The same with z1 = z2 + (x - y) b1 for sections whose b1 equals a1: x - y is formed in 32 bits and
+// one product replaces two, which may differ from runBiQuadLoop in the lowest bit. a1 is not read.
+template <class Coefficients>
+void runBiQuadLoopSharedB1A1(Coefficients const c, tSample const* in, tSample* out, unsigned int numFrames,
+                             tSample& z1, tSample& z2)
+{
+    if (numFrames == 0)
+        return;
+    tSample s2 = z2;
+    tSample x = in[0];
+    tSample y = z1 + c.b0 * x;
+    for (unsigned int i = 0; i + 1 < numFrames; ++i) {
+        tSample const next = in[i + 1];
+        tSample ahead = s2 + c.b0 * next;
+        keepOffCarriedPath(ahead);
+        s2 = c.b2 * x - c.a2 * y;
+        out[i] = y;
+        y = ahead + (x - y) * c.b1;
+        x = next;
+    }
+    out[numFrames - 1] = y;
+    z1 = s2 + (x - y) * c.b1;
+    z2 = c.b2 * x - c.a2 * y;
+}
+
+struct BiQuadSection;
+
+// One section on one channel: runBiQuadLoop, or with SSE4.1 a vector loop with the same bits.
+void runMonoBiQuad(BiQuadSection const& section, tSample const* in, tSample* out, unsigned int numFrames,
+                   tSample& z1, tSample& z2);
+
+// The same for runBiQuadLoopSharedB1A1.
+void runMonoBiQuadSharedB1A1(BiQuadSection const& section, tSample const* in, tSample* out,
+                             unsigned int numFrames, tSample& z1, tSample& z2);
+
+// The scalar loops alone, whatever the processor offers; the reference the vector loops are tested
+// against.
+void runMonoBiQuadScalar(BiQuadSection const& section, bool sharedB1A1, tSample const* in, tSample* out,
+                         unsigned int numFrames, tSample& z1, tSample& z2);
 
 // The five coefficients of one second-order section and the loop that runs them. Every product is a
 // Q4.27 product (64-bit, shifted right by 27, truncating) and every sum wraps without saturating. The
@@ -33,27 +120,9 @@ struct BiQuadSection
         return y;
     }
 
-    // Wrapping sums are associative, so the compiler may add z2 after a1 y, which puts one more add on
-    // the recursion through y. An empty asm makes the partial sum opaque; the bits do not change.
-    static void keepOffCarriedPath(tSample& partial)
-    {
-#if defined(__GNUC__)
-        int32_t raw = partial.getRaw();
-        asm("" : "+r"(raw));
-        partial.setRaw(raw);
-#else
-        (void)partial;
-#endif
-    }
-
     void run(tSample const* in, tSample* out, unsigned int numFrames, tSample& z1, tSample& z2) const
     {
-        BiQuadSection const c = *this;
-        tSample s1 = z1, s2 = z2;
-        for (unsigned int i = 0; i < numFrames; ++i)
-            out[i] = c.step(in[i], s1, s2);
-        z1 = s1;
-        z2 = s2;
+        runMonoBiQuad(*this, in, out, numFrames, z1, z2);
     }
 };
 

@@ -45,7 +45,8 @@ TEST(BiQuadSectionTest, StereoCascadeMatchesTheScalarRuleBitForBit)
             for (auto& channel : expected) {
                 for (unsigned int k = 0; k < numSections; ++k) {
                     tSample z1, z2;
-                    sections[k].run(channel.data(), channel.data(), frames, z1, z2);
+                    for (auto& s : channel)
+                        s = sections[k].step(s, z1, z2);
                 }
                 if (applyGain)
                     for (auto& s : channel)
@@ -62,6 +63,50 @@ TEST(BiQuadSectionTest, StereoCascadeMatchesTheScalarRuleBitForBit)
                 mismatches += (left[i] != expected[0][i]) + (right[i] != expected[1][i]);
             EXPECT_EQ(mismatches, 0u)
                 << numSections << " sections, " << (run == &runStereoBiQuadCascade ? "dispatched" : "scalar");
+        }
+    }
+}
+
+// The mono loops carry y instead of z1 and the vector one works four frames at a time with a scalar
+// tail; against the rule applied frame by frame, over lengths around the pass size, in place, split in
+// two calls, with inputs loud enough to wrap. The shared rule forms z1 = z2 + (x - y) b1.
+TEST(BiQuadSectionTest, MonoLoopsMatchTheRuleFrameByFrame)
+{
+    BiQuadSection const c = section(AudioFilter::Characteristic::Peak, 2900, 4, 12);
+    std::mt19937 random(3);
+    std::uniform_int_distribution<int32_t> nearFullScale(-0x08000000, 0x08000000);
+    std::vector<tSample> input(203);
+    for (auto& s : input)
+        s = tSample(nearFullScale(random));
+    for (bool shared : {false, true}) {
+        std::vector<tSample> expected = input;
+        tSample e1, e2;
+        for (auto& x : expected) {
+            tSample const y = e1 + c.b0 * x;
+            e1 = shared ? e2 + (x - y) * c.b1 : e2 + c.b1 * x - c.a1 * y;
+            e2 = c.b2 * x - c.a2 * y;
+            x = y;
+        }
+        for (bool vector : {true, false}) {
+            for (unsigned int split : {0u, 1u, 5u, 6u, 7u, 9u, 10u, 100u, 197u, 203u}) {
+                std::vector<tSample> data = input;
+                tSample z1, z2;
+                unsigned int const bounds[3] = {0, split, 203};
+                for (int part = 0; part < 2; ++part) {
+                    tSample* at = data.data() + bounds[part];
+                    unsigned int const n = bounds[part + 1] - bounds[part];
+                    if (!vector)
+                        runMonoBiQuadScalar(c, shared, at, at, n, z1, z2);
+                    else if (shared)
+                        runMonoBiQuadSharedB1A1(c, at, at, n, z1, z2);
+                    else
+                        runMonoBiQuad(c, at, at, n, z1, z2);
+                }
+                EXPECT_EQ(data, expected)
+                    << "shared " << shared << ", vector " << vector << ", split " << split;
+                EXPECT_EQ(z1, e1) << "split " << split;
+                EXPECT_EQ(z2, e2) << "split " << split;
+            }
         }
     }
 }

@@ -30,10 +30,18 @@ public:
     unsigned int readPeriod(FileAudioBuffers& capture, unsigned int frames);
 
 private:
+    unsigned int readConverted(FileAudioBuffers& capture, unsigned int frames);
+    unsigned int readRaw(FileAudioBuffers& capture, unsigned int frames);
+
     std::string m_path;
     SF_INFO m_info{};
     SNDFILE* m_file = nullptr;
     std::vector<int32_t> m_interleaved;
+    // Little-endian integer PCM is read as raw bytes, many periods at a time: one read call instead of
+    // several per period, and no conversion by libsndfile. 0 for files that need libsndfile's.
+    unsigned int m_rawBytesPerSample = 0;
+    std::vector<uint8_t> m_raw;
+    size_t m_rawBegin = 0, m_rawEnd = 0;
 };
 
 } // namespace Host

@@ -1,11 +1,14 @@
 #include "tools/SoundFileWriter.h"
 
+#include <algorithm>
 #include <unistd.h>
 
 namespace Zelmar {
 namespace Host {
 
 namespace {
+
+constexpr size_t c_writeBytes = 256 * 1024;
 
 int wavSubtype(snd_pcm_format_t format)
 {
@@ -24,8 +27,9 @@ int wavSubtype(snd_pcm_format_t format)
 SoundFileWriter::SoundFileWriter(std::string const& path, snd_pcm_format_t format, unsigned int numChannels,
                                  unsigned int sampleRate, unsigned int maxPeriodFrames)
     : m_pending(path),
-      m_interleaved(size_t(maxPeriodFrames) * numChannels * FileAudioChannel::bytesPerSample(format))
+      m_periodBytes(size_t(maxPeriodFrames) * numChannels * FileAudioChannel::bytesPerSample(format))
 {
+    m_interleaved.resize(std::max(c_writeBytes / m_periodBytes, size_t(1)) * m_periodBytes);
     SF_INFO info{};
     info.samplerate = int(sampleRate);
     info.channels = int(numChannels);
@@ -46,16 +50,25 @@ SoundFileWriter::~SoundFileWriter()
 
 void SoundFileWriter::writePeriod(FileAudioBuffers const& playback, unsigned int frames)
 {
+    if (m_interleaved.size() - m_pendingBytes < m_periodBytes)
+        flush();
     // The packed little-endian samples are already the WAV data layout.
-    playback.interleave(m_interleaved.data(), frames);
-    auto const bytes = sf_count_t(frames) * playback.getNumChannels() * playback.getBytesPerSample();
-    if (sf_write_raw(m_file, m_interleaved.data(), bytes) != bytes)
-        m_pending.fail(sf_strerror(m_file));
+    playback.interleave(m_interleaved.data() + m_pendingBytes, frames);
+    m_pendingBytes += size_t(frames) * playback.getNumChannels() * playback.getBytesPerSample();
     m_framesWritten += frames;
+}
+
+void SoundFileWriter::flush()
+{
+    auto const bytes = sf_count_t(m_pendingBytes);
+    m_pendingBytes = 0;
+    if (bytes && sf_write_raw(m_file, m_interleaved.data(), bytes) != bytes)
+        m_pending.fail(sf_strerror(m_file));
 }
 
 void SoundFileWriter::commit()
 {
+    flush();
     int const closed = sf_close(m_file);
     m_file = nullptr;
     if (closed != 0)

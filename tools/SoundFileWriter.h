@@ -28,9 +28,15 @@ public:
     sf_count_t getNumFramesWritten() const { return m_framesWritten; }
 
 private:
+    void flush();
+
     PendingFile m_pending;
     SNDFILE* m_file = nullptr;
+    // Several periods are collected before each write: one write call per period costs more than
+    // the copy.
     std::vector<uint8_t> m_interleaved;
+    size_t m_pendingBytes = 0;
+    size_t m_periodBytes = 0;
     sf_count_t m_framesWritten = 0;
 };
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "dsp/BiQuadSection.h"
 #include "dsp/FixedPoint.h"
 
 #include <cstdint>
@@ -35,21 +36,22 @@ struct PrecalculatedBiQuadEntry
 extern PrecalculatedBiQuadEntry const c_precalculatedBiQuads[];
 extern unsigned int const c_numPrecalculatedBiQuads;
 
-// Kernel bodies: the loop of BiQuadSection with constants the compiler can fold.
+// Kernel bodies: the loops of BiQuadSection. Where a vector loop exists it beats folded constants, so
+// the constants are handed to it; elsewhere the compiler folds them into the scalar loop.
+template <int32_t B0, int32_t B1, int32_t B2, int32_t A1, int32_t A2> struct ConstantBiQuadCoefficients
+{
+    static constexpr tSample b0{B0}, b1{B1}, b2{B2}, a1{A1}, a2{A2};
+};
+
 template <int32_t B0, int32_t B1, int32_t B2, int32_t A1, int32_t A2>
 void runPrecalculatedBiQuad(tSample const* in, tSample* out, unsigned int numFrames, tSample& z1, tSample& z2)
 {
-    constexpr tSample b0{B0}, b1{B1}, b2{B2}, a1{A1}, a2{A2};
-    tSample s1 = z1, s2 = z2;
-    for (unsigned int i = 0; i < numFrames; ++i) {
-        tSample const x = in[i];
-        tSample const y = s1 + b0 * x;
-        out[i] = y;
-        s1 = (s2 + b1 * x) - a1 * y;
-        s2 = b2 * x - a2 * y;
-    }
-    z1 = s1;
-    z2 = s2;
+#ifdef ORVANDELDSP_SSE41_PATH
+    runMonoBiQuad(BiQuadSection{tSample(B0), tSample(B1), tSample(B2), tSample(A1), tSample(A2)}, in, out,
+                  numFrames, z1, z2);
+#else
+    runBiQuadLoop(ConstantBiQuadCoefficients<B0, B1, B2, A1, A2>(), in, out, numFrames, z1, z2);
+#endif
 }
 
 // With b1 == a1 one product of the 32-bit difference x - y replaces two; the result may differ from
@@ -58,17 +60,12 @@ template <int32_t B0, int32_t B1, int32_t B2, int32_t A2>
 void runPrecalculatedBiQuadSharedB1A1(tSample const* in, tSample* out, unsigned int numFrames, tSample& z1,
                                       tSample& z2)
 {
-    constexpr tSample b0{B0}, b1{B1}, b2{B2}, a2{A2};
-    tSample s1 = z1, s2 = z2;
-    for (unsigned int i = 0; i < numFrames; ++i) {
-        tSample const x = in[i];
-        tSample const y = s1 + b0 * x;
-        out[i] = y;
-        s1 = s2 + (x - y) * b1;
-        s2 = b2 * x - a2 * y;
-    }
-    z1 = s1;
-    z2 = s2;
+#ifdef ORVANDELDSP_SSE41_PATH
+    runMonoBiQuadSharedB1A1(BiQuadSection{tSample(B0), tSample(B1), tSample(B2), tSample(B1), tSample(A2)},
+                            in, out, numFrames, z1, z2);
+#else
+    runBiQuadLoopSharedB1A1(ConstantBiQuadCoefficients<B0, B1, B2, B1, A2>(), in, out, numFrames, z1, z2);
+#endif
 }
 
 } // namespace Zelmar
