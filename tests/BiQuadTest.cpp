@@ -6,8 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
-
 using namespace Zelmar;
 using Testing::ModuleHarness;
 
@@ -16,16 +14,6 @@ namespace {
 Parameters filter(char const* type, char const* frequency, char const* q, char const* gain)
 {
     return Parameters{{"type", type}, {"frequency", frequency}, {"q", q}, {"gain", gain}};
-}
-
-std::vector<tSample> noise(unsigned int frames, unsigned int seed)
-{
-    std::mt19937 random(seed);
-    std::uniform_int_distribution<int32_t> halfScale(-0x04000000, 0x04000000);
-    std::vector<tSample> samples(frames);
-    for (auto& s : samples)
-        s = tSample(halfScale(random));
-    return samples;
 }
 
 std::shared_ptr<Module> make(char const* type)
@@ -50,7 +38,7 @@ TEST(BiQuadTest, PassesAudioThroughBeforeParametersAndAtNyquist)
     auto module = make("biquad");
     ASSERT_NE(dynamic_cast<BiQuad*>(module.get()), nullptr);
     ModuleHarness harness(module);
-    auto const input = noise(256, 1);
+    auto const input = Testing::noise(256, 1, 0x04000000);
     EXPECT_EQ(harness.process({input})[0], input);
     module->setParameters(filter("lopass", "24000", "0.7", "0"), 48000);
     EXPECT_EQ(harness.process({input})[0], input);
@@ -62,7 +50,7 @@ TEST(BiQuadTest, UnknownTypeKeepsThePreviousFilter)
     module->setParameters(filter("lopass", "1000", "0.7", "0"), 48000);
     EXPECT_THROW(module->setParameters(filter("LoPass", "1000", "0.7", "0"), 48000), ParsingException);
     ModuleHarness harness(module);
-    auto const input = noise(256, 2);
+    auto const input = Testing::noise(256, 2, 0x04000000);
     EXPECT_NE(harness.process({input})[0], input);
 }
 
@@ -81,7 +69,7 @@ TEST(BiQuadTest, FrequencyResponseMeasuredWithSines)
 // Same stream, one block or two halves, with and without a kernel: the state must carry over.
 TEST(BiQuadTest, StateCarriesAcrossPeriodsAndParameterChanges)
 {
-    auto const input = noise(1024, 3);
+    auto const input = Testing::noise(1024, 3, 0x04000000);
     for (char const* rate : {"44100", "44000"}) {
         unsigned int const fs = std::stoi(rate);
         auto whole = make("biquad"), halves = make("biquad");
@@ -108,7 +96,7 @@ TEST(BiQuadTest, StateCarriesAcrossPeriodsAndParameterChanges)
 
 TEST(StereoBiQuadTest, FiltersEachChannelLikeTheMonoModule)
 {
-    auto const left = noise(600, 4), right = noise(600, 5);
+    auto const left = Testing::noise(600, 4, 0x04000000), right = Testing::noise(600, 5, 0x04000000);
     auto passing = make("stereo-biquad");
     ASSERT_NE(dynamic_cast<StereoBiQuad*>(passing.get()), nullptr);
     ModuleHarness passingHarness(passing, true);

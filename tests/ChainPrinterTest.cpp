@@ -2,8 +2,8 @@
 
 #include "base/Assert.h"
 #include "dsp/Chain.h"
+#include "support/TemporaryDirectory.h"
 
-#include <glib/gstdio.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
@@ -39,19 +39,13 @@ class ChainPrinterTest : public testing::Test
 protected:
     void SetUp() override
     {
-        m_dir = g_dir_make_tmp("chainprinter-XXXXXX", nullptr);
         m_handler = g_log_set_handler(Tools::c_logDomain, G_LOG_LEVEL_MESSAGE, logToList, nullptr);
         s_logged.clear();
     }
-    void TearDown() override
-    {
-        g_log_remove_handler(Tools::c_logDomain, m_handler);
-        for (char const* name : {"/chain.dot", "/chain.svg"})
-            g_remove((m_dir + name).c_str());
-        g_rmdir(m_dir.c_str());
-    }
+    void TearDown() override { g_log_remove_handler(Tools::c_logDomain, m_handler); }
 
-    std::string m_dir;
+    Testing::TemporaryDirectory m_scratch{"chainprinter-XXXXXX"};
+    std::string const m_dir = m_scratch.path();
     guint m_handler = 0;
 };
 

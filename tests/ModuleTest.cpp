@@ -3,6 +3,7 @@
 #include "dsp/Chain.h"
 #include "dsp/IllegalArgumentException.h"
 #include "dsp/ParsingException.h"
+#include "support/MainLoop.h"
 
 #include <atomic>
 #include <gtest/gtest.h>
@@ -16,7 +17,10 @@ namespace {
 class PortsModule : public Module
 {
 public:
-    PortsModule(Tools::String const& id, unsigned int ins, unsigned int outs) : Module(id), m_numIns(ins), m_numOuts(outs) {}
+    PortsModule(Tools::String const& id, unsigned int ins, unsigned int outs)
+        : Module(id), m_numIns(ins), m_numOuts(outs)
+    {
+    }
     unsigned int getNumOutPorts() const override { return m_numOuts; }
     unsigned int getNumInPorts() const override { return m_numIns; }
     void process() override {}
@@ -36,12 +40,6 @@ struct CountedSet : Module::ParameterSet
 };
 std::atomic<int> CountedSet::s_alive{0};
 
-void runMainLoopBriefly()
-{
-    while (g_main_context_iteration(nullptr, false)) {
-    }
-}
-
 } // namespace
 
 TEST(ModuleTest, UntakenParameterSetsAreDiscardedAndReplacedOnesFreedOnTheMainLoop)
@@ -54,13 +52,13 @@ TEST(ModuleTest, UntakenParameterSetsAreDiscardedAndReplacedOnesFreedOnTheMainLo
         EXPECT_EQ(CountedSet::s_alive, 1) << "the set nobody took is deleted unseen";
         EXPECT_EQ(static_cast<CountedSet*>(module.getCurrentParameterSet())->value, 2);
         EXPECT_EQ(static_cast<CountedSet*>(module.getCurrentParameterSet())->value, 2);
-        runMainLoopBriefly();
+        Testing::runPendingMainLoopJobs();
         EXPECT_EQ(CountedSet::s_alive, 1);
 
         module.setFutureParameterSet(new CountedSet(3));
         EXPECT_EQ(static_cast<CountedSet*>(module.getCurrentParameterSet())->value, 3);
         EXPECT_EQ(CountedSet::s_alive, 2) << "the audio thread never frees";
-        runMainLoopBriefly();
+        Testing::runPendingMainLoopJobs();
         EXPECT_EQ(CountedSet::s_alive, 1);
         module.setFutureParameterSet(new CountedSet(4));
     }
@@ -83,10 +81,10 @@ TEST(ModuleTest, HandOffBetweenTwoThreadsLosesNothingAndGoesForward)
             ASSERT_GE(current->value, last);
             last = current->value;
         }
-        runMainLoopBriefly();
+        Testing::runPendingMainLoopJobs();
     }
     control.join();
-    runMainLoopBriefly();
+    Testing::runPendingMainLoopJobs();
     EXPECT_EQ(CountedSet::s_alive, 1) << "only the current set remains";
 }
 

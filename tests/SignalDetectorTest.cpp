@@ -3,15 +3,13 @@
 #include "base/Tracer.h"
 #include "dsp/Chain.h"
 #include "support/LogCapture.h"
+#include "support/TemporaryDirectory.h"
 
-#include <glib/gstdio.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cmath>
-#include <fstream>
 #include <functional>
-#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -23,45 +21,11 @@ constexpr unsigned int c_rate = 48000;
 constexpr unsigned int c_block = 1200; // ten blocks are one 250 ms poll
 constexpr unsigned int c_blocksPerPoll = 10;
 
-class ThresholdDirectory
+// The detector names its file <directory><id>, so the directory is passed with its separator.
+class ThresholdDirectory : public Testing::TemporaryDirectory
 {
 public:
-    ThresholdDirectory()
-    {
-        gchar* path = g_dir_make_tmp("signal-detector-XXXXXX", nullptr);
-        m_path = std::string(path) + "/";
-        g_free(path);
-    }
-    ~ThresholdDirectory()
-    {
-        for (auto const& name : entries())
-            g_remove((m_path + name).c_str());
-        g_rmdir(m_path.c_str());
-    }
-    std::string const& path() const { return m_path; }
-    std::vector<std::string> entries() const
-    {
-        std::vector<std::string> names;
-        GDir* dir = g_dir_open(m_path.c_str(), 0, nullptr);
-        while (char const* name = g_dir_read_name(dir))
-            names.push_back(name);
-        g_dir_close(dir);
-        return names;
-    }
-    std::string read(std::string const& name) const
-    {
-        std::ifstream file(m_path + name);
-        std::stringstream text;
-        text << file.rdbuf();
-        return text.str();
-    }
-    void write(std::string const& name, std::string const& text) const
-    {
-        std::ofstream(m_path + name) << text;
-    }
-
-private:
-    std::string m_path;
+    std::string path() const { return TemporaryDirectory::path() + "/"; }
 };
 
 double sine(double levelDb, double frequency, uint64_t i)

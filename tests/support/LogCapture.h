@@ -41,6 +41,25 @@ public:
         return messages;
     }
 
+    // Every entry as "<level> <message>", for checks of level and text at once.
+    std::vector<std::string> leveled()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        std::vector<std::string> texts;
+        for (auto const& entry : m_entries)
+            texts.push_back(std::to_string(entry.level) + " " + entry.message);
+        return texts;
+    }
+
+    // Whether an entry (at `level`, unless any) begins with `start`.
+    bool containsStart(std::string const& start, int level = c_anyLevel)
+    {
+        for (auto const& message : messagesAt(level))
+            if (message.rfind(start, 0) == 0)
+                return true;
+        return false;
+    }
+
     bool contains(std::string const& message)
     {
         auto const all = messages();
@@ -61,9 +80,9 @@ public:
         return messages().size() >= count;
     }
 
-private:
     static constexpr int c_anyLevel = -1;
 
+private:
     struct Entry
     {
         int level;

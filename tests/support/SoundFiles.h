@@ -2,6 +2,7 @@
 
 #include "dsp/RomplerData.h"
 #include "sounds/FlacWriter.h"
+#include "tests/support/MainLoop.h"
 
 #include <chrono>
 #include <glib.h>
@@ -66,12 +67,6 @@ inline bool waitUntilLoaded(RomplerData const& data)
     for (int i = 0; i < 5000 && !data.isLoaded(); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return data.isLoaded();
-}
-
-inline void runPendingMainLoopJobs()
-{
-    while (g_main_context_iteration(nullptr, FALSE)) {
-    }
 }
 
 } // namespace Testing

@@ -1,9 +1,10 @@
 #pragma once
 
 // Runs the built `orvandeldsp` tool as a user would, in a scratch directory of the test's own.
+#include "tests/support/TemporaryDirectory.h"
+
 #include <cstdint>
 #include <glib.h>
-#include <glib/gstdio.h>
 #include <gtest/gtest.h>
 #include <sndfile.h>
 #include <string>
@@ -78,25 +79,14 @@ inline Sound readSound(std::string const& path)
 class ToolTest : public testing::Test
 {
 protected:
-    void SetUp() override { m_dir = g_dir_make_tmp("orvandeldsp-tool-XXXXXX", nullptr); }
-    void TearDown() override
-    {
-        GDir* dir = g_dir_open(m_dir.c_str(), 0, nullptr);
-        while (char const* name = g_dir_read_name(dir))
-            g_remove((m_dir + "/" + name).c_str());
-        g_dir_close(dir);
-        g_rmdir(m_dir.c_str());
-    }
-
-    std::string path(std::string const& name) const { return m_dir + "/" + name; }
-
+    std::string path(std::string const& name) const { return m_scratch.path(name); }
     std::string writeConfig(std::string const& name, std::string const& text) const
     {
-        g_file_set_contents(path(name).c_str(), text.c_str(), -1, nullptr);
-        return path(name);
+        return m_scratch.write(name, text);
     }
 
-    std::string m_dir;
+    TemporaryDirectory m_scratch{"orvandeldsp-tool-XXXXXX"};
+    std::string const m_dir = m_scratch.path();
 };
 
 } // namespace Testing
