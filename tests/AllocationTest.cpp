@@ -8,9 +8,9 @@
 #include "support/MemoryAlsaBuffers.h"
 #include "support/ModuleHarness.h"
 #include "support/SoundFiles.h"
+#include "support/TemporaryDirectory.h"
 
 #include <atomic>
-#include <glib/gstdio.h>
 #include <gtest/gtest.h>
 
 using namespace Zelmar;
@@ -87,30 +87,24 @@ TEST(SoundsTest, MixingAndDuckingNeverTouchTheHeap)
 
 TEST(FlacEncoderTest, QueueingForTheWorkerThreadsNeverTouchesTheHeap)
 {
-    char* directory = g_dir_make_tmp("allocation-XXXXXX", nullptr);
-    {
-        auto encoder = std::make_shared<FlacEncoder>("enc");
-        auto dump = std::make_shared<DumpSamples>("dump");
-        Testing::ModuleHarness encoding(encoder), dumping(dump, true);
-        encoder->setParameters(Parameters{}, 48000);
-        dump->setParameters(Parameters{{"directory", directory}}, 48000);
-        encoder->startEncoding();
-        std::vector<tSample> const quiet(1280, tSample(0.01));
-        encoding.setInput(0, quiet);
-        encoding.setInput(1, quiet);
-        dumping.setInput(0, quiet);
+    Testing::TemporaryDirectory directory("allocation-XXXXXX");
+    auto encoder = std::make_shared<FlacEncoder>("enc");
+    auto dump = std::make_shared<DumpSamples>("dump");
+    Testing::ModuleHarness encoding(encoder), dumping(dump, true);
+    encoder->setParameters(Parameters{}, 48000);
+    dump->setParameters(Parameters{{"directory", directory.path()}}, 48000);
+    encoder->startEncoding();
+    std::vector<tSample> const quiet(1280, tSample(0.01));
+    encoding.process({quiet, quiet});
+    dumping.process({quiet});
 
-        Testing::takeHeapCallsOfWatchedThreads();
-        Testing::watchHeapOnThisThread(true);
-        for (unsigned int period = 0; period < 200; ++period) {
-            encoder->process();
-            dump->process();
-        }
-        Testing::watchHeapOnThisThread(false);
-        EXPECT_EQ(Testing::takeHeapCallsOfWatchedThreads(), 0);
-        encoder->stopEncoding();
+    Testing::takeHeapCallsOfWatchedThreads();
+    Testing::watchHeapOnThisThread(true);
+    for (unsigned int period = 0; period < 200; ++period) {
+        encoder->process();
+        dump->process();
     }
-    g_remove((std::string(directory) + "/dump.raw").c_str());
-    g_rmdir(directory);
-    g_free(directory);
+    Testing::watchHeapOnThisThread(false);
+    EXPECT_EQ(Testing::takeHeapCallsOfWatchedThreads(), 0);
+    encoder->stopEncoding();
 }

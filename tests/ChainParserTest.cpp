@@ -1,4 +1,5 @@
 #include "dsp/ChainParser.h"
+#include "support/Thrown.h"
 
 #include "dsp/Chain.h"
 #include "dsp/IllegalArgumentException.h"
@@ -55,7 +56,8 @@ TEST(ChainParserTest, ParametersAreCollectedPerModuleAndAppliedAfterTheWholeFile
     EXPECT_EQ(out.getString("interleave-pattern"), "10");
     EXPECT_EQ(out.getString("note"), " spaced ");
     EXPECT_TRUE(out.getString("stray").empty());
-    EXPECT_EQ(chain.findModule("in")->getSampleRate(), 44100u) << "a module without parameters still gets a set";
+    EXPECT_EQ(chain.findModule("in")->getSampleRate(), 44100u)
+        << "a module without parameters still gets a set";
     EXPECT_EQ(chain.getWires().at("late[0]"), "in[0]");
     chain.compile();
     EXPECT_EQ(chain.findModule("out")->getNumInPorts(), 2u);
@@ -76,17 +78,15 @@ TEST(ChainParserTest, ChainFaultsRaisedInsideTheParserReachTheCaller)
 {
     ConfigFile config(R"(<dsp><module type="equaliser" id="eq"/></dsp>)");
     Chain chain(48000);
-    try {
-        chain.load(config.path(), true);
-        FAIL();
-    } catch (ParsingException const& e) {
-        EXPECT_EQ(e.getMessage(), "Module type equaliser not found in module factory");
-    }
-    ConfigFile badNumber(R"(<dsp><module type="output" id="o"><parameter id="interleave-pattern">0x</parameter>
+    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.load(config.path(), true); }),
+              "Module type equaliser not found in module factory");
+    ConfigFile badNumber(
+        R"(<dsp><module type="output" id="o"><parameter id="interleave-pattern">0x</parameter>
       </module></dsp>)");
     EXPECT_THROW(Chain(48000, badNumber.path()), std::invalid_argument);
     // A value the module would meet with an assertion is refused as an argument error instead.
-    ConfigFile tooLoud(R"(<dsp><module type="gain" id="g"><parameter id="gain">24</parameter></module></dsp>)");
+    ConfigFile tooLoud(
+        R"(<dsp><module type="gain" id="g"><parameter id="gain">24</parameter></module></dsp>)");
     EXPECT_THROW(Chain(48000, tooLoud.path()), IllegalArgumentException);
 }
 

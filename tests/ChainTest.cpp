@@ -8,6 +8,7 @@
 #include "dsp/OutputStage.h"
 #include "dsp/ParsingException.h"
 #include "support/MemoryAlsaBuffers.h"
+#include "support/Thrown.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -22,16 +23,6 @@ std::vector<Tools::String> idsInOrder(Chain const& chain)
     for (auto const& module : chain.getModules())
         ids.push_back(module->getID());
     return ids;
-}
-
-template <class F> Tools::String parsingMessage(F&& f)
-{
-    try {
-        f();
-    } catch (ParsingException const& e) {
-        return e.getMessage();
-    }
-    return "no exception";
 }
 
 } // namespace
@@ -88,22 +79,24 @@ TEST(ChainTest, WiringAndLookupFaultsRaiseTheirMessages)
     Chain chain(48000);
     chain.addModule("input", "in");
     chain.addModule("meter", "m");
-    EXPECT_EQ(parsingMessage([&] { chain.addModule("Meter", "x"); }),
+    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.addModule("Meter", "x"); }),
               "Module type Meter not found in module factory");
-    EXPECT_EQ(parsingMessage([&] { chain.findModule("x"); }), "chain does not contain a module with ID x!");
+    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.findModule("x"); }),
+              "chain does not contain a module with ID x!");
     EXPECT_EQ(chain.tryFindModule("x"), nullptr);
-    EXPECT_EQ(parsingMessage([&] { chain.parseWireModule("m"); }),
+    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.parseWireModule("m"); }),
               "something is wrong with the port spec - should be moduleid[portnum]: m\n");
-    EXPECT_EQ(parsingMessage([&] { chain.parseWirePort("m"); }),
+    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.parseWirePort("m"); }),
               "something is wrong with the port spec - should be moduleid[portnum]: m");
     EXPECT_THROW(chain.parseWirePort("m[x]"), std::invalid_argument);
     EXPECT_EQ(chain.parseWirePort("m[12"), 12u);
 
     chain.pullWire("m[0]", "in");
-    EXPECT_EQ(parsingMessage([&] { chain.compile(); }),
+    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.compile(); }),
               "something is wrong with the port spec - should be moduleid[portnum]: in\n");
     chain.pullWire("m[0]", "gone[0]");
-    EXPECT_EQ(parsingMessage([&] { chain.compile(); }), "Module for portSpec gone[0] does not exist");
+    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.compile(); }),
+              "Module for portSpec gone[0] does not exist");
     chain.pullWire("m[0]", "in[1]");
     EXPECT_NO_THROW(chain.compile()) << "the second source of an input replaced the first";
 }

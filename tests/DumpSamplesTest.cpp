@@ -6,6 +6,7 @@
 #include "support/MainLoop.h"
 #include "support/ModuleHarness.h"
 #include "support/TemporaryDirectory.h"
+#include "support/Thrown.h"
 
 #include <cstring>
 #include <fstream>
@@ -69,18 +70,13 @@ TEST_F(DumpSamplesTest, PassesThroughAndWritesExactlyWhatItSaw)
 TEST_F(DumpSamplesTest, RejectsAMissingOrUnwritableDirectory)
 {
     DumpSamples dump("d");
-    try {
-        dump.setParameters(Parameters{}, 48000);
-        FAIL();
-    } catch (IllegalArgumentException const& e) {
-        EXPECT_EQ(e.getMessage(), "DumpSamples d: parameter \"directory\" is missing");
-    }
-    try {
-        dump.setParameters(Parameters{{"directory", m_directory + "/none"}}, 48000);
-        FAIL();
-    } catch (IllegalArgumentException const& e) {
-        EXPECT_EQ(e.getMessage(), "DumpSamples d: cannot open " + m_directory + "/none/d.raw for writing");
-    }
+    EXPECT_EQ(
+        Testing::thrownMessage<IllegalArgumentException>([&] { dump.setParameters(Parameters{}, 48000); }),
+        "DumpSamples d: parameter \"directory\" is missing");
+    EXPECT_EQ(Testing::thrownMessage<IllegalArgumentException>([&] {
+                  dump.setParameters(Parameters{{"directory", m_directory + "/none"}}, 48000);
+              }),
+              "DumpSamples d: cannot open " + m_directory + "/none/d.raw for writing");
     DumpSamples nested("a/b");
     EXPECT_THROW(nested.setParameters(parameters(), 48000), IllegalArgumentException);
 }

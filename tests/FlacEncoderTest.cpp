@@ -5,6 +5,7 @@
 #include "support/LogCapture.h"
 #include "support/MainLoop.h"
 #include "support/ModuleHarness.h"
+#include "support/Thrown.h"
 
 #include <FLAC/stream_decoder.h>
 
@@ -316,12 +317,9 @@ TEST(FlacEncoderTest, OverrunIsCountedAndReportedOnTheMainLoop)
 TEST(FlacEncoderTest, RejectsASampleRateLibFlacCannotEncode)
 {
     FlacEncoder encoder("enc");
-    try {
-        encoder.setParameters(Parameters{}, 2000000);
-        FAIL();
-    } catch (IllegalArgumentException const& e) {
-        EXPECT_EQ(e.getMessage(), "FlacEncoder enc: cannot encode at 2000000 Hz (libFLAC init status 6)");
-    }
+    EXPECT_EQ(Testing::thrownMessage<IllegalArgumentException>(
+                  [&] { encoder.setParameters(Parameters{}, 2000000); }),
+              "FlacEncoder enc: cannot encode at 2000000 Hz (libFLAC init status 6)");
     encoder.startEncoding();
     EXPECT_FALSE(encoder.isEncoding());
 }

@@ -1,5 +1,5 @@
-#include "base/Expiration.h"
 #include "base/MainLoopCallback.h"
+#include "base/Expiration.h"
 
 #include <atomic>
 #include <gtest/gtest.h>

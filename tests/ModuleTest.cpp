@@ -4,6 +4,7 @@
 #include "dsp/IllegalArgumentException.h"
 #include "dsp/ParsingException.h"
 #include "support/MainLoop.h"
+#include "support/Thrown.h"
 
 #include <atomic>
 #include <gtest/gtest.h>
@@ -96,18 +97,10 @@ TEST(ModuleTest, PortsFlagsAndMessages)
     module.preSetup(chain, 1280);
     source->preSetup(chain, 1280);
     EXPECT_EQ(module.getDotSafeID(), "a_b_c");
-    try {
-        module.setInPortBuffer(2, source, 0);
-        FAIL();
-    } catch (IllegalArgumentException const& e) {
-        EXPECT_EQ(e.getMessage(), "inport 2 of module a.b-c does not exist");
-    }
-    try {
-        module.getInPort(1);
-        FAIL();
-    } catch (ParsingException const& e) {
-        EXPECT_EQ(e.getMessage(), "Input port 1 of module a.b-c is not connected!\n");
-    }
+    EXPECT_EQ(Testing::thrownMessage<IllegalArgumentException>([&] { module.setInPortBuffer(2, source, 0); }),
+              "inport 2 of module a.b-c does not exist");
+    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { module.getInPort(1); }),
+              "Input port 1 of module a.b-c is not connected!\n");
     module.setCompileFlag(7);
     EXPECT_TRUE(module.getCompileFlag(7));
     EXPECT_THROW(module.setCompileFlag(8), std::out_of_range);

@@ -211,10 +211,9 @@ TEST_F(OrvandeldspToolTest, ConfigFaultsAreOneLineWithStatusTwoAndNoOutput)
              {std::vector<std::string>{"check", "--config", c.config},
               std::vector<std::string>{"run", "--config", c.config, path("in.wav"), path("out.wav")}}) {
             auto const result = runTool(args);
-            EXPECT_EQ(result.status, 2) << args[0] << " " << c.config << ": " << result.err;
-            EXPECT_EQ(result.err.rfind(expected, 0), 0u) << result.err;
+            expectFailure(result, 2, expected, true);
             EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
-            EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
+            EXPECT_TRUE(isOneLine(result.err)) << result.err;
         }
         gchar* kept = nullptr;
         g_file_get_contents(path("out.wav").c_str(), &kept, nullptr, nullptr);
@@ -242,7 +241,7 @@ TEST_F(OrvandeldspToolTest, RunNeedsExactlyOneInputAndOneOutputStage)
         auto const result = runTool({"run", "-c", config, path("in.wav"), path("out.wav")});
         EXPECT_EQ(result.status, 2);
         EXPECT_EQ(result.err, "orvandeldsp: config " + config + ": the tool needs " + message + "\n");
-        EXPECT_FALSE(g_file_test(path("out.wav").c_str(), G_FILE_TEST_EXISTS));
+        EXPECT_FALSE(exists("out.wav"));
     }
 }
 
@@ -260,21 +259,16 @@ TEST_F(OrvandeldspToolTest, UsageAndIoErrors)
              {"run", "--loud", path("in.wav"), path("o.wav")},
              {"graph"},
              {"graph", "--format", "gif", "-o", path("g.gif")}}) {
-        auto const result = runTool(args);
-        EXPECT_EQ(result.status, 2) << (args.empty() ? "" : args[0]);
-        EXPECT_NE(result.err.find("usage: orvandeldsp"), std::string::npos) << result.err;
+        expectFailure(runTool(args), 2, "usage: orvandeldsp");
     }
-    EXPECT_FALSE(g_file_test(path("o.wav").c_str(), G_FILE_TEST_EXISTS));
+    EXPECT_FALSE(exists("o.wav"));
 
-    auto result = runTool({"run", path("nothing.wav"), path("o.wav")});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err.rfind("orvandeldsp: cannot read input " + path("nothing.wav"), 0), 0u) << result.err;
-    result = runTool({"run", path("in.wav"), path("no-dir/o.wav")});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err.rfind("orvandeldsp: cannot write output " + path("no-dir/o.wav"), 0), 0u)
-        << result.err;
+    expectFailure(runTool({"run", path("nothing.wav"), path("o.wav")}), 1,
+                  "orvandeldsp: cannot read input " + path("nothing.wav"), true);
+    expectFailure(runTool({"run", path("in.wav"), path("no-dir/o.wav")}), 1,
+                  "orvandeldsp: cannot write output " + path("no-dir/o.wav"), true);
 
-    result = runTool({"--version"});
+    auto result = runTool({"--version"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out, "orvandeldsp 1.0.0\n");
     result = runTool({"--help"});
@@ -338,10 +332,9 @@ TEST_F(OrvandeldspToolTest, RateConvertsThroughAResamplerAndRefusesWhatCannotFit
         full.push_back(path("in.wav"));
         full.push_back(path("refused.wav"));
         result = runTool(full);
-        EXPECT_EQ(result.status, 2);
-        EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
-        EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
-        EXPECT_FALSE(g_file_test(path("refused.wav").c_str(), G_FILE_TEST_EXISTS));
+        expectFailure(result, 2, message);
+        EXPECT_TRUE(isOneLine(result.err));
+        EXPECT_FALSE(exists("refused.wav"));
     }
 }
 
@@ -369,9 +362,7 @@ TEST_F(OrvandeldspToolTest, DriftIsCorrectedByInsertingOrDroppingInconspicuousFr
 
     auto const result =
         runTool({"run", "-c", c_passthroughConfig, "--drift", "100", path("in.wav"), path("o.wav")});
-    EXPECT_EQ(result.status, 2);
-    EXPECT_NE(result.err.find("--drift needs a module of type \"timestretcher\""), std::string::npos)
-        << result.err;
+    expectFailure(result, 2, "--drift needs a module of type \"timestretcher\"");
     EXPECT_EQ(runTool({"run", "--drift", "fast", path("in.wav"), path("o.wav")}).status, 2);
 }
 

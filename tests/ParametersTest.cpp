@@ -1,4 +1,5 @@
 #include "dsp/Parameters.h"
+#include "support/Thrown.h"
 
 #include <gtest/gtest.h>
 #include <stdexcept>
@@ -18,30 +19,21 @@ TEST(ParametersTest, MissingKeysHaveTheirGettersDefaults)
 
 TEST(ParametersTest, NumbersParseLikeTheCLibraryAndFailWithStandardErrors)
 {
-    Parameters p{{"a", "12abc"}, {"b", "abc"}, {"c", ""}, {"d", " 2.5"}, {"e", "1e999"}, {"f", "99999999999"}};
+    Parameters p{{"a", "12abc"}, {"b", "abc"},   {"c", ""},
+                 {"d", " 2.5"},  {"e", "1e999"}, {"f", "99999999999"}};
     EXPECT_EQ(p.getInt("a"), 12);
     EXPECT_EQ(p.getInt("c"), 0);
     EXPECT_EQ(p.getDouble("d"), 2.5);
-    try {
-        p.getInt("b");
-        FAIL();
-    } catch (std::invalid_argument const& e) {
-        EXPECT_STREQ(e.what(), "stoi");
-    }
-    try {
-        p.getDouble("e");
-        FAIL();
-    } catch (std::out_of_range const& e) {
-        EXPECT_STREQ(e.what(), "stod");
-    }
+    EXPECT_EQ(Zelmar::Testing::thrownMessage<std::invalid_argument>([&] { p.getInt("b"); }), "stoi");
+    EXPECT_EQ(Zelmar::Testing::thrownMessage<std::out_of_range>([&] { p.getDouble("e"); }), "stod");
     EXPECT_THROW(p.getDouble("b"), std::invalid_argument);
     EXPECT_THROW(p.getInt("f"), std::out_of_range);
 }
 
 TEST(ParametersTest, BooleansAcceptOneAndThreeWordsWithoutRegardToCase)
 {
-    Parameters p{{"one", "1"}, {"zero", "0"}, {"yes", "YES"}, {"true", "true"}, {"on", "On"}, {"two", "2"},
-                 {"blank", " 1"}};
+    Parameters p{{"one", "1"}, {"zero", "0"}, {"yes", "YES"}, {"true", "true"},
+                 {"on", "On"}, {"two", "2"},  {"blank", " 1"}};
     EXPECT_TRUE(p.getBool("one"));
     EXPECT_FALSE(p.getBool("zero"));
     EXPECT_TRUE(p.getBool("yes"));

@@ -4,6 +4,7 @@
 #include "dsp/IllegalArgumentException.h"
 #include "dsp/ModuleFactory.h"
 #include "support/MemoryAlsaBuffers.h"
+#include "support/Thrown.h"
 
 #include <gtest/gtest.h>
 
@@ -171,12 +172,9 @@ TEST(ResamplerTest, ExactPositionsReturnStoredSamplesAcrossReconfiguration)
 TEST(ResamplerTest, RefusesAMissingSourceRate)
 {
     Resampler resampler("line");
-    try {
-        resampler.setParameters(Parameters{}, 48000);
-        FAIL() << "no source rate accepted";
-    } catch (IllegalArgumentException const& e) {
-        EXPECT_EQ(e.getMessage(), "resampler line needs a positive source-rate in Hz, got 0");
-    }
+    EXPECT_EQ(Testing::thrownMessage<IllegalArgumentException>(
+                  [&] { resampler.setParameters(Parameters{}, 48000); }),
+              "resampler line needs a positive source-rate in Hz, got 0");
 }
 
 TEST(ResamplerTest, OutputBeyondTheBufferWaitsForTheNextPeriod)

@@ -44,6 +44,22 @@ inline ToolResult runTool(std::vector<std::string> const& args)
     return result;
 }
 
+// The run ended with `status` and its stderr holds `message` (begins with it, when `atStart`).
+inline void expectFailure(ToolResult const& result, int status, std::string const& message,
+                          bool atStart = false)
+{
+    EXPECT_EQ(result.status, status) << result.err;
+    if (atStart)
+        EXPECT_EQ(result.err.rfind(message, 0), 0u) << result.err;
+    else
+        EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
+}
+
+inline bool isOneLine(std::string const& text)
+{
+    return text.size() > 1 && text.find('\n') == text.size() - 1;
+}
+
 struct Sound
 {
     SF_INFO info{};
@@ -80,6 +96,7 @@ class ToolTest : public testing::Test
 {
 protected:
     std::string path(std::string const& name) const { return m_scratch.path(name); }
+    bool exists(std::string const& name) const { return g_file_test(path(name).c_str(), G_FILE_TEST_EXISTS); }
     std::string writeConfig(std::string const& name, std::string const& text) const
     {
         return m_scratch.write(name, text);
