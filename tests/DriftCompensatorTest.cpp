@@ -64,18 +64,13 @@ std::vector<unsigned int> runPeriod(Testing::StretcherChain& rig)
 TEST_F(DriftCompensatorTest, AverageRoundsHalfAwayFromZero)
 {
     DriftCompensator::AverageValue average;
-    EXPECT_EQ(average.readAndReset(), 0);
-    average.addValue(1);
-    average.addValue(2);
-    EXPECT_EQ(average.readAndReset(), 2);
-    EXPECT_EQ(average.readAndReset(), 0);
-    average.addValue(-1);
-    average.addValue(-2);
-    EXPECT_EQ(average.readAndReset(), -2);
-    average.addValue(-1);
-    average.addValue(-1);
-    average.addValue(1);
-    EXPECT_EQ(average.readAndReset(), 0);
+    for (auto const& [values, expected] :
+         {std::pair{std::vector<int>{}, 0}, {{1, 2}, 2}, {{-1, -2}, -2}, {{-1, -1, 1}, 0}}) {
+        for (int value : values)
+            average.addValue(value);
+        EXPECT_EQ(average.readAndReset(), expected) << values.size();
+        EXPECT_EQ(average.readAndReset(), 0) << "reset";
+    }
 }
 
 TEST_F(DriftCompensatorTest, MarkerFileEnablesReportsAndSetsTheirPeriod)

@@ -93,13 +93,10 @@ double secondsSince(Clock::time_point start)
 // 24-bit stereo words whose values are multiples of 4, so that gains of -6 and -12 dB are exact.
 std::vector<int32_t> stereoTone(size_t frames)
 {
-    std::vector<int32_t> samples;
-    for (size_t f = 0; f < frames; ++f) {
-        long const quarter = std::lround(0.5 * 2097151.0 * std::sin(2.0 * M_PI * 440.0 * double(f) / c_rate));
-        samples.push_back(int32_t(quarter * 4 * 256));
-        samples.push_back(int32_t(quarter * 4 * 256));
-    }
-    return samples;
+    return stereoWords(frames, [](size_t f) {
+        return int32_t(std::lround(0.5 * 2097151.0 * std::sin(2.0 * M_PI * 440.0 * double(f) / c_rate)) * 4 *
+                       256);
+    });
 }
 
 bool periodIs(Sound const& out, std::vector<int32_t> const& in, size_t period, int divisor)

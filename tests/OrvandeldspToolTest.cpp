@@ -15,14 +15,10 @@ using namespace Zelmar::Testing;
 // Interleaved stereo, the same tone on both channels, left-justified 24-bit words.
 std::vector<int32_t> stereoSine(double frequency, double level, int rate, size_t frames)
 {
-    std::vector<int32_t> samples;
-    for (size_t f = 0; f < frames; ++f) {
-        double const v = level * std::sin(2.0 * M_PI * frequency * double(f) / rate);
-        int32_t const word = int32_t(std::lround(v * 8388607.0)) * 256;
-        samples.push_back(word);
-        samples.push_back(word);
-    }
-    return samples;
+    return stereoWords(frames, [&](size_t f) {
+        return int32_t(std::lround(level * std::sin(2.0 * M_PI * frequency * double(f) / rate) * 8388607.0)) *
+               256;
+    });
 }
 
 int64_t largestStep(std::vector<int32_t> const& interleaved, int channels)
@@ -369,16 +365,12 @@ TEST_F(OrvandeldspToolTest, DriftIsCorrectedByInsertingOrDroppingInconspicuousFr
 TEST_F(OrvandeldspToolTest, DetectPrintsTheDetectorsTransitionsAtAudioTimes)
 {
     // Silence past the start-up skip, a -20 dB tone from 3.1 s to 5 s, then silence.
-    std::vector<int32_t> input;
-    for (size_t f = 0; f < 20 * 48000; ++f) {
+    auto const input = stereoWords(20 * 48000, [](size_t f) {
         double const t = double(f) / 48000.0;
-        int32_t const word = t >= 3.1 && t < 5.0
-                                 ? int32_t(std::lround(0.1 * 32767.0 * std::sin(2.0 * M_PI * 1000.0 * t)))
-                                       << 16
-                                 : 0;
-        input.push_back(word);
-        input.push_back(word);
-    }
+        return t >= 3.1 && t < 5.0
+                   ? int32_t(std::lround(0.1 * 32767.0 * std::sin(2.0 * M_PI * 1000.0 * t))) << 16
+                   : 0;
+    });
     writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, input);
     std::string const lineIn = PROJECT_SOURCE_DIR "/configs/line-in.xml";
     auto result = runTool({"run", "-c", lineIn, "--detect", "--threshold-dir", m_dir, "--period", "1000",

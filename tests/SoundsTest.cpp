@@ -8,6 +8,7 @@
 #include "support/LogCapture.h"
 #include "support/MemoryAlsaBuffers.h"
 #include "support/SoundFiles.h"
+#include "support/Thrown.h"
 
 #include <FLAC/metadata.h>
 #include <algorithm>
@@ -231,14 +232,9 @@ TEST(SoundsTest, AdoptsTheOneOutputStageOnly)
             chain.addModule("output", "a")->setParameters(Parameters{{"interleave-pattern", "0"}}, 48000);
             chain.addModule("output", "b")->setParameters(Parameters{{"interleave-pattern", "0"}}, 48000);
         }
-        try {
-            chain.compile();
-        } catch (ParsingException const& e) {
-            return e.getMessage();
-        }
-        return Tools::String("set up");
+        return Testing::thrownMessage<ParsingException>([&] { chain.compile(); });
     };
-    Tools::String const message =
+    std::string const message =
         "The current implementation for unmuting the output stage on system sounds relies "
         "on only one output stage existing.";
     EXPECT_EQ(setUpMessage(false), message);
@@ -283,12 +279,10 @@ TEST(SoundsTest, TriggersRaceTheAudioThreadAndEveryVoiceIsFreedOffIt)
     Testing::TemporarySoundsDirectory folder;
     folder.write("touch.flac", Testing::makeRamp(10));
     folder.write("ok.flac", Testing::makeRamp(20));
-    SoundsRig rig(48000);
+    SoundsRig rig(48000, tSample(0.25));
     rig.load(SystemSound::Touch);
     rig.load(SystemSound::Ok);
-    rig.run(64, 64);
-    rig.m_capture.getChannel(0).setPeriod(std::vector<tSample>(64, tSample(0.25)));
-    rig.m_capture.getChannel(1).setPeriod(std::vector<tSample>(64, tSample(0.25)));
+    rig.run(64, 64); // leaves 64-frame periods for the audio thread to repeat
     unsigned int const alive = Rompler::getNumLiveVoices();
 
     std::atomic<unsigned int> periods{0};

@@ -124,12 +124,13 @@ inline std::vector<tSample> noise(unsigned int frames, unsigned int seed, int64_
     return samples;
 }
 
+// Samples `first` to `first + frames - 1` of a sine starting at phase 0.
 inline std::vector<tSample> makeSine(double amplitude, double frequency, double sampleRate,
-                                     unsigned int frames)
+                                     unsigned int frames, unsigned int first = 0)
 {
     std::vector<tSample> samples(frames);
     for (unsigned int i = 0; i < frames; ++i)
-        samples[i] = tSample(amplitude * std::sin(2 * M_PI * frequency * i / sampleRate));
+        samples[i] = tSample(amplitude * std::sin(2 * M_PI * frequency * (first + i) / sampleRate));
     return samples;
 }
 

@@ -60,6 +60,15 @@ inline bool isOneLine(std::string const& text)
     return text.size() > 1 && text.find('\n') == text.size() - 1;
 }
 
+// Interleaved stereo with word(frame) on both channels.
+template <class F> std::vector<int32_t> stereoWords(size_t frames, F&& word)
+{
+    std::vector<int32_t> samples;
+    for (size_t f = 0; f < frames; ++f)
+        samples.insert(samples.end(), 2, word(f));
+    return samples;
+}
+
 struct Sound
 {
     SF_INFO info{};
