@@ -1,4 +1,5 @@
 #include "dsp/BiQuadSection.h"
+
 #include "support/Thrown.h"
 
 #include <gtest/gtest.h>

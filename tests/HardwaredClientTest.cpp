@@ -12,13 +12,7 @@
 using namespace Zelmar;
 using Testing::runMainLoopUntil;
 
-namespace {
-
-class HardwaredClientTest : public Testing::HardwaredBusTest
-{
-};
-
-} // namespace
+using HardwaredClientTest = Testing::HardwaredBusTest;
 
 TEST_F(HardwaredClientTest, FollowsTheDaemonAsItComesAndGoes)
 {

@@ -12,13 +12,7 @@
 using namespace Zelmar;
 using Testing::runMainLoopUntil;
 
-namespace {
-
-class HiddenVolumeManagerTest : public Testing::HardwaredBusTest
-{
-};
-
-} // namespace
+using HiddenVolumeManagerTest = Testing::HardwaredBusTest;
 
 TEST_F(HiddenVolumeManagerTest, SendsOnlyTheNewestPendingDeltaOnConnecting)
 {

@@ -68,9 +68,7 @@ std::vector<int32_t> testWords(size_t frames)
     return words;
 }
 
-class OrvandeldspToolTest : public ToolTest
-{
-};
+using OrvandeldspToolTest = ToolTest;
 
 std::string const c_defaultConfig = PROJECT_SOURCE_DIR "/configs/default.xml";
 // Bit-exact expectations need a chain that only moves samples; the bundled default filters them.
