@@ -75,14 +75,10 @@ TEST_F(ChainPrinterTest, WritesTheDotFileAndRendersItWithDot)
     EXPECT_STREQ(ChainPrinter::c_dotFile, "/tmp/liborvandeldsp.dot");
 
     ChainPrinter::print(chain, "svg", picture, dotFile);
-    gchar* text = nullptr;
-    ASSERT_TRUE(g_file_get_contents(dotFile.c_str(), &text, nullptr, nullptr));
-    EXPECT_EQ(std::string(text), ChainPrinter::describe(chain).str());
-    g_free(text);
-    ASSERT_TRUE(g_file_get_contents(picture.c_str(), &text, nullptr, nullptr));
-    EXPECT_NE(std::string(text).find("<svg"), std::string::npos);
-    EXPECT_NE(std::string(text).find("in_1"), std::string::npos);
-    g_free(text);
+    EXPECT_EQ(m_scratch.read("chain.dot"), ChainPrinter::describe(chain).str());
+    std::string const svg = m_scratch.read("chain.svg");
+    EXPECT_NE(svg.find("<svg"), std::string::npos);
+    EXPECT_NE(svg.find("in_1"), std::string::npos);
     ASSERT_EQ(s_logged.size(), 1u);
     EXPECT_EQ(s_logged[0], "invoking dot -Tsvg " + dotFile);
 

@@ -9,10 +9,8 @@
 #include "support/Thrown.h"
 
 #include <cstring>
-#include <fstream>
 #include <glib.h>
 #include <gtest/gtest.h>
-#include <iterator>
 
 using namespace Zelmar;
 using Testing::ModuleHarness;
@@ -24,11 +22,10 @@ class DumpSamplesTest : public testing::Test
 protected:
     std::vector<int32_t> readFile(char const* name) const
     {
-        std::ifstream file(m_directory + "/" + name, std::ios::binary);
-        std::vector<char> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+        std::string const bytes = m_scratch.read(name);
+        EXPECT_EQ(bytes.size() % 4, 0u);
         std::vector<int32_t> words(bytes.size() / 4);
         std::memcpy(words.data(), bytes.data(), words.size() * 4);
-        EXPECT_EQ(bytes.size() % 4, 0u);
         return words;
     }
 

@@ -55,6 +55,7 @@ TEST_F(HardwaredClientTest, RunsExactlyOneHandlerPerCallAndLogsErrorsAtLevelFour
         return errors.size() == 3 && log.containsStart("setting delta failed: ", Tools::Tracer::Error);
     }));
     EXPECT_NE(errors[2].str().find("amplifier busy"), std::string::npos) << errors[2];
+    EXPECT_EQ(log.countStarting("setting delta failed: ", Tools::Tracer::Error), 1u);
     EXPECT_EQ(successes, 1);
     EXPECT_EQ(m_daemon.getReceivedDeltas(), (std::vector<double>{4.5, 1.0, 1.5}));
 }

@@ -192,9 +192,9 @@ TEST_F(OrvandeldspControlTest, SetFileSendsEveryLineAndRefusalsAreOneLine)
               "orvandeldsp: com.orvandeldsp.Chain is already served on the session bus (is another "
               "realtime run going?)\n");
 
-    g_file_set_contents(path("levels.txt").c_str(),
-                        "# both channels\n\nleft gain -12\n  right   gain  -6  \n", -1, nullptr);
-    auto const fromFile = client({"set", "--file", path("levels.txt")});
+    auto const fromFile =
+        client({"set", "--file",
+                writeConfig("levels.txt", "# both channels\n\nleft gain -12\n  right   gain  -6  \n")});
     EXPECT_EQ(fromFile.status, 0) << fromFile.err;
 
     auto const refused = client({"set", "left", "gain", "30"});
@@ -308,8 +308,7 @@ TEST_F(OrvandeldspControlTest, ClientsNameAMissingChainOrBusAndUsageMistakes)
     EXPECT_EQ(missingFile.status, 1);
     EXPECT_TRUE(isOneLine(missingFile.err));
 
-    g_file_set_contents(path("bad.txt").c_str(), "volume gain -6\nvolume gain\n", -1, nullptr);
-    auto const badLine = client({"set", "--file", path("bad.txt")});
+    auto const badLine = client({"set", "--file", writeConfig("bad.txt", "volume gain -6\nvolume gain\n")});
     EXPECT_EQ(badLine.status, 2);
     EXPECT_EQ(badLine.err, "orvandeldsp: " + path("bad.txt") +
                                " line 2: expected MODULE KEY VALUE, not \"volume gain\"\n");

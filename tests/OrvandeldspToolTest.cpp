@@ -200,7 +200,7 @@ TEST_F(OrvandeldspToolTest, ConfigFaultsAreOneLineWithStatusTwoAndNoOutput)
     writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, {0, 0});
     for (auto const& c : cases) {
         std::string const expected = "orvandeldsp: config " + c.config + ": ";
-        g_file_set_contents(path("out.wav").c_str(), "keep", -1, nullptr);
+        m_scratch.write("out.wav", "keep");
         for (auto const& args :
              {std::vector<std::string>{"check", "--config", c.config},
               std::vector<std::string>{"run", "--config", c.config, path("in.wav"), path("out.wav")}}) {
@@ -209,10 +209,7 @@ TEST_F(OrvandeldspToolTest, ConfigFaultsAreOneLineWithStatusTwoAndNoOutput)
             EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
             EXPECT_TRUE(isOneLine(result.err)) << result.err;
         }
-        gchar* kept = nullptr;
-        g_file_get_contents(path("out.wav").c_str(), &kept, nullptr, nullptr);
-        EXPECT_STREQ(kept, "keep") << c.config;
-        g_free(kept);
+        EXPECT_EQ(m_scratch.read("out.wav"), "keep") << c.config;
     }
 }
 
@@ -292,11 +289,9 @@ TEST_F(OrvandeldspToolTest, CheckListsTheBundledConfigsAndGraphDrawsThem)
 
     auto const graph = runTool({"graph", "-o", path("chain.svg")});
     ASSERT_EQ(graph.status, 0) << graph.err;
-    gchar* svg = nullptr;
-    ASSERT_TRUE(g_file_get_contents(path("chain.svg").c_str(), &svg, nullptr, nullptr));
-    EXPECT_NE(std::string(svg).find("<svg"), std::string::npos);
-    EXPECT_NE(std::string(svg).find("level"), std::string::npos);
-    g_free(svg);
+    std::string const svg = m_scratch.read("chain.svg");
+    EXPECT_NE(svg.find("<svg"), std::string::npos);
+    EXPECT_NE(svg.find("level"), std::string::npos);
 }
 
 TEST_F(OrvandeldspToolTest, RateConvertsThroughAResamplerAndRefusesWhatCannotFit)

@@ -51,13 +51,16 @@ public:
         return texts;
     }
 
-    // Whether an entry (at `level`, unless any) begins with `start`.
+    // How many entries (at `level`, unless any) begin with `start`.
+    std::size_t countStarting(std::string const& start, int level = c_anyLevel)
+    {
+        auto const all = messagesAt(level);
+        return std::size_t(std::count_if(all.begin(), all.end(),
+                                         [&](std::string const& m) { return m.rfind(start, 0) == 0; }));
+    }
     bool containsStart(std::string const& start, int level = c_anyLevel)
     {
-        for (auto const& message : messagesAt(level))
-            if (message.rfind(start, 0) == 0)
-                return true;
-        return false;
+        return countStarting(start, level) > 0;
     }
 
     bool contains(std::string const& message)
