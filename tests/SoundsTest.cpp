@@ -17,56 +17,9 @@
 #include <thread>
 
 using namespace Zelmar;
+using Testing::SoundsRig;
 
 namespace {
-
-// input -> system-sounds -> output, fed with constant music, so the duck shows as the output level.
-class SoundsRig
-{
-public:
-    explicit SoundsRig(unsigned int sampleRate, tSample music = tSample(0.5))
-        : m_chain(sampleRate), m_capture(2), m_playback(2)
-    {
-        m_chain.addModule("input", "in");
-        m_sounds = std::dynamic_pointer_cast<Sounds>(m_chain.addModule("sounds", "system-sounds"));
-        m_sounds->setParameters(Parameters(), sampleRate);
-        m_output = std::dynamic_pointer_cast<OutputStage>(m_chain.addModule("output", "out"));
-        m_output->setParameters(Parameters{{"interleave-pattern", "01"}}, sampleRate);
-        m_chain.pullWire("system-sounds", "in");
-        m_chain.pullWire("out", "system-sounds");
-        m_chain.compile();
-        std::dynamic_pointer_cast<InputStage>(m_chain.findModule("in"))->setInput(&m_capture);
-        m_output->setOutput(&m_playback);
-        m_music = music;
-    }
-
-    // Processes `frames` frames in periods of `period` and appends the sounds module's left output.
-    void run(unsigned int frames, unsigned int period = 500)
-    {
-        for (unsigned int done = 0; done < frames; done += period) {
-            unsigned int const n = std::min(period, frames - done);
-            m_capture.getChannel(0).setPeriod(std::vector<tSample>(n, m_music));
-            m_capture.getChannel(1).setPeriod(std::vector<tSample>(n, m_music));
-            m_chain.process();
-            auto const& out = *m_sounds->getOutPortBuffer(0);
-            m_left.insert(m_left.end(), out.getRawData(), out.getRawData() + n);
-        }
-    }
-
-    RomplerData& load(SystemSound sound)
-    {
-        auto data = m_sounds->getRomplerDataForSoundType(sound);
-        EXPECT_TRUE(Testing::waitUntilLoaded(*data));
-        return *data;
-    }
-
-    Chain m_chain;
-    Testing::MemoryAlsaBuffers m_capture, m_playback;
-    std::shared_ptr<Sounds> m_sounds;
-    std::shared_ptr<OutputStage> m_output;
-    tSample m_music;
-    std::vector<tSample> m_left;
-};
 
 int32_t shifted(int16_t sample)
 {
