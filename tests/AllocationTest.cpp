@@ -8,9 +8,9 @@
 #include "support/MemoryAlsaBuffers.h"
 #include "support/ModuleHarness.h"
 #include "support/SoundFiles.h"
+#include "support/TemporaryDirectory.h"
 
 #include <atomic>
-#include <glib/gstdio.h>
 #include <gtest/gtest.h>
 
 using namespace Zelmar;
@@ -46,19 +46,12 @@ TEST(ChainTest, ProcessingACompiledChainNeverTouchesTheHeap)
 
 TEST(SoundsTest, MixingAndDuckingNeverTouchTheHeap)
 {
-    Chain chain(48000);
-    chain.addModule("input", "in");
-    auto sounds = std::dynamic_pointer_cast<Sounds>(chain.addModule("sounds", "system-sounds"));
-    sounds->setParameters(Parameters(), 48000);
-    chain.addModule("output", "out")->setParameters(Parameters{{"interleave-pattern", "01"}}, 48000);
-    chain.pullWire("system-sounds", "in");
-    chain.pullWire("out", "system-sounds");
-    chain.compile();
-    Testing::MemoryAlsaBuffers capture(2), playback(2);
-    Testing::attachHostBuffers(chain, capture, playback);
+    Testing::SoundsRig rig(48000);
+    auto& sounds = rig.m_sounds;
+    auto& capture = rig.m_capture;
     RomplerData::setSoundsDirectory(GENERATED_SOUNDS_DIR);
     for (auto sound : {SystemSound::Touch, SystemSound::Ok, SystemSound::Welcome})
-        ASSERT_TRUE(Testing::waitUntilLoaded(*sounds->getRomplerDataForSoundType(sound)));
+        rig.load(sound);
     RomplerData::setSoundsDirectory("");
     capture.getChannel(0).samples.assign(1280, tSample(0.5));
     capture.getChannel(1).samples.assign(1280, tSample(0.5));
@@ -76,7 +69,7 @@ TEST(SoundsTest, MixingAndDuckingNeverTouchTheHeap)
         capture.getChannel(1).m_numFrames = frames;
         Testing::takeHeapCallsOfWatchedThreads();
         Testing::watchHeapOnThisThread(true);
-        chain.process();
+        rig.m_chain.process();
         Testing::watchHeapOnThisThread(false);
         ASSERT_EQ(Testing::takeHeapCallsOfWatchedThreads(), 0) << "period " << period;
         if (sounds->getOutPortBuffer(0)->getRawData()[frames - 1] != tSample(0.5))
@@ -87,30 +80,24 @@ TEST(SoundsTest, MixingAndDuckingNeverTouchTheHeap)
 
 TEST(FlacEncoderTest, QueueingForTheWorkerThreadsNeverTouchesTheHeap)
 {
-    char* directory = g_dir_make_tmp("allocation-XXXXXX", nullptr);
-    {
-        auto encoder = std::make_shared<FlacEncoder>("enc");
-        auto dump = std::make_shared<DumpSamples>("dump");
-        Testing::ModuleHarness encoding(encoder), dumping(dump, true);
-        encoder->setParameters(Parameters{}, 48000);
-        dump->setParameters(Parameters{{"directory", directory}}, 48000);
-        encoder->startEncoding();
-        std::vector<tSample> const quiet(1280, tSample(0.01));
-        encoding.setInput(0, quiet);
-        encoding.setInput(1, quiet);
-        dumping.setInput(0, quiet);
+    Testing::TemporaryDirectory directory("allocation-XXXXXX");
+    auto encoder = std::make_shared<FlacEncoder>("enc");
+    auto dump = std::make_shared<DumpSamples>("dump");
+    Testing::ModuleHarness encoding(encoder), dumping(dump, true);
+    encoder->setParameters(Parameters{}, 48000);
+    dump->setParameters(Parameters{{"directory", directory.path()}}, 48000);
+    encoder->startEncoding();
+    std::vector<tSample> const quiet(1280, tSample(0.01));
+    encoding.process({quiet, quiet});
+    dumping.process({quiet});
 
-        Testing::takeHeapCallsOfWatchedThreads();
-        Testing::watchHeapOnThisThread(true);
-        for (unsigned int period = 0; period < 200; ++period) {
-            encoder->process();
-            dump->process();
-        }
-        Testing::watchHeapOnThisThread(false);
-        EXPECT_EQ(Testing::takeHeapCallsOfWatchedThreads(), 0);
-        encoder->stopEncoding();
+    Testing::takeHeapCallsOfWatchedThreads();
+    Testing::watchHeapOnThisThread(true);
+    for (unsigned int period = 0; period < 200; ++period) {
+        encoder->process();
+        dump->process();
     }
-    g_remove((std::string(directory) + "/dump.raw").c_str());
-    g_rmdir(directory);
-    g_free(directory);
+    Testing::watchHeapOnThisThread(false);
+    EXPECT_EQ(Testing::takeHeapCallsOfWatchedThreads(), 0);
+    encoder->stopEncoding();
 }

@@ -2,6 +2,7 @@
 
 #include "base/Tracer.h"
 #include "support/FileTail.h"
+#include "support/LogCapture.h"
 #include "support/MainLoop.h"
 #include "support/ModelClock.h"
 
@@ -29,7 +30,6 @@ protected:
         std::remove(m_record.c_str());
         setenv("DRIFT_CONTROL_RECORD", m_record.c_str(), 1);
         useConfig("drift-control.conf");
-        m_sink = Tools::Tracer::get().addSink([this](Tools::LogBufferEntry const& e) { m_log.push_back(e); });
     }
 
     void TearDown() override
@@ -56,18 +56,9 @@ protected:
         return values;
     }
 
-    std::vector<std::string> messages() const
-    {
-        std::vector<std::string> texts;
-        for (auto const& entry : m_log)
-            texts.push_back(std::to_string(entry.level) + " " + std::string(entry.message.c_str()));
-        return texts;
-    }
-
     std::string const m_record = ::testing::TempDir() + "drift-control-" + std::to_string(getpid());
     Testing::FileTail m_tail{m_record};
-    std::vector<Tools::LogBufferEntry> m_log;
-    Tools::Connection m_sink;
+    Testing::LogCapture m_log;
 };
 
 } // namespace
@@ -82,9 +73,9 @@ TEST_F(AlsaDriftCompensatorTest, ConstantZeroWritesNothingAndDestructionWritesZe
         for (int tick = 0; tick < 5; ++tick)
             EXPECT_TRUE(compensator->writeClock());
         EXPECT_TRUE(written().empty());
-        EXPECT_EQ(messages(), (std::vector<std::string>{
-                                  "3 AlsaDriftCompensator: 2nd generation HW clock control initialized",
-                                  "3 AlsaDriftCompensator::start"}));
+        EXPECT_EQ(m_log.leveled(), (std::vector<std::string>{
+                                       "3 AlsaDriftCompensator: 2nd generation HW clock control initialized",
+                                       "3 AlsaDriftCompensator::start"}));
     }
     EXPECT_EQ(written(), std::vector<long>{0});
 }
@@ -102,35 +93,24 @@ TEST_F(AlsaDriftCompensatorTest, TwoHundredFramesSaturateInOneTick)
 
 TEST_F(AlsaDriftCompensatorTest, StartAfterStopResetsTheController)
 {
-    std::vector<long> restarted;
-    {
-        AlsaDriftCompensator compensator;
-        compensator.start();
-        compensator.setFrameDelta(20);
-        for (int tick = 0; tick < 50; ++tick)
-            compensator.writeClock();
-        compensator.stop();
-        EXPECT_FALSE(compensator.writeClock());
-        EXPECT_EQ(m_log.back().message, "AlsaDriftCompensator::stop");
-        written();
-        compensator.start();
-        EXPECT_EQ(compensator.getFrameDelta(), 0);
-        for (int delta : {5, 5, 4}) {
-            compensator.setFrameDelta(delta);
-            compensator.writeClock();
-        }
-        restarted = written();
-    }
-    // 10 * -5 + 3 * -0.05 + 1.5 * -5 / 0.01; then -50 - 0.3; then -40 - 0.42 + 1.5 * 1 / 0.01.
-    EXPECT_EQ(restarted, (std::vector<long>{-800, -50, 109}));
+    AlsaDriftCompensator compensator;
+    compensator.start();
+    compensator.setFrameDelta(20);
+    for (int tick = 0; tick < 50; ++tick)
+        compensator.writeClock();
+    compensator.stop();
+    EXPECT_FALSE(compensator.writeClock());
+    EXPECT_EQ(m_log.messages().back(), "AlsaDriftCompensator::stop");
     written();
-    AlsaDriftCompensator fresh;
-    fresh.start();
+    compensator.start();
+    EXPECT_EQ(compensator.getFrameDelta(), 0);
     for (int delta : {5, 5, 4}) {
-        fresh.setFrameDelta(delta);
-        fresh.writeClock();
+        compensator.setFrameDelta(delta);
+        compensator.writeClock();
     }
-    EXPECT_EQ(written(), restarted);
+    // As from a fresh start: 10 * -5 + 3 * -0.05 + 1.5 * -5 / 0.01;
+    // then -50 - 0.3; then -40 - 0.42 + 1.5 * 1 / 0.01.
+    EXPECT_EQ(written(), (std::vector<long>{-800, -50, 109}));
 }
 
 TEST_F(AlsaDriftCompensatorTest, MissingElementOrDeviceLeavesItInert)
@@ -142,7 +122,7 @@ TEST_F(AlsaDriftCompensatorTest, MissingElementOrDeviceLeavesItInert)
         compensator.setFrameDelta(3);
         EXPECT_FALSE(compensator.writeClock());
     }
-    EXPECT_EQ(messages(),
+    EXPECT_EQ(m_log.leveled(),
               (std::vector<std::string>{
                   "6 AlsaDriftCompensator: Cannot find mixer control Drift compensator",
                   "6 AlsaDriftCompensator: unable to initialize drift alsa control: Drift compensator",
@@ -155,7 +135,7 @@ TEST_F(AlsaDriftCompensatorTest, MissingElementOrDeviceLeavesItInert)
         compensator.start();
         EXPECT_FALSE(compensator.writeClock());
     }
-    EXPECT_EQ(messages(),
+    EXPECT_EQ(m_log.leveled(),
               (std::vector<std::string>{
                   "6 AlsaDriftCompensator: unable to open mixer device for clock control: No such device",
                   "3 AlsaDriftCompensator::start", "4 STOP DRIFT COMP"}));

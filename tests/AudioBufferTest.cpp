@@ -91,7 +91,8 @@ TEST(AudioBufferTest, SineIsComputedInDoubleAndRoundedToFloat)
     AudioBuffer buffer(48);
     buffer.generateSine(1.0f, 1000.0f, 48000.0f);
     EXPECT_EQ(buffer.getRawData()[0], tSample::s_Zero);
-    EXPECT_EQ(buffer.getRawData()[12], tSample(static_cast<float>(std::sin(12 * 6.283185307179586 * 1000 / 48000))));
+    EXPECT_EQ(buffer.getRawData()[12],
+              tSample(static_cast<float>(std::sin(12 * 6.283185307179586 * 1000 / 48000))));
     EXPECT_EQ(buffer.getRawData()[4], tSample(0.5f)) << "sin(30 degrees)";
 }
 

@@ -6,8 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
-
 using namespace Zelmar;
 using Testing::ModuleHarness;
 
@@ -18,27 +16,22 @@ Parameters filter(char const* type, char const* frequency, char const* q, char c
     return Parameters{{"type", type}, {"frequency", frequency}, {"q", q}, {"gain", gain}};
 }
 
-std::vector<tSample> noise(unsigned int frames, unsigned int seed)
-{
-    std::mt19937 random(seed);
-    std::uniform_int_distribution<int32_t> halfScale(-0x04000000, 0x04000000);
-    std::vector<tSample> samples(frames);
-    for (auto& s : samples)
-        s = tSample(halfScale(random));
-    return samples;
-}
-
 std::shared_ptr<Module> make(char const* type)
 {
     return std::shared_ptr<Module>(ModuleFactory::get().createModule(type, "f"));
 }
 
+std::shared_ptr<Module> make(char const* type, Parameters const& params, unsigned int rate)
+{
+    auto module = make(type);
+    module->setParameters(params, rate);
+    return module;
+}
+
 // Gain in dB of a 1 s sine after 1 s of settling.
 double measure(Parameters const& params, unsigned int rate, double frequency)
 {
-    auto module = make("biquad");
-    module->setParameters(params, rate);
-    ModuleHarness harness(module);
+    ModuleHarness harness(make("biquad", params, rate));
     auto const out = harness.processInPeriods({Testing::makeSine(0.25, frequency, rate, 2 * rate)}, 1280);
     return Testing::levelDb(out[0], rate, 0.25);
 }
@@ -50,7 +43,7 @@ TEST(BiQuadTest, PassesAudioThroughBeforeParametersAndAtNyquist)
     auto module = make("biquad");
     ASSERT_NE(dynamic_cast<BiQuad*>(module.get()), nullptr);
     ModuleHarness harness(module);
-    auto const input = noise(256, 1);
+    auto const input = Testing::noise(256, 1, 0x04000000);
     EXPECT_EQ(harness.process({input})[0], input);
     module->setParameters(filter("lopass", "24000", "0.7", "0"), 48000);
     EXPECT_EQ(harness.process({input})[0], input);
@@ -62,7 +55,7 @@ TEST(BiQuadTest, UnknownTypeKeepsThePreviousFilter)
     module->setParameters(filter("lopass", "1000", "0.7", "0"), 48000);
     EXPECT_THROW(module->setParameters(filter("LoPass", "1000", "0.7", "0"), 48000), ParsingException);
     ModuleHarness harness(module);
-    auto const input = noise(256, 2);
+    auto const input = Testing::noise(256, 2, 0x04000000);
     EXPECT_NE(harness.process({input})[0], input);
 }
 
@@ -81,12 +74,11 @@ TEST(BiQuadTest, FrequencyResponseMeasuredWithSines)
 // Same stream, one block or two halves, with and without a kernel: the state must carry over.
 TEST(BiQuadTest, StateCarriesAcrossPeriodsAndParameterChanges)
 {
-    auto const input = noise(1024, 3);
+    auto const input = Testing::noise(1024, 3, 0x04000000);
     for (char const* rate : {"44100", "44000"}) {
         unsigned int const fs = std::stoi(rate);
-        auto whole = make("biquad"), halves = make("biquad");
-        whole->setParameters(filter("peak", "45", "2", "10"), fs);
-        halves->setParameters(filter("peak", "45", "2", "10"), fs);
+        auto whole = make("biquad", filter("peak", "45", "2", "10"), fs);
+        auto halves = make("biquad", filter("peak", "45", "2", "10"), fs);
         ModuleHarness wholeHarness(whole), halvesHarness(halves, true);
         EXPECT_EQ(wholeHarness.process({input})[0], halvesHarness.processInPeriods({input}, 512)[0]) << rate;
         EXPECT_EQ(static_cast<BiQuad&>(*whole).getPrecalculatedKernel(),
@@ -95,9 +87,8 @@ TEST(BiQuadTest, StateCarriesAcrossPeriodsAndParameterChanges)
 
     // A change of coefficients continues from the old state: the output right after the change equals
     // a fresh filter's output plus the old state's decay, never the fresh filter alone.
-    auto changed = make("biquad"), fresh = make("biquad");
-    changed->setParameters(filter("lopass", "200", "0.7", "0"), 48000);
-    fresh->setParameters(filter("hipass", "200", "0.7", "0"), 48000);
+    auto changed = make("biquad", filter("lopass", "200", "0.7", "0"), 48000);
+    auto fresh = make("biquad", filter("hipass", "200", "0.7", "0"), 48000);
     ModuleHarness changedHarness(changed), freshHarness(fresh);
     changedHarness.process({std::vector<tSample>(256, tSample(0.5))});
     changed->setParameters(filter("hipass", "200", "0.7", "0"), 48000);
@@ -108,7 +99,7 @@ TEST(BiQuadTest, StateCarriesAcrossPeriodsAndParameterChanges)
 
 TEST(StereoBiQuadTest, FiltersEachChannelLikeTheMonoModule)
 {
-    auto const left = noise(600, 4), right = noise(600, 5);
+    auto const left = Testing::noise(600, 4, 0x04000000), right = Testing::noise(600, 5, 0x04000000);
     auto passing = make("stereo-biquad");
     ASSERT_NE(dynamic_cast<StereoBiQuad*>(passing.get()), nullptr);
     ModuleHarness passingHarness(passing, true);
@@ -117,11 +108,9 @@ TEST(StereoBiQuadTest, FiltersEachChannelLikeTheMonoModule)
     // The +7 dB design has no kernel, the -3 dB one at 4200 Hz Q 1.2 has.
     for (char const* gain : {"7", "-3"}) {
         Parameters const params = filter("peak", "4200", "1.2", gain);
-        auto stereo = make("stereo-biquad"), leftOnly = make("biquad"), rightOnly = make("biquad");
-        stereo->setParameters(params, 44100);
-        leftOnly->setParameters(params, 44100);
-        rightOnly->setParameters(params, 44100);
-        ModuleHarness stereoHarness(stereo, true), leftHarness(leftOnly), rightHarness(rightOnly);
+        auto stereo = make("stereo-biquad", params, 44100);
+        ModuleHarness stereoHarness(stereo, true), leftHarness(make("biquad", params, 44100)),
+            rightHarness(make("biquad", params, 44100));
         auto const both = stereoHarness.processInPeriods({left, right}, 256);
         EXPECT_EQ(both[0], leftHarness.processInPeriods({left}, 256)[0]) << gain;
         EXPECT_EQ(both[1], rightHarness.processInPeriods({right}, 256)[0]) << gain;

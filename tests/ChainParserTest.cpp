@@ -4,38 +4,17 @@
 #include "dsp/IllegalArgumentException.h"
 #include "dsp/ParsingException.h"
 #include "dsp/StereoWrapper.h"
+#include "support/TemporaryDirectory.h"
+#include "support/Thrown.h"
 
-#include <fstream>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 using namespace Zelmar;
 
-namespace {
-
-class ConfigFile
-{
-public:
-    explicit ConfigFile(std::string const& text)
-    {
-        char name[] = "/tmp/orvandeldsp-config-XXXXXX";
-        int const fd = mkstemp(name);
-        close(fd);
-        m_path = name;
-        std::ofstream(m_path) << text;
-    }
-    ~ConfigFile() { unlink(m_path.c_str()); }
-    Tools::String path() const { return m_path; }
-
-private:
-    std::string m_path;
-};
-
-} // namespace
-
 TEST(ChainParserTest, ParametersAreCollectedPerModuleAndAppliedAfterTheWholeFile)
 {
-    ConfigFile config(R"(<anything>
+    Testing::TemporaryDirectory dir;
+    std::string const config = dir.write("config.xml", R"(<anything>
       <parameter id="stray">1</parameter>
       <module type="input" id="in"/>
       <unknown><module type="output" id="out">
@@ -49,13 +28,14 @@ TEST(ChainParserTest, ParametersAreCollectedPerModuleAndAppliedAfterTheWholeFile
       <cable out="in[0]" in="out[1]"/>
     </anything>)");
     Chain chain(44100);
-    chain.load(config.path(), false);
+    chain.load(config, false);
     EXPECT_EQ(chain.getModules().size(), 3u);
     auto const& out = chain.findModule("out")->getParameters();
     EXPECT_EQ(out.getString("interleave-pattern"), "10");
     EXPECT_EQ(out.getString("note"), " spaced ");
     EXPECT_TRUE(out.getString("stray").empty());
-    EXPECT_EQ(chain.findModule("in")->getSampleRate(), 44100u) << "a module without parameters still gets a set";
+    EXPECT_EQ(chain.findModule("in")->getSampleRate(), 44100u)
+        << "a module without parameters still gets a set";
     EXPECT_EQ(chain.getWires().at("late[0]"), "in[0]");
     chain.compile();
     EXPECT_EQ(chain.findModule("out")->getNumInPorts(), 2u);
@@ -63,9 +43,11 @@ TEST(ChainParserTest, ParametersAreCollectedPerModuleAndAppliedAfterTheWholeFile
 
 TEST(ChainParserTest, StereoModulesAreWrappedAndAFileMayStopInsideAnElement)
 {
-    ConfigFile config(R"(<dsp><stereo-module type="meter" id="levels"><parameter id="x">1</parameter>
+    Testing::TemporaryDirectory dir;
+    std::string const config = dir.write(
+        "config.xml", R"(<dsp><stereo-module type="meter" id="levels"><parameter id="x">1</parameter>
       </stereo-module><module type="input" id="in"/><cable out="in" in="levels"/>)");
-    Chain chain(48000, config.path());
+    Chain chain(48000, config);
     auto wrapper = std::dynamic_pointer_cast<StereoWrapper>(chain.findModule("levels"));
     ASSERT_TRUE(wrapper);
     EXPECT_EQ(wrapper->getRight()->getParameters().getString("x"), "1");
@@ -74,25 +56,27 @@ TEST(ChainParserTest, StereoModulesAreWrappedAndAFileMayStopInsideAnElement)
 
 TEST(ChainParserTest, ChainFaultsRaisedInsideTheParserReachTheCaller)
 {
-    ConfigFile config(R"(<dsp><module type="equaliser" id="eq"/></dsp>)");
+    Testing::TemporaryDirectory dir;
+    std::string const config = dir.write("config.xml", R"(<dsp><module type="equaliser" id="eq"/></dsp>)");
     Chain chain(48000);
-    try {
-        chain.load(config.path(), true);
-        FAIL();
-    } catch (ParsingException const& e) {
-        EXPECT_EQ(e.getMessage(), "Module type equaliser not found in module factory");
-    }
-    ConfigFile badNumber(R"(<dsp><module type="output" id="o"><parameter id="interleave-pattern">0x</parameter>
+    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.load(config, true); }),
+              "Module type equaliser not found in module factory");
+    std::string const badNumber =
+        dir.write("badNumber.xml",
+                  R"(<dsp><module type="output" id="o"><parameter id="interleave-pattern">0x</parameter>
       </module></dsp>)");
-    EXPECT_THROW(Chain(48000, badNumber.path()), std::invalid_argument);
+    EXPECT_THROW(Chain(48000, badNumber), std::invalid_argument);
     // A value the module would meet with an assertion is refused as an argument error instead.
-    ConfigFile tooLoud(R"(<dsp><module type="gain" id="g"><parameter id="gain">24</parameter></module></dsp>)");
-    EXPECT_THROW(Chain(48000, tooLoud.path()), IllegalArgumentException);
+    std::string const tooLoud =
+        dir.write("tooLoud.xml",
+                  R"(<dsp><module type="gain" id="g"><parameter id="gain">24</parameter></module></dsp>)");
+    EXPECT_THROW(Chain(48000, tooLoud), IllegalArgumentException);
 }
 
 TEST(ChainParserDeathTest, UnreadableOrMalformedFilesEndTheProcess)
 {
+    Testing::TemporaryDirectory dir;
     EXPECT_DEATH(Chain(48000, "/nonexistent/dsp.xml"), "Could not open dsp config file: ");
-    ConfigFile broken("<dsp><module type=\"input\" id=\"in\"></dsp>");
-    EXPECT_DEATH(Chain(48000, broken.path()), "Could not parse dsp config file: ");
+    std::string const broken = dir.write("broken.xml", "<dsp><module type=\"input\" id=\"in\"></dsp>");
+    EXPECT_DEATH(Chain(48000, broken), "Could not parse dsp config file: ");
 }

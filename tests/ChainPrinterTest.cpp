@@ -2,8 +2,8 @@
 
 #include "base/Assert.h"
 #include "dsp/Chain.h"
+#include "support/TemporaryDirectory.h"
 
-#include <glib/gstdio.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
@@ -39,19 +39,13 @@ class ChainPrinterTest : public testing::Test
 protected:
     void SetUp() override
     {
-        m_dir = g_dir_make_tmp("chainprinter-XXXXXX", nullptr);
         m_handler = g_log_set_handler(Tools::c_logDomain, G_LOG_LEVEL_MESSAGE, logToList, nullptr);
         s_logged.clear();
     }
-    void TearDown() override
-    {
-        g_log_remove_handler(Tools::c_logDomain, m_handler);
-        for (char const* name : {"/chain.dot", "/chain.svg"})
-            g_remove((m_dir + name).c_str());
-        g_rmdir(m_dir.c_str());
-    }
+    void TearDown() override { g_log_remove_handler(Tools::c_logDomain, m_handler); }
 
-    std::string m_dir;
+    Testing::TemporaryDirectory m_scratch{"chainprinter-XXXXXX"};
+    std::string const m_dir = m_scratch.path();
     guint m_handler = 0;
 };
 
@@ -81,14 +75,10 @@ TEST_F(ChainPrinterTest, WritesTheDotFileAndRendersItWithDot)
     EXPECT_STREQ(ChainPrinter::c_dotFile, "/tmp/liborvandeldsp.dot");
 
     ChainPrinter::print(chain, "svg", picture, dotFile);
-    gchar* text = nullptr;
-    ASSERT_TRUE(g_file_get_contents(dotFile.c_str(), &text, nullptr, nullptr));
-    EXPECT_EQ(std::string(text), ChainPrinter::describe(chain).str());
-    g_free(text);
-    ASSERT_TRUE(g_file_get_contents(picture.c_str(), &text, nullptr, nullptr));
-    EXPECT_NE(std::string(text).find("<svg"), std::string::npos);
-    EXPECT_NE(std::string(text).find("in_1"), std::string::npos);
-    g_free(text);
+    EXPECT_EQ(m_scratch.read("chain.dot"), ChainPrinter::describe(chain).str());
+    std::string const svg = m_scratch.read("chain.svg");
+    EXPECT_NE(svg.find("<svg"), std::string::npos);
+    EXPECT_NE(svg.find("in_1"), std::string::npos);
     ASSERT_EQ(s_logged.size(), 1u);
     EXPECT_EQ(s_logged[0], "invoking dot -Tsvg " + dotFile);
 

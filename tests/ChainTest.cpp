@@ -8,6 +8,7 @@
 #include "dsp/OutputStage.h"
 #include "dsp/ParsingException.h"
 #include "support/MemoryAlsaBuffers.h"
+#include "support/Thrown.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -24,20 +25,9 @@ std::vector<Tools::String> idsInOrder(Chain const& chain)
     return ids;
 }
 
-template <class F>
-Tools::String parsingMessage(F&& f)
-{
-    try {
-        f();
-    } catch (ParsingException const& e) {
-        return e.getMessage();
-    }
-    return "no exception";
-}
-
 } // namespace
 
-TEST(ChainTest, PassesAudioFromInputToOutput)
+TEST(ChainTest, PassesAudioFromInputToOutputAndPrintsMetersOnceAsked)
 {
     Chain chain(48000, TEST_SOURCE_DIR "/data/passthrough.xml");
     Testing::MemoryAlsaBuffers capture(2), playback(2);
@@ -49,6 +39,20 @@ TEST(ChainTest, PassesAudioFromInputToOutput)
     EXPECT_EQ(playback.getChannel(0).samples[255], tSample(0.5));
     EXPECT_EQ(playback.getChannel(1).samples[255], tSample(-0.25));
     EXPECT_FLOAT_EQ(std::dynamic_pointer_cast<Meter>(chain.findModule("level"))->exchange(0.0f), 0.5f);
+    EXPECT_FLOAT_EQ(chain.findModule("in")->getStoredMeter(0), 0.0f) << "meters start disabled";
+
+    output->initialMute();
+    capture.getChannel(1).setPeriod(std::vector<tSample>(256, tSample(0.25)));
+    testing::internal::CaptureStdout();
+    chain.printMeters();
+    chain.process();
+    chain.printMeters();
+    std::string const printed = testing::internal::GetCapturedStdout();
+    std::string const name = Tools::Tracer::getProcessName().str();
+    EXPECT_NE(printed.find(name + " in[0] = 0.000000\n"), std::string::npos);
+    EXPECT_NE(printed.find(name + " in[0] = 0.500000\n"), std::string::npos);
+    EXPECT_NE(printed.find(name + " in[1] = 0.250000\n"), std::string::npos);
+    EXPECT_NE(printed.find(name + " output is MUTED\n"), std::string::npos);
 }
 
 TEST(ChainTest, SortsBySignalFlowFromTheSinksInInsertionOrder)
@@ -66,7 +70,8 @@ TEST(ChainTest, SortsBySignalFlowFromTheSinksInInsertionOrder)
     EXPECT_EQ(chain.getWires().count("out"), 0u) << "the shortcut became one wire per port";
     EXPECT_EQ(chain.getWires().at("out[1]"), "in[1]");
     chain.compile();
-    EXPECT_EQ(idsInOrder(chain), (std::vector<Tools::String>{"in", "m2", "out", "m1"})) << "compiling twice is safe";
+    EXPECT_EQ(idsInOrder(chain), (std::vector<Tools::String>{"in", "m2", "out", "m1"}))
+        << "compiling twice is safe";
 }
 
 TEST(ChainTest, WiringAndLookupFaultsRaiseTheirMessages)
@@ -74,64 +79,53 @@ TEST(ChainTest, WiringAndLookupFaultsRaiseTheirMessages)
     Chain chain(48000);
     chain.addModule("input", "in");
     chain.addModule("meter", "m");
-    EXPECT_EQ(parsingMessage([&] { chain.addModule("Meter", "x"); }), "Module type Meter not found in module factory");
-    EXPECT_EQ(parsingMessage([&] { chain.findModule("x"); }), "chain does not contain a module with ID x!");
+    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.addModule("Meter", "x"); }),
+              "Module type Meter not found in module factory");
+    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.findModule("x"); }),
+              "chain does not contain a module with ID x!");
     EXPECT_EQ(chain.tryFindModule("x"), nullptr);
-    EXPECT_EQ(parsingMessage([&] { chain.parseWireModule("m"); }),
+    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.parseWireModule("m"); }),
               "something is wrong with the port spec - should be moduleid[portnum]: m\n");
-    EXPECT_EQ(parsingMessage([&] { chain.parseWirePort("m"); }),
+    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.parseWirePort("m"); }),
               "something is wrong with the port spec - should be moduleid[portnum]: m");
     EXPECT_THROW(chain.parseWirePort("m[x]"), std::invalid_argument);
     EXPECT_EQ(chain.parseWirePort("m[12"), 12u);
 
     chain.pullWire("m[0]", "in");
-    EXPECT_EQ(parsingMessage([&] { chain.compile(); }),
+    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.compile(); }),
               "something is wrong with the port spec - should be moduleid[portnum]: in\n");
     chain.pullWire("m[0]", "gone[0]");
-    EXPECT_EQ(parsingMessage([&] { chain.compile(); }), "Module for portSpec gone[0] does not exist");
+    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.compile(); }),
+              "Module for portSpec gone[0] does not exist");
     chain.pullWire("m[0]", "in[1]");
     EXPECT_NO_THROW(chain.compile()) << "the second source of an input replaced the first";
 }
 
-TEST(ChainTest, OutputReadByTwoInputsIsExclusiveToNeither)
-{
-    Chain chain(48000);
-    chain.pullWire("a[0]", "in[0]");
-    chain.pullWire("b[0]", "in[0]");
-    chain.pullWire("c[0]", "in[1]");
-    EXPECT_FALSE(chain.isExclusiveOutportUser("a[0]", "in[0]"));
-    EXPECT_TRUE(chain.isExclusiveOutportUser("c[0]", "in[1]"));
-}
-
-TEST(ChainTest, PrintingMetersSwitchesMeteringOnAndReportsAMutedOutput)
-{
-    Chain chain(48000, TEST_SOURCE_DIR "/data/passthrough.xml");
-    Testing::MemoryAlsaBuffers capture(2), playback(2);
-    auto output = Testing::attachHostBuffers(chain, capture, playback);
-    output->initialMute();
-    capture.getChannel(0).setPeriod(std::vector<tSample>(16, tSample(0.5)));
-    capture.getChannel(1).setPeriod(std::vector<tSample>(16, tSample(0.25)));
-    chain.process();
-    EXPECT_FLOAT_EQ(chain.findModule("in")->getStoredMeter(0), 0.0f) << "meters start disabled";
-
-    testing::internal::CaptureStdout();
-    chain.printMeters();
-    chain.process();
-    chain.printMeters();
-    std::string const printed = testing::internal::GetCapturedStdout();
-    std::string const name = Tools::Tracer::getProcessName().str();
-    EXPECT_NE(printed.find(name + " in[0] = 0.000000\n"), std::string::npos);
-    EXPECT_NE(printed.find(name + " in[0] = 0.500000\n"), std::string::npos);
-    EXPECT_NE(printed.find(name + " in[1] = 0.250000\n"), std::string::npos);
-    EXPECT_NE(printed.find(name + " output is MUTED\n"), std::string::npos);
-}
-
 TEST(ChainTest, FactoryKnowsExactlyTheDocumentedTypes)
 {
-    std::vector<Tools::String> const documented = {
-        "adaptive-biquad", "adaptive-limiter", "biquad", "clipguard", "delay", "dump-samples", "equalizer",
-        "flac-encoder", "gain", "input", "limiter", "meter", "mixer", "output", "patchbay", "signal-detector",
-        "phase-invert", "resampler", "sounds", "switch", "stereo-biquad", "timestretcher", "stereo-equalizer"};
+    std::vector<Tools::String> const documented = {"adaptive-biquad",
+                                                   "adaptive-limiter",
+                                                   "biquad",
+                                                   "clipguard",
+                                                   "delay",
+                                                   "dump-samples",
+                                                   "equalizer",
+                                                   "flac-encoder",
+                                                   "gain",
+                                                   "input",
+                                                   "limiter",
+                                                   "meter",
+                                                   "mixer",
+                                                   "output",
+                                                   "patchbay",
+                                                   "signal-detector",
+                                                   "phase-invert",
+                                                   "resampler",
+                                                   "sounds",
+                                                   "switch",
+                                                   "stereo-biquad",
+                                                   "timestretcher",
+                                                   "stereo-equalizer"};
     auto sorted = documented;
     std::sort(sorted.begin(), sorted.end());
     EXPECT_EQ(ModuleFactory::get().getTypeNames(), sorted);
@@ -167,6 +161,8 @@ TEST(ChainTest, ExclusiveInputsRunInPlaceSharedOutputsDoNot)
     EXPECT_EQ(idsInOrder(chain), (std::vector<Tools::String>{"in", "solo", "shared", "out", "m"}));
     EXPECT_EQ(solo->getOutPortBuffer(0), in->getOutPortBuffer(0));
     EXPECT_NE(shared->getOutPortBuffer(0), in->getOutPortBuffer(1));
+    EXPECT_TRUE(chain.isExclusiveOutportUser("solo[0]", "in[0]"));
+    EXPECT_FALSE(chain.isExclusiveOutportUser("shared[0]", "in[1]"));
 
     int gains = 0;
     Chain::forModule<Gain>(chain.getModules(), [&](std::shared_ptr<Module> const& module) {

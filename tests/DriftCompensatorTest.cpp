@@ -3,6 +3,7 @@
 #include "base/Tracer.h"
 #include "dsp/TimeStretchingDriftCompensator.h"
 #include "dsp/TimeStretchingLineInDriftCompensator.h"
+#include "support/LogCapture.h"
 #include "support/StretcherChain.h"
 
 #include <gtest/gtest.h>
@@ -28,7 +29,6 @@ protected:
         m_marker = ::testing::TempDir() + "drift_comp_info_enabled." + std::to_string(getpid());
         std::remove(m_marker.c_str());
         DriftCompensator::setEnableFrameDiffFile(m_marker);
-        m_sink = Tools::Tracer::get().addSink([this](Tools::LogBufferEntry const& e) { m_log.push_back(e); });
     }
 
     void TearDown() override
@@ -40,8 +40,7 @@ protected:
     void writeMarker(char const* content) { std::ofstream(m_marker) << content; }
 
     std::string m_marker;
-    std::vector<Tools::LogBufferEntry> m_log;
-    Tools::Connection m_sink;
+    Testing::LogCapture m_log;
 };
 
 class Averaging : public DriftCompensator
@@ -65,25 +64,20 @@ std::vector<unsigned int> runPeriod(Testing::StretcherChain& rig)
 TEST_F(DriftCompensatorTest, AverageRoundsHalfAwayFromZero)
 {
     DriftCompensator::AverageValue average;
-    EXPECT_EQ(average.readAndReset(), 0);
-    average.addValue(1);
-    average.addValue(2);
-    EXPECT_EQ(average.readAndReset(), 2);
-    EXPECT_EQ(average.readAndReset(), 0);
-    average.addValue(-1);
-    average.addValue(-2);
-    EXPECT_EQ(average.readAndReset(), -2);
-    average.addValue(-1);
-    average.addValue(-1);
-    average.addValue(1);
-    EXPECT_EQ(average.readAndReset(), 0);
+    for (auto const& [values, expected] :
+         {std::pair{std::vector<int>{}, 0}, {{1, 2}, 2}, {{-1, -2}, -2}, {{-1, -1, 1}, 0}}) {
+        for (int value : values)
+            average.addValue(value);
+        EXPECT_EQ(average.readAndReset(), expected) << values.size();
+        EXPECT_EQ(average.readAndReset(), 0) << "reset";
+    }
 }
 
 TEST_F(DriftCompensatorTest, MarkerFileEnablesReportsAndSetsTheirPeriod)
 {
     DriftCompensator quiet;
     EXPECT_FALSE(DriftCompensator::isFrameDiffLoggingEnabled());
-    EXPECT_TRUE(m_log.empty());
+    EXPECT_TRUE(m_log.messages().empty());
 
     writeMarker("20\n");
     DriftCompensator shortPeriod;
@@ -93,9 +87,8 @@ TEST_F(DriftCompensatorTest, MarkerFileEnablesReportsAndSetsTheirPeriod)
     writeMarker("2000\n");
     DriftCompensator longPeriod;
     EXPECT_EQ(DriftCompensator::getDiffReportDelta(), 2000u);
-    ASSERT_EQ(m_log.size(), 2u);
-    EXPECT_EQ(m_log[1].level, 3);
-    EXPECT_EQ(m_log[1].message, "DriftCompensator::enabling logging with every 2000 ms");
+    ASSERT_EQ(m_log.leveled().size(), 2u);
+    EXPECT_EQ(m_log.leveled()[1], "3 DriftCompensator::enabling logging with every 2000 ms");
 
     writeMarker("");
     DriftCompensator empty;
@@ -115,9 +108,7 @@ TEST_F(DriftCompensatorTest, ReportsAtMostOncePerPeriodUntilAnyCompensatorStops)
     compensator.average().addValue(2);
     compensator.reportFrameDelta(7);
     compensator.reportFrameDelta(8);
-    ASSERT_EQ(m_log.size(), 1u);
-    EXPECT_EQ(m_log[0].level, 2);
-    EXPECT_EQ(m_log[0].message, "frame delta: 7 2");
+    EXPECT_EQ(m_log.leveled(), std::vector<std::string>{"2 frame delta: 7 2"});
 
     other.start();
     EXPECT_TRUE(other.isRunning());
@@ -127,7 +118,7 @@ TEST_F(DriftCompensatorTest, ReportsAtMostOncePerPeriodUntilAnyCompensatorStops)
     EXPECT_TRUE(DriftCompensator::isFrameDiffLoggingEnabled());
     fresh.stop();
     fresh.reportFrameDelta(9);
-    EXPECT_EQ(m_log.size(), 2u) << "only the construction notice";
+    EXPECT_EQ(m_log.messages().size(), 2u) << "only the construction notice";
 
     EXPECT_EQ(other.setFrameDelta(-12), 0);
     EXPECT_EQ(other.getFrameDelta(), -12);
@@ -176,7 +167,7 @@ TEST_F(DriftCompensatorTest, BothStretchersOfAStereoPairGetTheSameOrder)
     for (int call = 0; call < 40; ++call)
         compensator.setFrameDelta(-2);
     EXPECT_EQ(runPeriod(rig), (std::vector<unsigned int>{9, 9}));
-    EXPECT_TRUE(m_log.empty());
+    EXPECT_TRUE(m_log.messages().empty());
 }
 
 TEST_F(DriftCompensatorTest, LineInCountsFramesOfAMonoStretcher)
@@ -199,9 +190,9 @@ TEST_F(DriftCompensatorTest, MissingStretcherIsLoggedAndNotFatal)
     Testing::StretcherChain rig("timestretcher", true);
     TimeStretchingLineInDriftCompensator compensator;
     compensator.initChain(rig.chain);
-    ASSERT_EQ(m_log.size(), 1u);
-    EXPECT_EQ(m_log[0].level, 4);
-    EXPECT_EQ(m_log[0].message, "There is no timestretcher with id line-in-timestretcher in the dsp chain");
+    EXPECT_EQ(m_log.leveled(),
+              std::vector<std::string>{
+                  "4 There is no timestretcher with id line-in-timestretcher in the dsp chain"});
     for (int call = 0; call < 13; ++call)
         compensator.setFrameDelta(1);
     EXPECT_EQ(compensator.setFrameDelta(1), 1);
@@ -213,14 +204,12 @@ TEST_F(DriftCompensatorTest, DeltaLogLineIsThrottledWhenEnabled)
 {
     TimeStretchingDriftCompensator silent;
     silent.setFrameDelta(3);
-    EXPECT_TRUE(m_log.empty());
+    EXPECT_TRUE(m_log.messages().empty());
 
     writeMarker("");
     TimeStretchingDriftCompensator logging;
     m_log.clear();
     logging.setFrameDelta(3);
     logging.setFrameDelta(4);
-    ASSERT_EQ(m_log.size(), 1u);
-    EXPECT_EQ(m_log[0].level, 2);
-    EXPECT_EQ(m_log[0].message, "TimeStretchingDriftCompensator: frame delta 3");
+    EXPECT_EQ(m_log.leveled(), std::vector<std::string>{"2 TimeStretchingDriftCompensator: frame delta 3"});
 }

@@ -2,17 +2,15 @@
 #include "dsp/IllegalArgumentException.h"
 
 #include "base/Tracer.h"
+#include "support/LogCapture.h"
 #include "support/MainLoop.h"
 #include "support/ModuleHarness.h"
+#include "support/TemporaryDirectory.h"
+#include "support/Thrown.h"
 
 #include <cstring>
-#include <fstream>
 #include <glib.h>
-#include <glib/gstdio.h>
 #include <gtest/gtest.h>
-#include <iterator>
-#include <mutex>
-#include <random>
 
 using namespace Zelmar;
 using Testing::ModuleHarness;
@@ -22,38 +20,20 @@ namespace {
 class DumpSamplesTest : public testing::Test
 {
 protected:
-    void SetUp() override { m_directory = g_dir_make_tmp("dump-samples-XXXXXX", nullptr); }
-    void TearDown() override
-    {
-        for (char const* name : {"d.raw", "e.raw"})
-            g_remove((m_directory + "/" + name).c_str());
-        g_rmdir(m_directory.c_str());
-    }
-
     std::vector<int32_t> readFile(char const* name) const
     {
-        std::ifstream file(m_directory + "/" + name, std::ios::binary);
-        std::vector<char> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+        std::string const bytes = m_scratch.read(name);
+        EXPECT_EQ(bytes.size() % 4, 0u);
         std::vector<int32_t> words(bytes.size() / 4);
         std::memcpy(words.data(), bytes.data(), words.size() * 4);
-        EXPECT_EQ(bytes.size() % 4, 0u);
         return words;
     }
 
     Parameters parameters() const { return Parameters{{"directory", m_directory}}; }
 
-    std::string m_directory;
+    Testing::TemporaryDirectory m_scratch{"dump-samples-XXXXXX"};
+    std::string const m_directory = m_scratch.path();
 };
-
-std::vector<tSample> noise(unsigned int frames, unsigned int seed)
-{
-    std::mt19937 random(seed);
-    std::uniform_int_distribution<int32_t> value(INT32_MIN, INT32_MAX);
-    std::vector<tSample> samples(frames);
-    for (auto& s : samples)
-        s = tSample(value(random));
-    return samples;
-}
 
 std::vector<int32_t> raw(std::vector<tSample> const& samples)
 {
@@ -68,13 +48,13 @@ std::vector<int32_t> raw(std::vector<tSample> const& samples)
 TEST_F(DumpSamplesTest, PassesThroughAndWritesExactlyWhatItSaw)
 {
     for (bool inPlace : {true, false}) {
-        std::vector<tSample> const input = noise(3 * 4096 + 77, inPlace ? 1 : 2);
+        std::vector<tSample> const input = Testing::noise(3 * 4096 + 77, inPlace ? 1 : 2, int64_t(1) << 31);
         std::vector<tSample> output;
         {
             ModuleHarness harness(std::make_shared<DumpSamples>("d"), inPlace);
             harness.module().setParameters(parameters(), 48000);
             // What came before the current recording is not in the file.
-            harness.processInPeriods({noise(2000, 9)}, 1280);
+            harness.processInPeriods({Testing::noise(2000, 9, int64_t(1) << 31)}, 1280);
             harness.module().setParameters(parameters(), 48000);
             output = harness.processInPeriods({input}, 1280)[0];
             EXPECT_EQ(static_cast<DumpSamples&>(harness.module()).getPath(), m_directory + "/d.raw");
@@ -87,44 +67,31 @@ TEST_F(DumpSamplesTest, PassesThroughAndWritesExactlyWhatItSaw)
 TEST_F(DumpSamplesTest, RejectsAMissingOrUnwritableDirectory)
 {
     DumpSamples dump("d");
-    try {
-        dump.setParameters(Parameters{}, 48000);
-        FAIL();
-    } catch (IllegalArgumentException const& e) {
-        EXPECT_EQ(e.getMessage(), "DumpSamples d: parameter \"directory\" is missing");
-    }
-    try {
-        dump.setParameters(Parameters{{"directory", m_directory + "/none"}}, 48000);
-        FAIL();
-    } catch (IllegalArgumentException const& e) {
-        EXPECT_EQ(e.getMessage(), "DumpSamples d: cannot open " + m_directory + "/none/d.raw for writing");
-    }
+    EXPECT_EQ(
+        Testing::thrownMessage<IllegalArgumentException>([&] { dump.setParameters(Parameters{}, 48000); }),
+        "DumpSamples d: parameter \"directory\" is missing");
+    EXPECT_EQ(Testing::thrownMessage<IllegalArgumentException>([&] {
+                  dump.setParameters(Parameters{{"directory", m_directory + "/none"}}, 48000);
+              }),
+              "DumpSamples d: cannot open " + m_directory + "/none/d.raw for writing");
     DumpSamples nested("a/b");
     EXPECT_THROW(nested.setParameters(parameters(), 48000), IllegalArgumentException);
 }
 
 TEST_F(DumpSamplesTest, SamplesWithoutRoomAreCountedAndReported)
 {
-    std::mutex mutex;
-    std::vector<std::string> messages;
-    Tools::Connection sink = Tools::Tracer::get().addSink([&](Tools::LogBufferEntry const& entry) {
-        std::lock_guard<std::mutex> lock(mutex);
-        messages.push_back(entry.message.str());
-    });
+    Testing::LogCapture log;
     uint32_t dropped = 0;
     {
         // One period larger than the ring: whatever the worker manages, the surplus cannot fit.
         ModuleHarness harness(std::make_shared<DumpSamples>("e", 1000));
         harness.module().setParameters(parameters(), 48000);
-        harness.process({noise(1280, 0)});
+        harness.process({Testing::noise(1280, 0, int64_t(1) << 31)});
         dropped = static_cast<DumpSamples&>(harness.module()).getDroppedSamples();
         EXPECT_GE(dropped, 280u);
         std::string const report = "DumpSamples e dropped " + std::to_string(dropped) +
                                    " samples because its worker thread fell behind";
-        EXPECT_TRUE(Testing::runMainLoopUntil([&] {
-            std::lock_guard<std::mutex> lock(mutex);
-            return std::find(messages.begin(), messages.end(), report) != messages.end();
-        }));
+        EXPECT_TRUE(Testing::runMainLoopUntil([&] { return log.contains(report); }));
     }
     EXPECT_EQ(readFile("e.raw").size() + dropped, 1280u);
 }

@@ -2,7 +2,6 @@
 
 #include "dsp/Gain.h"
 #include "dsp/InputStage.h"
-#include "dsp/ModuleFactory.h"
 #include "dsp/OutputStage.h"
 #include "dsp/PatchBay.h"
 #include "support/MemoryAlsaBuffers.h"
@@ -41,17 +40,6 @@ struct LoadedChain
 };
 
 } // namespace
-
-TEST(DynamicsAndRoutingChainTest, FactoryCreatesEveryTypeByName)
-{
-    std::unique_ptr<Module> gain(ModuleFactory::get().createModule("gain", "g1"));
-    ASSERT_NE(dynamic_cast<Gain*>(gain.get()), nullptr);
-    EXPECT_EQ(gain->getID(), "g1");
-    EXPECT_EQ(gain->getType(), "gain");
-    EXPECT_EQ(ModuleFactory::get().createModule("Gain", "g2"), nullptr);
-    for (char const* type : {"clipguard", "delay", "limiter", "mixer", "patchbay", "phase-invert", "switch"})
-        EXPECT_NE(std::unique_ptr<Module>(ModuleFactory::get().createModule(type, "m")), nullptr) << type;
-}
 
 TEST(DynamicsAndRoutingChainTest, GainLimiterAndClipGuardInAChain)
 {

@@ -5,6 +5,7 @@
 #include "support/LogCapture.h"
 #include "support/MainLoop.h"
 #include "support/ModuleHarness.h"
+#include "support/Thrown.h"
 
 #include <FLAC/stream_decoder.h>
 
@@ -15,11 +16,11 @@
 #include <glib.h>
 #include <gtest/gtest.h>
 #include <mutex>
-#include <random>
 #include <thread>
 
 using namespace Zelmar;
 using Testing::ModuleHarness;
+using Testing::noise;
 
 namespace {
 
@@ -62,27 +63,54 @@ std::vector<int32_t> decode(tBytes const& stream)
     return context.samples;
 }
 
-void drainMainLoop()
-{
-    while (g_main_context_iteration(nullptr, FALSE)) {
-    }
-}
-
 bool startsStream(tBytes const& piece)
 {
     return piece.size() >= 4 && std::equal(piece.begin(), piece.begin() + 4, "fLaC");
 }
 
-std::vector<tSample> noise(unsigned int frames, unsigned int seed)
+// Left and right pairs as the encoder must deliver them.
+std::vector<int32_t> expectedPairs(std::vector<tSample> const& left, std::vector<tSample> const& right)
 {
-    std::mt19937 random(seed);
-    // Up to just below full scale, both signs, with the low 4 bits set so the shift has work to do.
-    std::uniform_int_distribution<int32_t> value(-0x08000000, 0x07ffffff);
-    std::vector<tSample> samples(frames);
-    for (auto& s : samples)
-        s = tSample(value(random));
-    return samples;
+    std::vector<int32_t> expected;
+    for (size_t i = 0; i < left.size(); ++i) {
+        expected.push_back(FlacEncoder::toFlacSample(left[i]));
+        expected.push_back(FlacEncoder::toFlacSample(right[i]));
+    }
+    return expected;
 }
+
+// An encoder fed by a harness, with every piece it publishes collected.
+struct Encoding
+{
+    explicit Encoding(std::shared_ptr<FlacEncoder> module = std::make_shared<FlacEncoder>("enc"))
+        : harness(module), encoder(*module),
+          connection(encoder.onFrameEncoded([this](FlacEncoder::tFrame frame) { pieces.push_back(*frame); }))
+    {
+        encoder.setParameters(Parameters{}, 48000);
+    }
+    // The pieces from `first` up to the header of the next stream, joined.
+    tBytes stream(size_t first = 0) const
+    {
+        tBytes joined;
+        for (size_t i = first; i < pieces.size() && (i == first || !startsStream(pieces[i])); ++i)
+            joined.insert(joined.end(), pieces[i].begin(), pieces[i].end());
+        return joined;
+    }
+    void processConstant(unsigned int frames, double left, double right)
+    {
+        harness.process(
+            {Testing::constant(frames, tSample(left)), Testing::constant(frames, tSample(right))});
+    }
+
+    ModuleHarness harness;
+    FlacEncoder& encoder;
+    std::vector<tBytes> pieces;
+    Tools::Connection connection;
+};
+
+// 1000 frames of 0.25 left and -0.25 right, as 24-bit pairs.
+std::vector<int32_t> const c_quarterPairs =
+    expectedPairs(Testing::constant(1000, tSample(0.25)), Testing::constant(1000, tSample(-0.25)));
 
 } // namespace
 
@@ -94,16 +122,16 @@ TEST(FlacEncoderTest, ShiftsToTwentyFourBitsWithoutClipping)
         << "beyond full scale, kept";
     EXPECT_EQ(FlacEncoder::toFlacSample(tSample(int32_t(0x1f))), 1);
     EXPECT_EQ(FlacEncoder::toFlacSample(tSample(int32_t(-1))), -1) << "arithmetic shift rounds down";
+    EXPECT_EQ(c_quarterPairs[0], 0x200000);
+    EXPECT_EQ(c_quarterPairs[1], -0x200000);
 
     // libFLAC refuses 8388608 as a 24-bit sample (client error, state 5): full scale stops the encoder.
     Testing::LogCapture log;
-    ModuleHarness harness(std::make_shared<FlacEncoder>("enc"));
-    auto& encoder = static_cast<FlacEncoder&>(harness.module());
-    encoder.setParameters(Parameters{}, 48000);
-    encoder.onSigGotFrameStateChanged(Tools::FramesWanted);
-    harness.process(
+    Encoding e;
+    e.encoder.onSigGotFrameStateChanged(Tools::FramesWanted);
+    e.harness.process(
         {Testing::constant(1280, tSample(int32_t(0x08000000))), Testing::constant(1280, tSample(0.0))});
-    encoder.onSigGotFrameStateChanged(Tools::FramesNotWanted);
+    e.encoder.onSigGotFrameStateChanged(Tools::FramesNotWanted);
     EXPECT_TRUE(log.contains("FlacEncoder error: 5"));
 }
 
@@ -114,60 +142,42 @@ TEST(FlacEncoderTest, StreamDecodesToTheDeliveredSamplesAndReachesSubscribersInO
     std::vector<tSample> right = noise(frames, 2);
     right[100] = tSample(-1.0);
     // Room for the whole input, so the test does not depend on how fast the encoder thread runs.
-    ModuleHarness harness(std::make_shared<FlacEncoder>("enc", 1u << 18));
-    auto& encoder = static_cast<FlacEncoder&>(harness.module());
-    encoder.setParameters(Parameters{}, 48000);
-
-    std::vector<tBytes> pieces;
+    Encoding e(std::make_shared<FlacEncoder>("enc", 1u << 18));
     std::vector<FlacEncoder::tFrame> seenBySecond;
     bool offMainThread = false;
     std::thread::id const mainThread = std::this_thread::get_id();
-    Tools::Connection first = encoder.onFrameEncoded([&](FlacEncoder::tFrame frame) {
+    Tools::Connection second = e.encoder.onFrameEncoded([&](FlacEncoder::tFrame frame) {
         offMainThread |= std::this_thread::get_id() != mainThread;
-        pieces.push_back(*frame);
-    });
-    Tools::Connection second = encoder.onFrameEncoded([&](FlacEncoder::tFrame frame) {
-        EXPECT_EQ(pieces.size(), seenBySecond.size() + 1) << "the first subscriber runs first";
+        EXPECT_EQ(e.pieces.size(), seenBySecond.size() + 1) << "the first subscriber runs first";
         seenBySecond.push_back(frame);
     });
 
-    encoder.onSigGotFrameStateChanged(Tools::FramesWanted);
-    EXPECT_TRUE(encoder.isEncoding());
-    harness.processInPeriods({left, right}, 1280);
-    encoder.onSigGotFrameStateChanged(Tools::FramesNotWanted);
-    EXPECT_FALSE(encoder.isEncoding());
-    EXPECT_EQ(encoder.getDroppedPairs(), 0u);
-    EXPECT_TRUE(pieces.empty()) << "nothing is published before the main loop runs";
-    drainMainLoop();
+    e.encoder.onSigGotFrameStateChanged(Tools::FramesWanted);
+    EXPECT_TRUE(e.encoder.isEncoding());
+    e.harness.processInPeriods({left, right}, 1280);
+    e.encoder.onSigGotFrameStateChanged(Tools::FramesNotWanted);
+    EXPECT_FALSE(e.encoder.isEncoding());
+    EXPECT_EQ(e.encoder.getDroppedPairs(), 0u);
+    EXPECT_TRUE(e.pieces.empty()) << "nothing is published before the main loop runs";
+    Testing::runPendingMainLoopJobs();
 
-    std::vector<int32_t> expected;
-    for (unsigned int i = 0; i < frames; ++i) {
-        expected.push_back(FlacEncoder::toFlacSample(left[i]));
-        expected.push_back(FlacEncoder::toFlacSample(right[i]));
-    }
-    auto joined = [&] {
-        tBytes stream;
-        for (auto const& piece : pieces)
-            stream.insert(stream.end(), piece.begin(), piece.end());
-        return stream;
-    };
-    ASSERT_FALSE(pieces.empty());
-    EXPECT_TRUE(startsStream(pieces.front()));
-    std::vector<int32_t> const beforeFinish = decode(joined());
+    std::vector<int32_t> const expected = expectedPairs(left, right);
+    ASSERT_FALSE(e.pieces.empty());
+    EXPECT_TRUE(startsStream(e.pieces.front()));
+    size_t const piecesBefore = e.pieces.size();
+    std::vector<int32_t> const beforeFinish = decode(e.stream());
     // All but the block libFLAC keeps back until the stream is finished.
     EXPECT_LE(beforeFinish.size(), expected.size());
     EXPECT_LE(expected.size() - beforeFinish.size(), 2u * 1152u);
     EXPECT_TRUE(std::equal(beforeFinish.begin(), beforeFinish.end(), expected.begin()));
 
     // Finishing publishes the last block, then the header of the next stream.
-    size_t const piecesBefore = pieces.size();
-    encoder.setParameters(Parameters{}, 48000);
-    drainMainLoop();
-    auto const next = std::find_if(pieces.begin() + piecesBefore, pieces.end(), startsStream);
-    ASSERT_NE(next, pieces.end());
-    EXPECT_EQ(seenBySecond.size(), pieces.size());
-    pieces.erase(next, pieces.end());
-    tBytes const stream = joined();
+    e.encoder.setParameters(Parameters{}, 48000);
+    Testing::runPendingMainLoopJobs();
+    ASSERT_NE(std::find_if(e.pieces.begin() + long(piecesBefore), e.pieces.end(), startsStream),
+              e.pieces.end());
+    EXPECT_EQ(seenBySecond.size(), e.pieces.size());
+    tBytes const stream = e.stream();
     EXPECT_EQ(decode(stream), expected);
     EXPECT_FALSE(offMainThread);
 
@@ -183,76 +193,49 @@ TEST(FlacEncoderTest, StreamDecodesToTheDeliveredSamplesAndReachesSubscribersInO
 
 TEST(FlacEncoderTest, StoppedEncoderOnlyClearsItsQueue)
 {
-    ModuleHarness harness(std::make_shared<FlacEncoder>("enc"));
-    auto& encoder = static_cast<FlacEncoder&>(harness.module());
-    encoder.setParameters(Parameters{}, 48000);
-    std::vector<tBytes> pieces;
-    Tools::Connection connection =
-        encoder.onFrameEncoded([&](FlacEncoder::tFrame frame) { pieces.push_back(*frame); });
-    drainMainLoop();
-    size_t const headerPieces = pieces.size();
+    Encoding e;
+    Testing::runPendingMainLoopJobs();
+    size_t const headerPieces = e.pieces.size();
     EXPECT_GT(headerPieces, 0u) << "the stream header is written when the encoder is set up";
     for (int i = 0; i < 10; ++i)
-        harness.process({noise(1280, 3), noise(1280, 4)});
-    drainMainLoop();
-    EXPECT_EQ(pieces.size(), headerPieces);
-    EXPECT_EQ(encoder.getDroppedPairs(), 0u);
+        e.harness.process({noise(1280, 3), noise(1280, 4)});
+    Testing::runPendingMainLoopJobs();
+    EXPECT_EQ(e.pieces.size(), headerPieces);
+    EXPECT_EQ(e.encoder.getDroppedPairs(), 0u);
 
     // Only what arrives while encoding is in the stream.
-    encoder.startEncoding();
-    harness.process({Testing::constant(1000, tSample(0.25)), Testing::constant(1000, tSample(-0.25))});
-    encoder.stopEncoding();
-    harness.process({noise(1280, 5), noise(1280, 6)});
-    encoder.setParameters(Parameters{}, 48000);
-    drainMainLoop();
-    auto const next = std::find_if(pieces.begin() + 1, pieces.end(), startsStream);
-    tBytes stream;
-    for (auto it = pieces.begin(); it != next; ++it)
-        stream.insert(stream.end(), it->begin(), it->end());
-    std::vector<int32_t> expected;
-    for (int i = 0; i < 1000; ++i) {
-        expected.push_back(0x200000);
-        expected.push_back(-0x200000);
-    }
-    EXPECT_EQ(decode(stream), expected);
+    e.encoder.startEncoding();
+    e.processConstant(1000, 0.25, -0.25);
+    e.encoder.stopEncoding();
+    e.harness.process({noise(1280, 5), noise(1280, 6)});
+    e.encoder.setParameters(Parameters{}, 48000);
+    Testing::runPendingMainLoopJobs();
+    EXPECT_EQ(decode(e.stream()), c_quarterPairs);
 }
 
 TEST(FlacEncoderTest, FinishedStreamHoldsEverythingAndTheNextStartBeginsAnother)
 {
-    ModuleHarness harness(std::make_shared<FlacEncoder>("enc"));
-    auto& encoder = static_cast<FlacEncoder&>(harness.module());
-    encoder.setParameters(Parameters{}, 48000);
-    std::vector<tBytes> pieces;
-    Tools::Connection connection =
-        encoder.onFrameEncoded([&](FlacEncoder::tFrame frame) { pieces.push_back(*frame); });
-    EXPECT_TRUE(encoder.hasUnpublishedFrames()) << "the header waits for the main loop";
+    Encoding e;
+    EXPECT_TRUE(e.encoder.hasUnpublishedFrames()) << "the header waits for the main loop";
 
     // Less than one block: libFLAC would keep all of it back until the stream ends.
-    encoder.startEncoding();
-    harness.process({Testing::constant(1000, tSample(0.25)), Testing::constant(1000, tSample(-0.25))});
-    EXPECT_EQ(encoder.getNumQueuedPairs(), 1000u) << "below the wake-up threshold";
-    encoder.finishStream();
-    EXPECT_FALSE(encoder.isEncoding());
-    EXPECT_TRUE(encoder.hasUnpublishedFrames());
-    drainMainLoop();
-    EXPECT_FALSE(encoder.hasUnpublishedFrames());
-    tBytes stream;
-    for (auto const& piece : pieces)
-        stream.insert(stream.end(), piece.begin(), piece.end());
-    std::vector<int32_t> expected;
-    for (int i = 0; i < 1000; ++i) {
-        expected.push_back(0x200000);
-        expected.push_back(-0x200000);
-    }
-    EXPECT_EQ(decode(stream), expected);
+    e.encoder.startEncoding();
+    e.processConstant(1000, 0.25, -0.25);
+    EXPECT_EQ(e.encoder.getNumQueuedPairs(), 1000u) << "below the wake-up threshold";
+    e.encoder.finishStream();
+    EXPECT_FALSE(e.encoder.isEncoding());
+    EXPECT_TRUE(e.encoder.hasUnpublishedFrames());
+    Testing::runPendingMainLoopJobs();
+    EXPECT_FALSE(e.encoder.hasUnpublishedFrames());
+    EXPECT_EQ(decode(e.stream()), c_quarterPairs);
 
-    size_t const before = pieces.size();
-    encoder.startEncoding();
-    EXPECT_TRUE(encoder.isEncoding());
-    drainMainLoop();
-    ASSERT_GT(pieces.size(), before);
-    EXPECT_TRUE(startsStream(pieces[before]));
-    encoder.stopEncoding();
+    size_t const before = e.pieces.size();
+    e.encoder.startEncoding();
+    EXPECT_TRUE(e.encoder.isEncoding());
+    Testing::runPendingMainLoopJobs();
+    ASSERT_GT(e.pieces.size(), before);
+    EXPECT_TRUE(startsStream(e.pieces[before]));
+    e.encoder.stopEncoding();
 }
 
 // Audio thread, encoder thread and main loop all at once; meant to be run under ThreadSanitizer too.
@@ -260,39 +243,25 @@ TEST(FlacEncoderTest, AudioEncoderAndMainLoopThreadsRunTogether)
 {
     unsigned int const frames = 2 * 48000;
     std::vector<tSample> const left = noise(frames, 7), right = noise(frames, 8);
-    ModuleHarness harness(std::make_shared<FlacEncoder>("enc", 1u << 18));
-    auto& encoder = static_cast<FlacEncoder&>(harness.module());
-    encoder.setParameters(Parameters{}, 48000);
-    tBytes stream;
-    bool nextStream = false;
-    Tools::Connection connection = encoder.onFrameEncoded([&](FlacEncoder::tFrame frame) {
-        nextStream |= !stream.empty() && startsStream(*frame);
-        if (!nextStream)
-            stream.insert(stream.end(), frame->begin(), frame->end());
-    });
-    encoder.startEncoding();
+    Encoding e(std::make_shared<FlacEncoder>("enc", 1u << 18));
+    e.encoder.startEncoding();
     std::atomic<bool> audioDone{false};
     std::thread audio([&] {
         for (unsigned int start = 0; start < frames; start += 1280) {
             unsigned int const end = std::min(frames, start + 1280);
-            harness.process({std::vector<tSample>(left.begin() + start, left.begin() + end),
-                             std::vector<tSample>(right.begin() + start, right.begin() + end)});
+            e.harness.process({std::vector<tSample>(left.begin() + start, left.begin() + end),
+                               std::vector<tSample>(right.begin() + start, right.begin() + end)});
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         audioDone = true;
     });
     EXPECT_TRUE(Testing::runMainLoopUntil([&] { return audioDone.load(); }, std::chrono::seconds(20)));
     audio.join();
-    encoder.stopEncoding();
-    encoder.setParameters(Parameters{}, 48000);
-    drainMainLoop();
-    std::vector<int32_t> expected;
-    for (unsigned int i = 0; i < frames; ++i) {
-        expected.push_back(FlacEncoder::toFlacSample(left[i]));
-        expected.push_back(FlacEncoder::toFlacSample(right[i]));
-    }
-    EXPECT_EQ(encoder.getDroppedPairs(), 0u);
-    EXPECT_EQ(decode(stream), expected);
+    e.encoder.stopEncoding();
+    e.encoder.setParameters(Parameters{}, 48000);
+    Testing::runPendingMainLoopJobs();
+    EXPECT_EQ(e.encoder.getDroppedPairs(), 0u);
+    EXPECT_EQ(decode(e.stream()), expectedPairs(left, right));
 }
 
 namespace {
@@ -348,12 +317,9 @@ TEST(FlacEncoderTest, OverrunIsCountedAndReportedOnTheMainLoop)
 TEST(FlacEncoderTest, RejectsASampleRateLibFlacCannotEncode)
 {
     FlacEncoder encoder("enc");
-    try {
-        encoder.setParameters(Parameters{}, 2000000);
-        FAIL();
-    } catch (IllegalArgumentException const& e) {
-        EXPECT_EQ(e.getMessage(), "FlacEncoder enc: cannot encode at 2000000 Hz (libFLAC init status 6)");
-    }
+    EXPECT_EQ(Testing::thrownMessage<IllegalArgumentException>(
+                  [&] { encoder.setParameters(Parameters{}, 2000000); }),
+              "FlacEncoder enc: cannot encode at 2000000 Hz (libFLAC init status 6)");
     encoder.startEncoding();
     EXPECT_FALSE(encoder.isEncoding());
 }

@@ -59,15 +59,15 @@ TEST(FormatConversionTest, SixteenBitRoundsHalfUpAndClipsToFullScale)
 TEST(FormatConversionTest, ThirtyTwoBitNeitherRoundsNorReachesAllOnes)
 {
     EXPECT_EQ(toS32({0x07FFFFFF, c_one, 0x7FFFFFFF, -c_one, -c_one - 1, INT32_MIN, 1, -1}),
-              (std::vector<uint32_t>{0x7FFFFFF0, 0x7FFFFFF0, 0x7FFFFFF0, 0x80000000, 0x80000000, 0x80000000, 0x10,
-                                     0xFFFFFFF0}));
+              (std::vector<uint32_t>{0x7FFFFFF0, 0x7FFFFFF0, 0x7FFFFFF0, 0x80000000, 0x80000000, 0x80000000,
+                                     0x10, 0xFFFFFFF0}));
 }
 
 TEST(FormatConversionTest, TwentyFourBitPacksThreeBytesAfterRounding)
 {
     EXPECT_EQ(to(SND_PCM_FORMAT_S24_3LE, {c_one, -c_one, c_one / 2, 8, 7, -c_one - 9}, 3),
-              (std::vector<guint8>{0xFF, 0xFF, 0x7F, 0x00, 0x00, 0x80, 0x00, 0x00, 0x40, 0x01, 0x00, 0x00, 0x00,
-                                   0x00, 0x00, 0x00, 0x00, 0x80}));
+              (std::vector<guint8>{0xFF, 0xFF, 0x7F, 0x00, 0x00, 0x80, 0x00, 0x00, 0x40, 0x01, 0x00, 0x00,
+                                   0x00, 0x00, 0x00, 0x00, 0x00, 0x80}));
 }
 
 TEST(FormatConversionTest, InputSignExtendsAndNeverSaturates)

@@ -2,6 +2,7 @@
 
 #include "base/Tracer.h"
 #include "support/FileTail.h"
+#include "support/LogCapture.h"
 #include "support/MainLoop.h"
 #include "support/ModelClock.h"
 
@@ -29,7 +30,6 @@ protected:
         fs::remove_all(m_root);
         fs::create_directories(m_root);
         HardwareDriftCompensator::setDeviceRoot(m_root.string());
-        m_sink = Tools::Tracer::get().addSink([this](Tools::LogBufferEntry const& e) { m_log.push_back(e); });
     }
 
     void TearDown() override
@@ -62,8 +62,7 @@ protected:
     }
 
     fs::path m_root;
-    std::vector<Tools::LogBufferEntry> m_log;
-    Tools::Connection m_sink;
+    Testing::LogCapture m_log;
 };
 
 } // namespace
@@ -96,9 +95,8 @@ TEST_F(HardwareDriftCompensatorTest, WritesSixBytesToTheIioFileWhenThereIsNoLega
 {
     std::string const path = makeDevice(HardwareDriftCompensator::s_devicePath);
     HardwareDriftCompensator compensator;
-    ASSERT_EQ(m_log.size(), 1u);
-    EXPECT_EQ(m_log[0].level, 3);
-    EXPECT_EQ(m_log[0].message, "HardwareDriftCompensator: HW clock control initialized");
+    EXPECT_EQ(m_log.leveled(),
+              std::vector<std::string>{"3 HardwareDriftCompensator: HW clock control initialized"});
     EXPECT_FALSE(compensator.writeClock()) << "not started";
     compensator.start();
     EXPECT_TRUE(compensator.writeClock());
@@ -117,25 +115,22 @@ TEST_F(HardwareDriftCompensatorTest, ShortWriteNamesTheIioPathAndIsNotRetried)
     compensator.setFrameDelta(1);
     EXPECT_TRUE(compensator.writeClock());
     EXPECT_TRUE(compensator.writeClock());
-    ASSERT_EQ(m_log.size(), 1u);
-    EXPECT_EQ(m_log[0].level, 4);
-    EXPECT_EQ(m_log[0].message, "HardwareDriftCompensator: Can't write to " + m_root.string() +
-                                    HardwareDriftCompensator::s_devicePath);
+    EXPECT_EQ(m_log.leveled(),
+              std::vector<std::string>{"4 HardwareDriftCompensator: Can't write to " + m_root.string() +
+                                       HardwareDriftCompensator::s_devicePath});
 }
 
 TEST_F(HardwareDriftCompensatorTest, WithoutDeviceStaysInertAndStopLogsTheSharedLine)
 {
     HardwareDriftCompensator compensator;
-    ASSERT_EQ(m_log.size(), 1u);
-    EXPECT_EQ(m_log[0].level, 6);
-    EXPECT_EQ(m_log[0].message, "HardwareDriftCompensator: unable to open hardware clock device");
+    EXPECT_EQ(m_log.leveled(),
+              std::vector<std::string>{"6 HardwareDriftCompensator: unable to open hardware clock device"});
     compensator.start();
     EXPECT_FALSE(compensator.writeClock());
     compensator.stop();
-    ASSERT_EQ(m_log.size(), 3u);
-    EXPECT_EQ(m_log[1].message, "HardwareDriftCompensator::start");
-    EXPECT_EQ(m_log[2].level, 3);
-    EXPECT_EQ(m_log[2].message, "AlsaDriftCompensator::stop");
+    ASSERT_EQ(m_log.leveled().size(), 3u);
+    EXPECT_EQ(m_log.messages()[1], "HardwareDriftCompensator::start");
+    EXPECT_EQ(m_log.leveled()[2], "3 AlsaDriftCompensator::stop");
 }
 
 TEST_F(HardwareDriftCompensatorTest, TimerOnTheMainLoopWritesEveryTickUntilStopped)

@@ -1,6 +1,7 @@
 #include "base/HardwaredClient.h"
 #include "base/Tracer.h"
 #include "tests/support/FakeHardwared.h"
+#include "tests/support/LogCapture.h"
 #include "tests/support/MainLoop.h"
 
 #include <algorithm>
@@ -11,13 +12,7 @@
 using namespace Zelmar;
 using Testing::runMainLoopUntil;
 
-namespace {
-
-class HardwaredClientTest : public Testing::HardwaredBusTest
-{
-};
-
-} // namespace
+using HardwaredClientTest = Testing::HardwaredBusTest;
 
 TEST_F(HardwaredClientTest, FollowsTheDaemonAsItComesAndGoes)
 {
@@ -39,11 +34,7 @@ TEST_F(HardwaredClientTest, RunsExactlyOneHandlerPerCallAndLogsErrorsAtLevelFour
     int successes = 0;
     auto const onSuccess = [&] { ++successes; };
     auto const onError = [&](Tools::String const& message) { errors.push_back(message); };
-    std::vector<Tools::String> logged;
-    auto const sink = Tools::Tracer::get().addSink([&](Tools::LogBufferEntry const& e) {
-        if (e.level == Tools::Tracer::Error && e.message.str().find("amplifier busy") != std::string::npos)
-            logged.push_back(e.message);
-    });
+    Testing::LogCapture log;
 
     // Refused at once, before any main-loop iteration.
     HardwaredClient::get().setHiddenVolumeDelta(2.0, onSuccess, onError);
@@ -60,9 +51,11 @@ TEST_F(HardwaredClientTest, RunsExactlyOneHandlerPerCallAndLogsErrorsAtLevelFour
     HardwaredClient::get().setHiddenVolumeDelta(1.0, onSuccess, onError);
     HardwaredClient::get().setHiddenVolumeDelta(1.5, onSuccess,
                                                 HardwaredClient::getErrorLogger("setting delta"));
-    ASSERT_TRUE(runMainLoopUntil([&] { return errors.size() == 3 && logged.size() == 1; }));
+    ASSERT_TRUE(runMainLoopUntil([&] {
+        return errors.size() == 3 && log.containsStart("setting delta failed: ", Tools::Tracer::Error);
+    }));
     EXPECT_NE(errors[2].str().find("amplifier busy"), std::string::npos) << errors[2];
-    EXPECT_EQ(logged[0].str().rfind("setting delta failed: ", 0), 0u) << logged[0];
+    EXPECT_EQ(log.countStarting("setting delta failed: ", Tools::Tracer::Error), 1u);
     EXPECT_EQ(successes, 1);
     EXPECT_EQ(m_daemon.getReceivedDeltas(), (std::vector<double>{4.5, 1.0, 1.5}));
 }
@@ -92,17 +85,14 @@ TEST_F(HardwaredClientTest, TracksTheVolumeProperty)
 
 TEST_F(HardwaredClientTest, WithoutABusStaysDisconnectedAndRefusesCalls)
 {
-    bool noBusReported = false;
-    auto const sink = Tools::Tracer::get().addSink([&](Tools::LogBufferEntry const& e) {
-        noBusReported |= e.message.str().rfind("HardwaredClient: no system bus:", 0) == 0;
-    });
+    Testing::LogCapture log;
     m_daemon.ownName();
     Testing::ScopedBusAddress noBus("DBUS_SYSTEM_BUS_ADDRESS", Testing::c_noBusAddress);
     HardwaredClient::reset();
     std::vector<bool> states;
     auto const subscription =
         HardwaredClient::get().onConnectionStateChanged([&](bool c) { states.push_back(c); });
-    ASSERT_TRUE(runMainLoopUntil([&] { return noBusReported; }));
+    ASSERT_TRUE(runMainLoopUntil([&] { return log.containsStart("HardwaredClient: no system bus:"); }));
 
     Tools::String error;
     HardwaredClient::get().setHiddenVolumeDelta(

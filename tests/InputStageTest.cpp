@@ -30,23 +30,20 @@ public:
 TEST(InputStageTest, PeriodLengthTravelsAsTheBufferFrameCount)
 {
     CapturingStage host;
-    auto& stage = host.stage;
-    auto& capture = host.capture;
-    capture.getChannel(0).setPeriod({tSample(0.5), tSample(0.25), tSample(-1.0)});
-    capture.getChannel(1).setPeriod({tSample(0.125), tSample(0.0), tSample(1.0)});
-    stage.process();
-    EXPECT_EQ(stage.getOutPortBuffer(0)->getNumSampleFrames(), 3u);
-    EXPECT_EQ(stage.getOutPortBuffer(0)->getRawData()[2], tSample(-1.0));
-    EXPECT_EQ(stage.getOutPortBuffer(1)->getRawData()[2], tSample(1.0));
-    EXPECT_EQ(stage.getOutPortBuffer(1)->getNumSampleFramesCapacity(), 1280u);
+    host.capture.getChannel(0).setPeriod({tSample(0.5), tSample(0.25), tSample(-1.0)});
+    host.capture.getChannel(1).setPeriod({tSample(0.125), tSample(0.0), tSample(1.0)});
+    host.stage.process();
+    EXPECT_EQ(host.stage.getOutPortBuffer(0)->getNumSampleFrames(), 3u);
+    EXPECT_EQ(host.stage.getOutPortBuffer(0)->getRawData()[2], tSample(-1.0));
+    EXPECT_EQ(host.stage.getOutPortBuffer(1)->getRawData()[2], tSample(1.0));
+    EXPECT_EQ(host.stage.getOutPortBuffer(1)->getNumSampleFramesCapacity(), 1280u);
 }
 
 TEST(InputStageDeathTest, ChannelsOfDifferentLengthsAssert)
 {
     CapturingStage host;
-    auto& stage = host.stage;
-    auto& capture = host.capture;
-    capture.getChannel(0).setPeriod(std::vector<tSample>(4));
-    capture.getChannel(1).setPeriod(std::vector<tSample>(5));
-    EXPECT_DEATH(stage.process(), "leftOut->getNumSampleFrames\\(\\) == rightOut->getNumSampleFrames\\(\\)");
+    host.capture.getChannel(0).setPeriod(std::vector<tSample>(4));
+    host.capture.getChannel(1).setPeriod(std::vector<tSample>(5));
+    EXPECT_DEATH(host.stage.process(),
+                 "leftOut->getNumSampleFrames\\(\\) == rightOut->getNumSampleFrames\\(\\)");
 }

@@ -1,5 +1,7 @@
 #include "dsp/LinearInterpolator.h"
 
+#include "support/Thrown.h"
+
 #include <gtest/gtest.h>
 #include <stdexcept>
 #include <string>
@@ -17,13 +19,7 @@ double at(LinearInterpolator const& curve, double key)
 
 template <class Exception> std::string thrownBy(char const* text)
 {
-    LinearInterpolator curve;
-    try {
-        curve.load(text);
-    } catch (Exception const& e) {
-        return e.what();
-    }
-    return "nothing thrown";
+    return Testing::thrownMessage<Exception>([&] { LinearInterpolator().load(text); });
 }
 
 } // namespace
@@ -62,12 +58,8 @@ TEST(LinearInterpolatorTest, ParsesPiecesThroughSinglePrecisionAndIgnoresPiecesW
     // Loading replaces, so a curve of pieces without "=" is empty.
     curve.load("-60;9");
     EXPECT_TRUE(curve.getBreakpoints().empty());
-    try {
-        curve.getInterpolated(tKey(0.0));
-        ADD_FAILURE() << "an empty curve interpolated";
-    } catch (std::invalid_argument const& e) {
-        EXPECT_STREQ(e.what(), "linear interpolator is not set up properly");
-    }
+    EXPECT_EQ(Testing::thrownMessage<std::invalid_argument>([&] { curve.getInterpolated(tKey(0.0)); }),
+              "linear interpolator is not set up properly");
 }
 
 TEST(LinearInterpolatorTest, BadNumbersThrowAsStodDoes)

@@ -1,5 +1,6 @@
-#include "base/Expiration.h"
 #include "base/MainLoopCallback.h"
+#include "base/Expiration.h"
+#include "support/MainLoop.h"
 
 #include <atomic>
 #include <gtest/gtest.h>
@@ -68,8 +69,7 @@ TEST(ExpirationTest, FiresOnceAfterItsTimeoutAndCanBeReArmed)
     timer.refresh(0, 0, 500);
     timer.cancel();
     g_usleep(2000);
-    while (g_main_context_iteration(nullptr, false)) {
-    }
+    Zelmar::Testing::runPendingMainLoopJobs();
     EXPECT_EQ(fired, 1) << "a cancelled timer does not fire";
     timer.refresh();
     EXPECT_TRUE(iterateUntil([&] { return fired == 11; }));

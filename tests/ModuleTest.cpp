@@ -3,6 +3,8 @@
 #include "dsp/Chain.h"
 #include "dsp/IllegalArgumentException.h"
 #include "dsp/ParsingException.h"
+#include "support/MainLoop.h"
+#include "support/Thrown.h"
 
 #include <atomic>
 #include <gtest/gtest.h>
@@ -16,7 +18,10 @@ namespace {
 class PortsModule : public Module
 {
 public:
-    PortsModule(Tools::String const& id, unsigned int ins, unsigned int outs) : Module(id), m_numIns(ins), m_numOuts(outs) {}
+    PortsModule(Tools::String const& id, unsigned int ins, unsigned int outs)
+        : Module(id), m_numIns(ins), m_numOuts(outs)
+    {
+    }
     unsigned int getNumOutPorts() const override { return m_numOuts; }
     unsigned int getNumInPorts() const override { return m_numIns; }
     void process() override {}
@@ -36,12 +41,6 @@ struct CountedSet : Module::ParameterSet
 };
 std::atomic<int> CountedSet::s_alive{0};
 
-void runMainLoopBriefly()
-{
-    while (g_main_context_iteration(nullptr, false)) {
-    }
-}
-
 } // namespace
 
 TEST(ModuleTest, UntakenParameterSetsAreDiscardedAndReplacedOnesFreedOnTheMainLoop)
@@ -54,13 +53,13 @@ TEST(ModuleTest, UntakenParameterSetsAreDiscardedAndReplacedOnesFreedOnTheMainLo
         EXPECT_EQ(CountedSet::s_alive, 1) << "the set nobody took is deleted unseen";
         EXPECT_EQ(static_cast<CountedSet*>(module.getCurrentParameterSet())->value, 2);
         EXPECT_EQ(static_cast<CountedSet*>(module.getCurrentParameterSet())->value, 2);
-        runMainLoopBriefly();
+        Testing::runPendingMainLoopJobs();
         EXPECT_EQ(CountedSet::s_alive, 1);
 
         module.setFutureParameterSet(new CountedSet(3));
         EXPECT_EQ(static_cast<CountedSet*>(module.getCurrentParameterSet())->value, 3);
         EXPECT_EQ(CountedSet::s_alive, 2) << "the audio thread never frees";
-        runMainLoopBriefly();
+        Testing::runPendingMainLoopJobs();
         EXPECT_EQ(CountedSet::s_alive, 1);
         module.setFutureParameterSet(new CountedSet(4));
     }
@@ -83,10 +82,10 @@ TEST(ModuleTest, HandOffBetweenTwoThreadsLosesNothingAndGoesForward)
             ASSERT_GE(current->value, last);
             last = current->value;
         }
-        runMainLoopBriefly();
+        Testing::runPendingMainLoopJobs();
     }
     control.join();
-    runMainLoopBriefly();
+    Testing::runPendingMainLoopJobs();
     EXPECT_EQ(CountedSet::s_alive, 1) << "only the current set remains";
 }
 
@@ -98,18 +97,10 @@ TEST(ModuleTest, PortsFlagsAndMessages)
     module.preSetup(chain, 1280);
     source->preSetup(chain, 1280);
     EXPECT_EQ(module.getDotSafeID(), "a_b_c");
-    try {
-        module.setInPortBuffer(2, source, 0);
-        FAIL();
-    } catch (IllegalArgumentException const& e) {
-        EXPECT_EQ(e.getMessage(), "inport 2 of module a.b-c does not exist");
-    }
-    try {
-        module.getInPort(1);
-        FAIL();
-    } catch (ParsingException const& e) {
-        EXPECT_EQ(e.getMessage(), "Input port 1 of module a.b-c is not connected!\n");
-    }
+    EXPECT_EQ(Testing::thrownMessage<IllegalArgumentException>([&] { module.setInPortBuffer(2, source, 0); }),
+              "inport 2 of module a.b-c does not exist");
+    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { module.getInPort(1); }),
+              "Input port 1 of module a.b-c is not connected!\n");
     module.setCompileFlag(7);
     EXPECT_TRUE(module.getCompileFlag(7));
     EXPECT_THROW(module.setCompileFlag(8), std::out_of_range);

@@ -66,8 +66,6 @@ protected:
         ToolTest::SetUp();
         g_setenv("ORVANDELDSP_SOUNDS_DIR", GENERATED_SOUNDS_DIR, TRUE);
     }
-
-    bool exists(std::string const& name) const { return g_file_test(path(name).c_str(), G_FILE_TEST_EXISTS); }
 };
 
 TEST_F(OrvandeldspRunOptionsTest, EncodeWritesTheWholeStreamBitExact)
@@ -106,19 +104,13 @@ TEST_F(OrvandeldspRunOptionsTest, EncodeFailuresEndTheRunWithOneLineAndNoFiles)
 
     auto result = runTool({"run", "-c", PROJECT_SOURCE_DIR "/tests/data/passthrough.xml", "--encode",
                            path("out.flac"), path("in.wav"), path("out.wav")});
-    EXPECT_EQ(result.status, 2);
-    EXPECT_NE(result.err.find("--encode needs exactly one module of type \"flac-encoder\", the config has 0"),
-              std::string::npos)
-        << result.err;
+    expectFailure(result, 2, "--encode needs exactly one module of type \"flac-encoder\", the config has 0");
     EXPECT_EQ(errorLines(result.err), 1u) << result.err;
 
     // Half scale boosted by 6 dB reaches 1.0, which a 24-bit FLAC cannot hold: libFLAC refuses it.
     result = runTool({"run", "-c", writeConfig("loud.xml", encoderConfig("6")), "--encode", path("out.flac"),
                       path("in.wav"), path("out.wav")});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.err.find("cannot encode " + path("out.flac") + ": FlacEncoder error: 5"),
-              std::string::npos)
-        << result.err;
+    expectFailure(result, 1, "cannot encode " + path("out.flac") + ": FlacEncoder error: 5");
     EXPECT_EQ(errorLines(result.err), 1u) << result.err;
     EXPECT_FALSE(exists("out.flac"));
     EXPECT_FALSE(exists("out.wav"));
@@ -171,30 +163,26 @@ TEST_F(OrvandeldspRunOptionsTest, BadSoundCuesAreRejectedWithOneLine)
     {
         std::string config;
         std::string cue;
-        int status;
         std::string message;
     } const cases[] = {
-        {sounds, "10@0.01", 2, "--sound 10@0.01: the system sounds are numbered 0 to 9, not 10"},
-        {sounds, "3@-1", 2, "--sound 3@-1: the time is seconds from 0 on, not -1"},
-        {sounds, "3@soon", 2, "the time is seconds from 0 on, not soon"},
-        {sounds, "3", 2, "--sound 3: give SOUND@SECONDS"},
-        {sounds, "3@0.1", 2, "--sound 3@0.1: the input ends at 0.100 s"},
-        {PROJECT_SOURCE_DIR "/tests/data/passthrough.xml", "3@0.01", 2,
+        {sounds, "10@0.01", "--sound 10@0.01: the system sounds are numbered 0 to 9, not 10"},
+        {sounds, "3@-1", "--sound 3@-1: the time is seconds from 0 on, not -1"},
+        {sounds, "3@soon", "the time is seconds from 0 on, not soon"},
+        {sounds, "3", "--sound 3: give SOUND@SECONDS"},
+        {sounds, "3@0.1", "--sound 3@0.1: the input ends at 0.100 s"},
+        {PROJECT_SOURCE_DIR "/tests/data/passthrough.xml", "3@0.01",
          "--sound needs a module of type \"sounds\" with the id \"system-sounds\""},
     };
     for (auto const& c : cases) {
         auto const result =
             runTool({"run", "-c", c.config, "--sound", c.cue, path("in.wav"), path("out.wav")});
-        EXPECT_EQ(result.status, c.status) << c.cue;
-        EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
+        expectFailure(result, 2, c.message);
         EXPECT_EQ(errorLines(result.err), 1u) << result.err;
     }
 
     g_setenv("ORVANDELDSP_SOUNDS_DIR", m_dir.c_str(), TRUE);
     auto const result = runTool({"run", "-c", sounds, "--sound", "3@0", path("in.wav"), path("out.wav")});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.err.find("cannot read system sound 3 (" + path("ok.flac") + ")"), std::string::npos)
-        << result.err;
+    expectFailure(result, 1, "cannot read system sound 3 (" + path("ok.flac") + ")");
     EXPECT_FALSE(exists("out.wav"));
 }
 

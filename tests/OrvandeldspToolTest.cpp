@@ -15,14 +15,10 @@ using namespace Zelmar::Testing;
 // Interleaved stereo, the same tone on both channels, left-justified 24-bit words.
 std::vector<int32_t> stereoSine(double frequency, double level, int rate, size_t frames)
 {
-    std::vector<int32_t> samples;
-    for (size_t f = 0; f < frames; ++f) {
-        double const v = level * std::sin(2.0 * M_PI * frequency * double(f) / rate);
-        int32_t const word = int32_t(std::lround(v * 8388607.0)) * 256;
-        samples.push_back(word);
-        samples.push_back(word);
-    }
-    return samples;
+    return stereoWords(frames, [&](size_t f) {
+        return int32_t(std::lround(level * std::sin(2.0 * M_PI * frequency * double(f) / rate) * 8388607.0)) *
+               256;
+    });
 }
 
 int64_t largestStep(std::vector<int32_t> const& interleaved, int channels)
@@ -72,9 +68,7 @@ std::vector<int32_t> testWords(size_t frames)
     return words;
 }
 
-class OrvandeldspToolTest : public ToolTest
-{
-};
+using OrvandeldspToolTest = ToolTest;
 
 std::string const c_defaultConfig = PROJECT_SOURCE_DIR "/configs/default.xml";
 // Bit-exact expectations need a chain that only moves samples; the bundled default filters them.
@@ -229,20 +223,16 @@ TEST_F(OrvandeldspToolTest, ConfigFaultsAreOneLineWithStatusTwoAndNoOutput)
     writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, {0, 0});
     for (auto const& c : cases) {
         std::string const expected = "orvandeldsp: config " + c.config + ": ";
-        g_file_set_contents(path("out.wav").c_str(), "keep", -1, nullptr);
+        m_scratch.write("out.wav", "keep");
         for (auto const& args :
              {std::vector<std::string>{"check", "--config", c.config},
               std::vector<std::string>{"run", "--config", c.config, path("in.wav"), path("out.wav")}}) {
             auto const result = runTool(args);
-            EXPECT_EQ(result.status, 2) << args[0] << " " << c.config << ": " << result.err;
-            EXPECT_EQ(result.err.rfind(expected, 0), 0u) << result.err;
+            expectFailure(result, 2, expected, true);
             EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
-            EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
+            EXPECT_TRUE(isOneLine(result.err)) << result.err;
         }
-        gchar* kept = nullptr;
-        g_file_get_contents(path("out.wav").c_str(), &kept, nullptr, nullptr);
-        EXPECT_STREQ(kept, "keep") << c.config;
-        g_free(kept);
+        EXPECT_EQ(m_scratch.read("out.wav"), "keep") << c.config;
     }
 }
 
@@ -265,7 +255,7 @@ TEST_F(OrvandeldspToolTest, RunNeedsExactlyOneInputAndOneOutputStage)
         auto const result = runTool({"run", "-c", config, path("in.wav"), path("out.wav")});
         EXPECT_EQ(result.status, 2);
         EXPECT_EQ(result.err, "orvandeldsp: config " + config + ": the tool needs " + message + "\n");
-        EXPECT_FALSE(g_file_test(path("out.wav").c_str(), G_FILE_TEST_EXISTS));
+        EXPECT_FALSE(exists("out.wav"));
     }
 }
 
@@ -283,21 +273,16 @@ TEST_F(OrvandeldspToolTest, UsageAndIoErrors)
              {"run", "--loud", path("in.wav"), path("o.wav")},
              {"graph"},
              {"graph", "--format", "gif", "-o", path("g.gif")}}) {
-        auto const result = runTool(args);
-        EXPECT_EQ(result.status, 2) << (args.empty() ? "" : args[0]);
-        EXPECT_NE(result.err.find("usage: orvandeldsp"), std::string::npos) << result.err;
+        expectFailure(runTool(args), 2, "usage: orvandeldsp");
     }
-    EXPECT_FALSE(g_file_test(path("o.wav").c_str(), G_FILE_TEST_EXISTS));
+    EXPECT_FALSE(exists("o.wav"));
 
-    auto result = runTool({"run", path("nothing.wav"), path("o.wav")});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err.rfind("orvandeldsp: cannot read input " + path("nothing.wav"), 0), 0u) << result.err;
-    result = runTool({"run", path("in.wav"), path("no-dir/o.wav")});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err.rfind("orvandeldsp: cannot write output " + path("no-dir/o.wav"), 0), 0u)
-        << result.err;
+    expectFailure(runTool({"run", path("nothing.wav"), path("o.wav")}), 1,
+                  "orvandeldsp: cannot read input " + path("nothing.wav"), true);
+    expectFailure(runTool({"run", path("in.wav"), path("no-dir/o.wav")}), 1,
+                  "orvandeldsp: cannot write output " + path("no-dir/o.wav"), true);
 
-    result = runTool({"--version"});
+    auto result = runTool({"--version"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out, "orvandeldsp 1.0.0\n");
     result = runTool({"--help"});
@@ -327,11 +312,9 @@ TEST_F(OrvandeldspToolTest, CheckListsTheBundledConfigsAndGraphDrawsThem)
 
     auto const graph = runTool({"graph", "-o", path("chain.svg")});
     ASSERT_EQ(graph.status, 0) << graph.err;
-    gchar* svg = nullptr;
-    ASSERT_TRUE(g_file_get_contents(path("chain.svg").c_str(), &svg, nullptr, nullptr));
-    EXPECT_NE(std::string(svg).find("<svg"), std::string::npos);
-    EXPECT_NE(std::string(svg).find("level"), std::string::npos);
-    g_free(svg);
+    std::string const svg = m_scratch.read("chain.svg");
+    EXPECT_NE(svg.find("<svg"), std::string::npos);
+    EXPECT_NE(svg.find("level"), std::string::npos);
 }
 
 TEST_F(OrvandeldspToolTest, RateConvertsThroughAResamplerAndRefusesWhatCannotFit)
@@ -361,10 +344,9 @@ TEST_F(OrvandeldspToolTest, RateConvertsThroughAResamplerAndRefusesWhatCannotFit
         full.push_back(path("in.wav"));
         full.push_back(path("refused.wav"));
         result = runTool(full);
-        EXPECT_EQ(result.status, 2);
-        EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
-        EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
-        EXPECT_FALSE(g_file_test(path("refused.wav").c_str(), G_FILE_TEST_EXISTS));
+        expectFailure(result, 2, message);
+        EXPECT_TRUE(isOneLine(result.err));
+        EXPECT_FALSE(exists("refused.wav"));
     }
 }
 
@@ -392,25 +374,19 @@ TEST_F(OrvandeldspToolTest, DriftIsCorrectedByInsertingOrDroppingInconspicuousFr
 
     auto const result =
         runTool({"run", "-c", c_passthroughConfig, "--drift", "100", path("in.wav"), path("o.wav")});
-    EXPECT_EQ(result.status, 2);
-    EXPECT_NE(result.err.find("--drift needs a module of type \"timestretcher\""), std::string::npos)
-        << result.err;
+    expectFailure(result, 2, "--drift needs a module of type \"timestretcher\"");
     EXPECT_EQ(runTool({"run", "--drift", "fast", path("in.wav"), path("o.wav")}).status, 2);
 }
 
 TEST_F(OrvandeldspToolTest, DetectPrintsTheDetectorsTransitionsAtAudioTimes)
 {
     // Silence past the start-up skip, a -20 dB tone from 3.1 s to 5 s, then silence.
-    std::vector<int32_t> input;
-    for (size_t f = 0; f < 20 * 48000; ++f) {
+    auto const input = stereoWords(20 * 48000, [](size_t f) {
         double const t = double(f) / 48000.0;
-        int32_t const word = t >= 3.1 && t < 5.0
-                                 ? int32_t(std::lround(0.1 * 32767.0 * std::sin(2.0 * M_PI * 1000.0 * t)))
-                                       << 16
-                                 : 0;
-        input.push_back(word);
-        input.push_back(word);
-    }
+        return t >= 3.1 && t < 5.0
+                   ? int32_t(std::lround(0.1 * 32767.0 * std::sin(2.0 * M_PI * 1000.0 * t))) << 16
+                   : 0;
+    });
     writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, input);
     std::string const lineIn = PROJECT_SOURCE_DIR "/configs/line-in.xml";
     auto result = runTool({"run", "-c", lineIn, "--detect", "--threshold-dir", m_dir, "--period", "1000",

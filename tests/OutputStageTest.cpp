@@ -1,6 +1,7 @@
 #include "dsp/OutputStage.h"
 
 #include "dsp/Chain.h"
+#include "support/MainLoop.h"
 #include "support/MemoryAlsaBuffers.h"
 
 #include <gtest/gtest.h>
@@ -48,7 +49,8 @@ protected:
     public:
         TwoOuts() : Module("src")
         {
-            m_outputs = {std::make_shared<AudioBuffer>(1280, 1280), std::make_shared<AudioBuffer>(1280, 1280)};
+            m_outputs = {std::make_shared<AudioBuffer>(1280, 1280),
+                         std::make_shared<AudioBuffer>(1280, 1280)};
         }
         unsigned int getNumOutPorts() const override { return 2; }
         unsigned int getNumInPorts() const override { return 0; }
@@ -114,8 +116,7 @@ TEST_F(OutputStageTest, PlayRequestsOpenAMutedOutputAndAnnounceChangesOnTheMainL
 {
     std::vector<bool> announced;
     auto connection = stage.connectHandlerForMuteChanges([&](bool muted) { announced.push_back(muted); });
-    while (g_main_context_iteration(nullptr, false)) {
-    }
+    Testing::runPendingMainLoopJobs();
     EXPECT_EQ(announced, std::vector<bool>{true}) << "the initial state";
     stage.initialMute();
     stage.incPlayRequests();
@@ -125,8 +126,7 @@ TEST_F(OutputStageTest, PlayRequestsOpenAMutedOutputAndAnnounceChangesOnTheMainL
     stage.decPlayRequests();
     stage.incPlayRequests();
     stage.decPlayRequests();
-    while (g_main_context_iteration(nullptr, false)) {
-    }
+    Testing::runPendingMainLoopJobs();
     EXPECT_EQ(announced, (std::vector<bool>{true, true})) << "computed when the job runs, not when scheduled";
     run(4800, 1280);
     EXPECT_TRUE(stage.isMuting());

@@ -1,10 +1,10 @@
 #include "dsp/BiQuadSection.h"
 #include "dsp/precalculated/PrecalculatedBiQuadKernels.h"
+#include "support/ModuleHarness.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <random>
 
 using namespace Zelmar;
 
@@ -22,16 +22,6 @@ PrecalculatedBiQuadEntry const* findEntry(char const* name)
 std::vector<int32_t> values(int32_t const (&v)[5])
 {
     return {v[0], v[1], v[2], v[3], v[4]};
-}
-
-std::vector<tSample> noise(unsigned int frames)
-{
-    std::mt19937 random(7);
-    std::uniform_int_distribution<int32_t> full(-0x08000000, 0x07ffffff);
-    std::vector<tSample> samples(frames);
-    for (auto& s : samples)
-        s = tSample(full(random));
-    return samples;
 }
 
 } // namespace
@@ -79,7 +69,7 @@ TEST(PrecalculatedBiQuadTest, LookupQuantisesToTenMicroUnits)
 // Over many frames that bit is amplified by the recursion, so a frame-wise check is the exact one.
 TEST(PrecalculatedBiQuadTest, KernelsRunTheGenericLoop)
 {
-    std::vector<tSample> const input = noise(512);
+    std::vector<tSample> const input = Testing::noise(512, 7);
     for (unsigned int i = 0; i < c_numPrecalculatedBiQuads; ++i) {
         PrecalculatedBiQuadEntry const& e = c_precalculatedBiQuads[i];
         BiQuadSection const generic{tSample(e.raw[0]), tSample(e.raw[1]), tSample(e.raw[2]),
@@ -101,7 +91,7 @@ TEST(PrecalculatedBiQuadTest, SharedB1A1KernelFormsOneProduct)
 {
     tSample const b0(int32_t(134682160)), b1(int32_t(-268000384)), b2(int32_t(133323728)),
         a2(int32_t(133788160));
-    std::vector<tSample> const input = noise(300);
+    std::vector<tSample> const input = Testing::noise(300, 7);
     std::vector<tSample> output(input.size());
     tSample z1, z2, r1, r2;
     peak_44100_f45_q2000_g10000(input.data(), output.data(), 150, z1, z2);

@@ -111,7 +111,7 @@ TEST(RomplerTest, MissingFileIsLoggedAndItsVoicesWaitSilently)
 {
     Testing::TemporarySoundsDirectory folder;
     Testing::LogCapture log;
-    std::string const path = folder.getPath() + "/missing.flac";
+    std::string const path = folder.path("missing.flac");
     RomplerData data(48000, "missing.flac");
     ASSERT_TRUE(log.waitForMessages(1));
     EXPECT_EQ(log.messages()[0], "RomplerData::load(): could not init file " + path +

@@ -3,15 +3,14 @@
 #include "base/Tracer.h"
 #include "dsp/Chain.h"
 #include "support/LogCapture.h"
+#include "support/ModuleHarness.h"
+#include "support/TemporaryDirectory.h"
 
-#include <glib/gstdio.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cmath>
-#include <fstream>
 #include <functional>
-#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -23,50 +22,22 @@ constexpr unsigned int c_rate = 48000;
 constexpr unsigned int c_block = 1200; // ten blocks are one 250 ms poll
 constexpr unsigned int c_blocksPerPoll = 10;
 
-class ThresholdDirectory
+// The detector names its file <directory><id>, so the directory is passed with its separator.
+class ThresholdDirectory : public Testing::TemporaryDirectory
 {
 public:
-    ThresholdDirectory()
-    {
-        gchar* path = g_dir_make_tmp("signal-detector-XXXXXX", nullptr);
-        m_path = std::string(path) + "/";
-        g_free(path);
-    }
-    ~ThresholdDirectory()
-    {
-        for (auto const& name : entries())
-            g_remove((m_path + name).c_str());
-        g_rmdir(m_path.c_str());
-    }
-    std::string const& path() const { return m_path; }
-    std::vector<std::string> entries() const
-    {
-        std::vector<std::string> names;
-        GDir* dir = g_dir_open(m_path.c_str(), 0, nullptr);
-        while (char const* name = g_dir_read_name(dir))
-            names.push_back(name);
-        g_dir_close(dir);
-        return names;
-    }
-    std::string read(std::string const& name) const
-    {
-        std::ifstream file(m_path + name);
-        std::stringstream text;
-        text << file.rdbuf();
-        return text.str();
-    }
-    void write(std::string const& name, std::string const& text) const
-    {
-        std::ofstream(m_path + name) << text;
-    }
-
-private:
-    std::string m_path;
+    std::string path() const { return TemporaryDirectory::path() + "/"; }
 };
 
 double sine(double levelDb, double frequency, uint64_t i)
 {
     return std::sqrt(2.0) * std::pow(10.0, levelDb / 20.0) * std::sin(2.0 * M_PI * frequency * i / c_rate);
+}
+
+// A 1 kHz tone at -20 dB RMS.
+std::vector<tSample> tone(unsigned int frames)
+{
+    return Testing::makeSine(std::sqrt(2.0) * 0.1, 1000.0, c_rate, frames);
 }
 
 // Every eighth sample alternates in sign: the high-pass passes it at unity gain, so each 10 ms level
@@ -131,9 +102,7 @@ TEST(SignalDetectorTest, IgnoresTheFirst100000FramesThenStartsSilent)
     ThresholdDirectory dir;
     for (bool loud : {true, false}) {
         auto detector = makeDetector(dir, -40.0);
-        std::vector<tSample> block(1000);
-        for (unsigned int i = 0; i < block.size(); ++i)
-            block[i] = tSample(loud ? sine(-20.0, 1000.0, i) : 0.0);
+        std::vector<tSample> const block = loud ? tone(1000) : std::vector<tSample>(1000);
         for (int i = 0; i < 100; ++i)
             detector->runDetector(block.data(), 1000);
         // Still the result the detector was made with: nothing was written.
@@ -322,12 +291,10 @@ TEST(SignalDetectorTest, ResultReasonAndValueTravelInOneWord)
 {
     ThresholdDirectory dir;
     auto detector = makeDetector(dir, -40.0);
-    std::vector<tSample> tone(c_block), quiet(c_block);
-    for (unsigned int i = 0; i < c_block; ++i)
-        tone[i] = tSample(sine(-20.0, 1000.0, i));
+    std::vector<tSample> const loud = tone(c_block), quiet(c_block);
     for (int i = 0; i < 84; ++i)
         detector->runDetector(quiet.data(), c_block);
-    detector->runDetector(tone.data(), c_block);
+    detector->runDetector(loud.data(), c_block);
     SignalDetector::DetectionInfo first;
     ASSERT_EQ(detector->consumeDetectionResult(first), SignalDetector::Active);
     EXPECT_EQ(first.reason, SignalDetector::RmsOverThreshold);
@@ -348,7 +315,7 @@ TEST(SignalDetectorTest, ResultReasonAndValueTravelInOneWord)
     std::atomic<unsigned int> blocks{0};
     std::thread audio([&] {
         while (!stop.load()) {
-            detector->runDetector(tone.data(), c_block);
+            detector->runDetector(loud.data(), c_block);
             ++blocks;
         }
     });
@@ -406,8 +373,8 @@ TEST(SignalDetectorTest, IsMadeByTheFactoryAndWatchesItsInput)
     chain.compile();
     auto& buffer = *in->getOutPortBuffer(0);
     buffer.setSize(c_block);
-    for (unsigned int i = 0; i < c_block; ++i)
-        buffer.getRawData()[i] = tSample(sine(-20.0, 1000.0, i));
+    auto const loud = tone(c_block);
+    std::copy(loud.begin(), loud.end(), buffer.getRawData());
     for (int i = 0; i < 85; ++i)
         detector->process();
     SignalDetector::DetectionInfo info;

@@ -21,4 +21,3 @@ TEST(SignalTest, SlotsLiveWhileTheirConnectionLivesAndRunFrontToBack)
     EXPECT_EQ(calls, (std::vector<int>{-2, 2, 200, -3, 3, 4}));
     EXPECT_EQ(signal.getNumConnections(), 1u);
 }
-

@@ -8,6 +8,7 @@
 #include "support/LogCapture.h"
 #include "support/MemoryAlsaBuffers.h"
 #include "support/SoundFiles.h"
+#include "support/Thrown.h"
 
 #include <FLAC/metadata.h>
 #include <algorithm>
@@ -16,56 +17,9 @@
 #include <thread>
 
 using namespace Zelmar;
+using Testing::SoundsRig;
 
 namespace {
-
-// input -> system-sounds -> output, fed with constant music, so the duck shows as the output level.
-class SoundsRig
-{
-public:
-    explicit SoundsRig(unsigned int sampleRate, tSample music = tSample(0.5))
-        : m_chain(sampleRate), m_capture(2), m_playback(2)
-    {
-        m_chain.addModule("input", "in");
-        m_sounds = std::dynamic_pointer_cast<Sounds>(m_chain.addModule("sounds", "system-sounds"));
-        m_sounds->setParameters(Parameters(), sampleRate);
-        m_output = std::dynamic_pointer_cast<OutputStage>(m_chain.addModule("output", "out"));
-        m_output->setParameters(Parameters{{"interleave-pattern", "01"}}, sampleRate);
-        m_chain.pullWire("system-sounds", "in");
-        m_chain.pullWire("out", "system-sounds");
-        m_chain.compile();
-        std::dynamic_pointer_cast<InputStage>(m_chain.findModule("in"))->setInput(&m_capture);
-        m_output->setOutput(&m_playback);
-        m_music = music;
-    }
-
-    // Processes `frames` frames in periods of `period` and appends the sounds module's left output.
-    void run(unsigned int frames, unsigned int period = 500)
-    {
-        for (unsigned int done = 0; done < frames; done += period) {
-            unsigned int const n = std::min(period, frames - done);
-            m_capture.getChannel(0).setPeriod(std::vector<tSample>(n, m_music));
-            m_capture.getChannel(1).setPeriod(std::vector<tSample>(n, m_music));
-            m_chain.process();
-            auto const& out = *m_sounds->getOutPortBuffer(0);
-            m_left.insert(m_left.end(), out.getRawData(), out.getRawData() + n);
-        }
-    }
-
-    RomplerData& load(SystemSound sound)
-    {
-        auto data = m_sounds->getRomplerDataForSoundType(sound);
-        EXPECT_TRUE(Testing::waitUntilLoaded(*data));
-        return *data;
-    }
-
-    Chain m_chain;
-    Testing::MemoryAlsaBuffers m_capture, m_playback;
-    std::shared_ptr<Sounds> m_sounds;
-    std::shared_ptr<OutputStage> m_output;
-    tSample m_music;
-    std::vector<tSample> m_left;
-};
 
 int32_t shifted(int16_t sample)
 {
@@ -231,14 +185,9 @@ TEST(SoundsTest, AdoptsTheOneOutputStageOnly)
             chain.addModule("output", "a")->setParameters(Parameters{{"interleave-pattern", "0"}}, 48000);
             chain.addModule("output", "b")->setParameters(Parameters{{"interleave-pattern", "0"}}, 48000);
         }
-        try {
-            chain.compile();
-        } catch (ParsingException const& e) {
-            return e.getMessage();
-        }
-        return Tools::String("set up");
+        return Testing::thrownMessage<ParsingException>([&] { chain.compile(); });
     };
-    Tools::String const message =
+    std::string const message =
         "The current implementation for unmuting the output stage on system sounds relies "
         "on only one output stage existing.";
     EXPECT_EQ(setUpMessage(false), message);
@@ -283,12 +232,10 @@ TEST(SoundsTest, TriggersRaceTheAudioThreadAndEveryVoiceIsFreedOffIt)
     Testing::TemporarySoundsDirectory folder;
     folder.write("touch.flac", Testing::makeRamp(10));
     folder.write("ok.flac", Testing::makeRamp(20));
-    SoundsRig rig(48000);
+    SoundsRig rig(48000, tSample(0.25));
     rig.load(SystemSound::Touch);
     rig.load(SystemSound::Ok);
-    rig.run(64, 64);
-    rig.m_capture.getChannel(0).setPeriod(std::vector<tSample>(64, tSample(0.25)));
-    rig.m_capture.getChannel(1).setPeriod(std::vector<tSample>(64, tSample(0.25)));
+    rig.run(64, 64); // leaves 64-frame periods for the audio thread to repeat
     unsigned int const alive = Rompler::getNumLiveVoices();
 
     std::atomic<unsigned int> periods{0};

@@ -3,6 +3,7 @@
 #include "dsp/Chain.h"
 #include "dsp/Meter.h"
 #include "dsp/ParsingException.h"
+#include "support/Thrown.h"
 
 #include <gtest/gtest.h>
 
@@ -19,12 +20,8 @@ TEST(StereoWrapperTest, WrapsTwoInnerModulesNamedAfterTheSides)
     wrapper.setParameters(Parameters{{"k", "v"}}, 32000);
     EXPECT_EQ(wrapper.getLeft()->getParameters().getString("k"), "v");
     EXPECT_EQ(wrapper.getRight()->getSampleRate(), 32000u);
-    try {
-        StereoWrapper("nothing", "x");
-        FAIL();
-    } catch (ParsingException const& e) {
-        EXPECT_EQ(e.getMessage(), "Module type nothing not found in module factory");
-    }
+    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { StereoWrapper("nothing", "x"); }),
+              "Module type nothing not found in module factory");
 }
 
 TEST(StereoWrapperTest, SecondInputReachesTheRightModule)

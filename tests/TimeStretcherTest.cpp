@@ -12,18 +12,12 @@ namespace {
 
 std::vector<tSample> samples(std::vector<double> const& values)
 {
-    std::vector<tSample> result;
-    for (double v : values)
-        result.push_back(tSample(v));
-    return result;
+    return std::vector<tSample>(values.begin(), values.end());
 }
 
 std::vector<tSample> raw(std::vector<int32_t> const& values)
 {
-    std::vector<tSample> result;
-    for (int32_t v : values)
-        result.push_back(tSample(v));
-    return result;
+    return std::vector<tSample>(values.begin(), values.end());
 }
 
 } // namespace

@@ -166,5 +166,14 @@ void HardwaredBusTest::bringUpDaemon()
     ASSERT_TRUE(runMainLoopUntil([] { return HardwaredClient::get().isConnected(); }));
 }
 
+std::vector<double> HardwaredBusTest::receivedUpToMarker()
+{
+    bool done = false;
+    HardwaredClient::get().setHiddenVolumeDelta(
+        c_marker, [&] { done = true; }, [&](auto const&) { done = true; });
+    EXPECT_TRUE(runMainLoopUntil([&] { return done; }));
+    return m_daemon.getReceivedDeltas();
+}
+
 } // namespace Testing
 } // namespace Zelmar

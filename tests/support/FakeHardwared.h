@@ -69,6 +69,11 @@ protected:
     // Owns the daemon's name and waits until the client has connected.
     void bringUpDaemon();
 
+    // The deltas the daemon received, up to a marker call sent now: calls on one connection arrive in
+    // order, so once the marker is in, any earlier call is too.
+    std::vector<double> receivedUpToMarker();
+    static constexpr double c_marker = 0.25;
+
     PrivateDbus m_bus;
     ScopedBusAddress m_systemBus{"DBUS_SYSTEM_BUS_ADDRESS", m_bus.getAddress()};
     FakeHardwared m_daemon{m_bus};

@@ -41,6 +41,28 @@ public:
         return messages;
     }
 
+    // Every entry as "<level> <message>", for checks of level and text at once.
+    std::vector<std::string> leveled()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        std::vector<std::string> texts;
+        for (auto const& entry : m_entries)
+            texts.push_back(std::to_string(entry.level) + " " + entry.message);
+        return texts;
+    }
+
+    // How many entries (at `level`, unless any) begin with `start`.
+    std::size_t countStarting(std::string const& start, int level = c_anyLevel)
+    {
+        auto const all = messagesAt(level);
+        return std::size_t(std::count_if(all.begin(), all.end(),
+                                         [&](std::string const& m) { return m.rfind(start, 0) == 0; }));
+    }
+    bool containsStart(std::string const& start, int level = c_anyLevel)
+    {
+        return countStarting(start, level) > 0;
+    }
+
     bool contains(std::string const& message)
     {
         auto const all = messages();
@@ -61,9 +83,9 @@ public:
         return messages().size() >= count;
     }
 
-private:
     static constexpr int c_anyLevel = -1;
 
+private:
     struct Entry
     {
         int level;

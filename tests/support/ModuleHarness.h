@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <memory>
+#include <random>
 #include <vector>
 
 namespace Zelmar {
@@ -73,7 +75,10 @@ public:
         return output(0);
     }
 
-    std::vector<tSample> output(unsigned int port) const { return m_module->getOutPort(port)->getUnderlyingStorage(); }
+    std::vector<tSample> output(unsigned int port) const
+    {
+        return m_module->getOutPort(port)->getUnderlyingStorage();
+    }
 
     Module& module() { return *m_module; }
     Chain& getChain() { return m_chain; }
@@ -107,12 +112,25 @@ inline tSample raw(int32_t value)
     return tSample(value);
 }
 
+// Raw samples drawn evenly from [-limit, limit), full scale (1.0) by default; the same seed gives the same
+// samples.
+inline std::vector<tSample> noise(unsigned int frames, unsigned int seed, int64_t limit = int64_t(1) << 27)
+{
+    std::mt19937 random(seed);
+    std::uniform_int_distribution<int64_t> value(-limit, limit - 1);
+    std::vector<tSample> samples(frames);
+    for (auto& s : samples)
+        s = tSample(static_cast<int32_t>(value(random)));
+    return samples;
+}
+
+// Samples `first` to `first + frames - 1` of a sine starting at phase 0.
 inline std::vector<tSample> makeSine(double amplitude, double frequency, double sampleRate,
-                                     unsigned int frames)
+                                     unsigned int frames, unsigned int first = 0)
 {
     std::vector<tSample> samples(frames);
     for (unsigned int i = 0; i < frames; ++i)
-        samples[i] = tSample(amplitude * std::sin(2 * M_PI * frequency * i / sampleRate));
+        samples[i] = tSample(amplitude * std::sin(2 * M_PI * frequency * (first + i) / sampleRate));
     return samples;
 }
 

@@ -1,9 +1,10 @@
 #pragma once
 
 // Runs the built `orvandeldsp` tool as a user would, in a scratch directory of the test's own.
+#include "tests/support/TemporaryDirectory.h"
+
 #include <cstdint>
 #include <glib.h>
-#include <glib/gstdio.h>
 #include <gtest/gtest.h>
 #include <sndfile.h>
 #include <string>
@@ -43,6 +44,31 @@ inline ToolResult runTool(std::vector<std::string> const& args)
     return result;
 }
 
+// The run ended with `status` and its stderr holds `message` (begins with it, when `atStart`).
+inline void expectFailure(ToolResult const& result, int status, std::string const& message,
+                          bool atStart = false)
+{
+    EXPECT_EQ(result.status, status) << result.err;
+    if (atStart)
+        EXPECT_EQ(result.err.rfind(message, 0), 0u) << result.err;
+    else
+        EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
+}
+
+inline bool isOneLine(std::string const& text)
+{
+    return text.size() > 1 && text.find('\n') == text.size() - 1;
+}
+
+// Interleaved stereo with word(frame) on both channels.
+template <class F> std::vector<int32_t> stereoWords(size_t frames, F&& word)
+{
+    std::vector<int32_t> samples;
+    for (size_t f = 0; f < frames; ++f)
+        samples.insert(samples.end(), 2, word(f));
+    return samples;
+}
+
 struct Sound
 {
     SF_INFO info{};
@@ -78,25 +104,15 @@ inline Sound readSound(std::string const& path)
 class ToolTest : public testing::Test
 {
 protected:
-    void SetUp() override { m_dir = g_dir_make_tmp("orvandeldsp-tool-XXXXXX", nullptr); }
-    void TearDown() override
-    {
-        GDir* dir = g_dir_open(m_dir.c_str(), 0, nullptr);
-        while (char const* name = g_dir_read_name(dir))
-            g_remove((m_dir + "/" + name).c_str());
-        g_dir_close(dir);
-        g_rmdir(m_dir.c_str());
-    }
-
-    std::string path(std::string const& name) const { return m_dir + "/" + name; }
-
+    std::string path(std::string const& name) const { return m_scratch.path(name); }
+    bool exists(std::string const& name) const { return g_file_test(path(name).c_str(), G_FILE_TEST_EXISTS); }
     std::string writeConfig(std::string const& name, std::string const& text) const
     {
-        g_file_set_contents(path(name).c_str(), text.c_str(), -1, nullptr);
-        return path(name);
+        return m_scratch.write(name, text);
     }
 
-    std::string m_dir;
+    TemporaryDirectory m_scratch{"orvandeldsp-tool-XXXXXX"};
+    std::string const m_dir = m_scratch.path();
 };
 
 } // namespace Testing

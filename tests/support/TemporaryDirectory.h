@@ -1,0 +1,67 @@
+#pragma once
+
+#include <glib.h>
+#include <glib/gstdio.h>
+#include <string>
+#include <vector>
+
+namespace Zelmar {
+namespace Testing {
+
+// A scratch directory for one test, removed with its files (not subdirectories) when it goes.
+class TemporaryDirectory
+{
+public:
+    explicit TemporaryDirectory(char const* pattern = "orvandeldsp-test-XXXXXX")
+    {
+        gchar* path = g_dir_make_tmp(pattern, nullptr);
+        m_path = path;
+        g_free(path);
+    }
+    ~TemporaryDirectory()
+    {
+        for (auto const& name : entries())
+            g_remove(path(name).c_str());
+        g_rmdir(m_path.c_str());
+    }
+    TemporaryDirectory(TemporaryDirectory const&) = delete;
+    TemporaryDirectory& operator=(TemporaryDirectory const&) = delete;
+
+    std::string const& path() const { return m_path; }
+    std::string path(std::string const& name) const { return m_path + "/" + name; }
+
+    std::vector<std::string> entries() const
+    {
+        std::vector<std::string> names;
+        if (GDir* dir = g_dir_open(m_path.c_str(), 0, nullptr)) {
+            while (char const* name = g_dir_read_name(dir))
+                names.push_back(name);
+            g_dir_close(dir);
+        }
+        return names;
+    }
+
+    // The whole file, or "" when it cannot be read.
+    std::string read(std::string const& name) const
+    {
+        gchar* text = nullptr;
+        gsize length = 0;
+        if (!g_file_get_contents(path(name).c_str(), &text, &length, nullptr))
+            return "";
+        std::string const contents(text, length);
+        g_free(text);
+        return contents;
+    }
+
+    std::string write(std::string const& name, std::string const& text) const
+    {
+        g_file_set_contents(path(name).c_str(), text.c_str(), gssize(text.size()), nullptr);
+        return path(name);
+    }
+
+private:
+    std::string m_path;
+};
+
+} // namespace Testing
+} // namespace Zelmar
