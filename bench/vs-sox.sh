@@ -2,7 +2,8 @@
 # Wall time of `orvandeldsp run` with seven stereo peaking biquads (configs/seven-peaks.xml) against
 # sox with the same seven equalizer bands, on 60 s of generated 48 kHz stereo audio, process to
 # process, orvandeldsp with 1024-frame periods. Prints both times (best of three runs each) and the ratio; the goal is at most 0.6.
-# Usage: bench/vs-sox.sh [BUILD_DIR]   (default: build; a Release build gives meaningful figures)
+# Usage: bench/vs-sox.sh [BUILD_DIR]   (default: build; only a Release build, as scripts/bench.sh makes
+# in build-bench, gives meaningful figures)
 set -eu
 
 repo=$(cd "$(dirname "$0")/.." && pwd)

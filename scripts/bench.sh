@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
-# Builds optimised and runs the benchmarks; figures are only comparable within one run.
+# Builds optimised and runs the benchmarks, then the process-to-process comparison with sox; figures
+# are only comparable within one run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
 cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DORVANDELDSP_BUILD_TESTS=OFF
-cmake --build build-bench -j "$(nproc)" --target orvandeldsp-bench
+cmake --build build-bench -j "$(nproc)" --target orvandeldsp-bench orvandeldsp-tool orvandeldsp-test-signal
 build-bench/bench/orvandeldsp-bench "$@"
+bench/vs-sox.sh build-bench
