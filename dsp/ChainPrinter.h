@@ -21,7 +21,7 @@ public:
                       Tools::String const& dotFile = c_dotFile);
 
     // One node line per wire source (sinks keep the default style), then one edge per wire. Meant for a
-    // compiled chain: before compile() a shortcut cable is no port spec and is refused as such.
+    // compiled chain: before compile() a shortcut cable names no port and is refused as such.
     static Tools::String describe(Chain const& chain);
 
 private:

@@ -23,9 +23,9 @@ constexpr char const* c_soundsId = "system-sounds";
 // Decoding a sound of a second takes milliseconds; this is reached only when the loader is stuck.
 constexpr double c_loadTimeoutSeconds = 10.0;
 
-ToolError badCue(std::string const& spec, std::string const& problem)
+ToolError badCue(std::string const& given, std::string const& problem)
 {
-    return ToolError(ToolError::c_badInput, "--sound " + spec + ": " + problem);
+    return ToolError(ToolError::c_badInput, "--sound " + given + ": " + problem);
 }
 
 std::string formatSeconds(double seconds)
@@ -37,21 +37,21 @@ std::string formatSeconds(double seconds)
 
 } // namespace
 
-SoundCues::Cue SoundCues::parse(std::string const& spec)
+SoundCues::Cue SoundCues::parse(std::string const& given)
 {
-    auto const at = spec.find('@');
-    if (at == std::string::npos || at == 0 || at + 1 == spec.size())
-        throw badCue(spec, "give SOUND@SECONDS, such as 3@1.5");
-    std::string const number = spec.substr(0, at);
-    std::string const time = spec.substr(at + 1);
+    auto const at = given.find('@');
+    if (at == std::string::npos || at == 0 || at + 1 == given.size())
+        throw badCue(given, "give SOUND@SECONDS, such as 3@1.5");
+    std::string const number = given.substr(0, at);
+    std::string const time = given.substr(at + 1);
     char* end = nullptr;
     long const sound = std::strtol(number.c_str(), &end, 10);
     if (*end != '\0' || !g_ascii_isdigit(number[0]) || !HW::isValidSystemSound(int(std::min(sound, 100L))))
-        throw badCue(spec, "the system sounds are numbered 0 to 9, not " + number);
+        throw badCue(given, "the system sounds are numbered 0 to 9, not " + number);
     double const seconds = g_ascii_strtod(time.c_str(), &end);
     if (*end != '\0' || !std::isfinite(seconds) || seconds < 0.0)
-        throw badCue(spec, "the time is seconds from 0 on, not " + time);
-    return Cue{spec, static_cast<SystemSound>(sound), seconds};
+        throw badCue(given, "the time is seconds from 0 on, not " + time);
+    return Cue{given, static_cast<SystemSound>(sound), seconds};
 }
 
 SoundCues::SoundCues(Chain& chain, std::string const& config, std::vector<Cue> cues, unsigned int fileRate,
@@ -61,7 +61,7 @@ SoundCues::SoundCues(Chain& chain, std::string const& config, std::vector<Cue> c
     for (auto const& cue : cues) {
         auto const frame = static_cast<sf_count_t>(std::llround(cue.seconds * fileRate));
         if (frame >= inputFrames)
-            throw badCue(cue.spec,
+            throw badCue(cue.text,
                          "the input ends at " + formatSeconds(double(inputFrames) / fileRate) + " s");
         m_pending.push_back(Pending{cue.sound, frame});
     }

@@ -22,13 +22,13 @@ class SoundCues : public RunFeature
 public:
     struct Cue
     {
-        std::string spec; // as given, for messages
+        std::string text; // as given on the command line, for messages
         SystemSound sound;
         double seconds;
     };
 
     // "N@SECONDS": a sound number 0 to 9 and a time from 0 on. Throws ToolError (bad input).
-    static Cue parse(std::string const& spec);
+    static Cue parse(std::string const& given);
 
     // Throws when a cue lies at or after the input's end, when the config lacks the module, or when a
     // sound cannot be loaded.
