@@ -79,6 +79,11 @@ void EncodedOutput::write(FlacEncoder::tFrame const& piece)
     m_bytes += piece->size();
 }
 
+ToolError EncodedOutput::encodeError(std::string const& why) const
+{
+    return ToolError(ToolError::c_ioFailure, "cannot encode " + m_path + ": " + why);
+}
+
 std::string EncodedOutput::takeEncoderError()
 {
     std::lock_guard<std::mutex> lock(m_errorMutex);
@@ -91,12 +96,11 @@ void EncodedOutput::checkFailure()
         // The encoder thread gave up; once it is joined its report has been made.
         m_encoder->stopEncoding();
         std::string const error = takeEncoderError();
-        throw ToolError(ToolError::c_ioFailure,
-                        "cannot encode " + m_path + ": " + (error.empty() ? "the encoder stopped" : error));
+        throw encodeError(error.empty() ? "the encoder stopped" : error);
     }
     std::string const error = takeEncoderError();
     if (!error.empty())
-        throw ToolError(ToolError::c_ioFailure, "cannot encode " + m_path + ": " + error);
+        throw encodeError(error);
     if (m_writeErrno != 0)
         m_pending.fail(std::strerror(m_writeErrno));
 }
@@ -115,9 +119,8 @@ void EncodedOutput::waitForRoom()
         c_encoderTimeoutSeconds);
     checkFailure();
     if (!caughtUp)
-        throw ToolError(ToolError::c_ioFailure, "cannot encode " + m_path +
-                                                    ": the encoder took no samples for " +
-                                                    std::to_string(int(c_encoderTimeoutSeconds)) + " s");
+        throw encodeError("the encoder took no samples for " + std::to_string(int(c_encoderTimeoutSeconds)) +
+                          " s");
 }
 
 void EncodedOutput::afterPeriod(sf_count_t, sf_count_t)
@@ -136,10 +139,9 @@ void EncodedOutput::finish()
                                                     c_encoderTimeoutSeconds);
     std::string const error = takeEncoderError();
     if (!error.empty())
-        throw ToolError(ToolError::c_ioFailure, "cannot encode " + m_path + ": " + error);
+        throw encodeError(error);
     if (!delivered)
-        throw ToolError(ToolError::c_ioFailure,
-                        "cannot encode " + m_path + ": the encoded stream was not delivered");
+        throw encodeError("the encoded stream was not delivered");
     if (m_writeErrno != 0)
         m_pending.fail(std::strerror(m_writeErrno));
     int const closed = std::fclose(m_file);

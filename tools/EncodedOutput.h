@@ -3,6 +3,7 @@
 #include "base/Signal.h"
 #include "tools/PendingFile.h"
 #include "tools/RunFeature.h"
+#include "tools/ToolError.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -37,6 +38,7 @@ private:
     // Throws the first error the encoder reported, or a write error of the file.
     void checkFailure();
     std::string takeEncoderError();
+    ToolError encodeError(std::string const& why) const;
 
     FlacEncoder* m_encoder = nullptr;
     std::string m_path;
