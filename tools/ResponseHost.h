@@ -1,0 +1,37 @@
+#pragma once
+
+#include <string>
+
+namespace Zelmar {
+namespace Host {
+
+// `orvandeldsp response`: measures a config's chain at log-spaced frequencies (ResponseMeasurement) and
+// writes the result as CSV, to a file or to stdout.
+class ResponseHost
+{
+public:
+    struct Options
+    {
+        std::string config;
+        unsigned int rate = 48000;
+        double levelDb = -20.0;
+        unsigned int points = 200;
+        double from = 20.0;
+        // 0 takes c_defaultTo, or the highest frequency the rates allow if that is lower.
+        double to = 0.0;
+        std::string csv;
+        // The device volume (0 to 100) the volume-adaptive modules follow; below 0 they follow the
+        // hardware daemon as they would in the player.
+        double volume = -1.0;
+    };
+
+    // The highest frequency measured is this part of the chain's rate (and of a resampler's source rate).
+    static constexpr double c_highestPartOfRate = 0.45;
+    static constexpr double c_defaultTo = 20000.0;
+
+    // Throws ToolError.
+    static void run(Options const& options);
+};
+
+} // namespace Host
+} // namespace Zelmar
