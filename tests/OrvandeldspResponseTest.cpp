@@ -99,9 +99,9 @@ TEST_F(OrvandeldspResponseTest, MeasuresABiquadCascadeAsItsQuantisedCoefficients
     }
 }
 
-TEST_F(OrvandeldspResponseTest, WritesTheCsvAndRejectsBadOptions)
+TEST_F(OrvandeldspResponseTest, WritesTheCsvAndAPlotAndRejectsBadOptions)
 {
-    auto const result = runTool({"response", "--points", "5", "--csv", path("r.csv")});
+    auto const result = runTool({"response", "--points", "5", "--csv", path("r.csv"), "-o", path("r.svg")});
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(result.out, "");
     Table const table = parseCsv(m_scratch.read("r.csv"));
@@ -113,13 +113,15 @@ TEST_F(OrvandeldspResponseTest, WritesTheCsvAndRejectsBadOptions)
                                          G_REGEX_DEFAULT, G_REGEX_MATCH_DEFAULT))
             << table.lines[i + 1];
     }
+    EXPECT_NE(m_scratch.read("r.svg").find("<svg"), std::string::npos);
     // Written under temporary names first; none may be left over.
-    EXPECT_EQ(m_scratch.entries().size(), 1u);
+    EXPECT_EQ(m_scratch.entries().size(), 2u);
 
     for (auto const& [option, value, message] :
          {std::tuple{"--to", "21601", "--to must be at most 0.45 times the rate (21600 Hz at 48000 Hz)"},
           {"--level", "0.5", "--level must be between -120 and 0 dBFS"},
-          {"--points", "1", "--points must be between 2 and 10000"}}) {
+          {"--points", "1", "--points must be between 2 and 10000"},
+          {"-o", "r.gif", "-o takes a plot named *.svg, *.png or *.pdf"}}) {
         SCOPED_TRACE(option);
         expectFailure(runTool({"response", option, value}), 2, std::string("orvandeldsp: ") + message, true);
     }

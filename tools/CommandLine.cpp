@@ -40,7 +40,7 @@ constexpr char const* c_usage =
     "       orvandeldsp check [--config FILE]\n"
     "       orvandeldsp graph [--config FILE] [--format png|svg|pdf] -o OUTPUT\n"
     "       orvandeldsp response [--config FILE] [--rate HZ] [--level DBFS] [--points N] [--from HZ]\n"
-    "                            [--to HZ] [--volume PERCENT] [--csv FILE]\n"
+    "                            [--to HZ] [--volume PERCENT] [--csv FILE] [-o PLOT.svg|png|pdf]\n"
     "       orvandeldsp --help | --version | COMMAND --help\n";
 
 // Chains that check and graph build without audio run at this rate.
@@ -303,6 +303,16 @@ int graphCommand(int argc, char** argv)
     return 0;
 }
 
+// The picture format of a plot, from its file name.
+std::string plotFormat(std::string const& output)
+{
+    for (char const* format : {"svg", "png", "pdf"}) {
+        if (g_str_has_suffix(output.c_str(), (std::string(".") + format).c_str()))
+            return format;
+    }
+    throw usageError("-o takes a plot named *.svg, *.png or *.pdf, not " + output);
+}
+
 int responseCommand(int argc, char** argv)
 {
     ResponseHost::Options options;
@@ -312,6 +322,7 @@ int responseCommand(int argc, char** argv)
     // Unset: the modules follow the hardware daemon.
     gint volume = G_MININT;
     gchar* csv = nullptr;
+    gchar* plot = nullptr;
     std::string const configHelp = describeConfigDefault();
     GOptionEntry const entries[] = {
         {"config", 'c', 0, G_OPTION_ARG_FILENAME, &config, configHelp.c_str(), "FILE"},
@@ -326,15 +337,19 @@ int responseCommand(int argc, char** argv)
         {"volume", 0, 0, G_OPTION_ARG_INT, &volume,
          "the device volume, 0 to 100, that volume-adaptive modules follow (default: the hardware daemon's)",
          "PERCENT"},
-        {"csv", 0, 0, G_OPTION_ARG_FILENAME, &csv, "write the figures to FILE (default: stdout)", "FILE"},
+        {"csv", 0, 0, G_OPTION_ARG_FILENAME, &csv, "write the figures to FILE (default: stdout unless -o)",
+         "FILE"},
+        {"output", 'o', 0, G_OPTION_ARG_FILENAME, &plot, "draw gain and phase with gnuplot",
+         "PLOT.svg|PLOT.png|PLOT.pdf"},
         {}};
     OptionParser parser("", "Measures a dsp chain's frequency response by running sines through it: the "
                             "gain in dB and phase in degrees of each output channel.");
     parser.add(entries);
     parser.parse(argc, argv);
-    std::unique_ptr<gchar, decltype(&g_free)> const configOwner(config, g_free), csvOwner(csv, g_free);
+    std::unique_ptr<gchar, decltype(&g_free)> const configOwner(config, g_free), csvOwner(csv, g_free),
+        plotOwner(plot, g_free);
     if (argc != 1)
-        throw usageError("response takes no file arguments; name them with --config and --csv");
+        throw usageError("response takes no file arguments; name them with --config, --csv and -o");
     if (rate < 1000 || rate > 768000)
         throw usageError("--rate must be between 1000 and 768000 Hz");
     // The tests of the doubles are written so that NaN fails them too.
@@ -361,6 +376,9 @@ int responseCommand(int argc, char** argv)
     options.points = unsigned(points);
     options.volume = volume == G_MININT ? -1.0 : volume;
     options.csv = csv ? csv : "";
+    options.plot = plot ? plot : "";
+    if (plot)
+        options.plotFormat = plotFormat(plot);
     ResponseHost::run(options);
     return 0;
 }
@@ -438,7 +456,7 @@ int dispatch(int argc, char** argv)
                     "  run    runs INPUT.wav through the chain into OUTPUT.wav\n"
                     "  check  loads the config and lists its modules in signal-flow order\n"
                     "  graph  draws the chain's signal flow with Graphviz dot\n"
-                    "  response  measures the chain's frequency response\n"
+                    "  response  measures the chain's frequency response, as CSV or a gnuplot picture\n"
                     "  set    sets parameters of a chain served by run --realtime\n"
                     "  sound  plays, loops or stops system sounds on a served chain\n\n"
                     "The default config is %s\n"

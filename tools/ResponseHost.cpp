@@ -8,6 +8,7 @@
 #include "tools/ChainStages.h"
 #include "tools/ResponseCsv.h"
 #include "tools/ResponseMeasurement.h"
+#include "tools/ResponsePlot.h"
 
 #include <algorithm>
 #include <cmath>
@@ -54,6 +55,18 @@ template <class T> void setVolume(Chain const& chain, DeviceVolume::tDb volumeDb
         module->setControlGain(volumeDb);
 }
 
+std::string describe(Options const& options)
+{
+    gchar* name = g_path_get_basename(options.config.c_str());
+    char text[96];
+    std::snprintf(text, sizeof text, " at %g dBFS, %u Hz", options.levelDb, options.rate);
+    std::string description = std::string(name) + text;
+    g_free(name);
+    if (options.volume >= 0.0)
+        description += ", volume " + std::to_string(std::lround(options.volume));
+    return description;
+}
+
 void reportUnsettled(tPoints const& points)
 {
     auto const unsettled = [](ResponseMeasurement::Point const& point) { return !point.settled; };
@@ -98,7 +111,9 @@ void ResponseHost::run(Options const& options)
 
     if (!options.csv.empty())
         ResponseCsv::write(points, options.csv);
-    else
+    if (!options.plot.empty())
+        ResponsePlot::draw(points, describe(options), options.plotFormat, options.plot);
+    if (options.csv.empty() && options.plot.empty())
         std::fputs(ResponseCsv::format(points).c_str(), stdout);
     std::fflush(stdout);
     reportUnsettled(points);

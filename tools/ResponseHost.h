@@ -6,7 +6,7 @@ namespace Zelmar {
 namespace Host {
 
 // `orvandeldsp response`: measures a config's chain at log-spaced frequencies (ResponseMeasurement) and
-// writes the result as CSV, to a file or to stdout.
+// writes the result as CSV, as a gnuplot picture, or as CSV on stdout when neither is asked for.
 class ResponseHost
 {
 public:
@@ -20,6 +20,8 @@ public:
         // 0 takes c_defaultTo, or the highest frequency the rates allow if that is lower.
         double to = 0.0;
         std::string csv;
+        std::string plot;
+        std::string plotFormat;
         // The device volume (0 to 100) the volume-adaptive modules follow; below 0 they follow the
         // hardware daemon as they would in the player.
         double volume = -1.0;
