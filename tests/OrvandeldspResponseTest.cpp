@@ -148,7 +148,7 @@ TEST_F(OrvandeldspResponseTest, LevelAndVolumeShowHowALimiterActs)
         double tolerance;
     } const cases[] = {
         {"-30", "100", 20.0 * std::log10(4.0), 0.01}, // 12 dB by six per doubling, under any threshold
-        {"0", "100", -6.02, 0.5},                     // held at the threshold of -6 dB
+        {"0", "100", 20.0 * std::log10(0.5), 0.5},    // held at the threshold of -6 dB, that is 0.5
         {"0", "10", 0.0, 0.5},                        // held at 0 dB
     };
     for (auto const& c : cases) {
