@@ -319,8 +319,7 @@ int responseCommand(int argc, char** argv)
     gchar* config = nullptr;
     gint rate = int(options.rate);
     gint points = int(options.points);
-    // Unset: the modules follow the hardware daemon.
-    gint volume = G_MININT;
+    gint volume = 0;
     gchar* csv = nullptr;
     gchar* plot = nullptr;
     std::string const configHelp = describeConfigDefault();
@@ -335,7 +334,8 @@ int responseCommand(int argc, char** argv)
         {"to", 0, 0, G_OPTION_ARG_DOUBLE, &options.to,
          "the highest frequency, at most 0.45 times the rate (default 20000, or that limit if lower)", "HZ"},
         {"volume", 0, 0, G_OPTION_ARG_INT, &volume,
-         "the device volume, 0 to 100, that volume-adaptive modules follow (default: the hardware daemon's)",
+         "the device volume, 0 to 100, that volume-adaptive modules follow (default 0, as without the "
+         "hardware daemon)",
          "PERCENT"},
         {"csv", 0, 0, G_OPTION_ARG_FILENAME, &csv, "write the figures to FILE (default: stdout unless -o)",
          "FILE"},
@@ -368,13 +368,13 @@ int responseCommand(int argc, char** argv)
     }
     if (!(options.from < (options.to > 0.0 ? options.to : std::min(ResponseHost::c_defaultTo, highest))))
         throw usageError("--from must lie below --to");
-    if (volume != G_MININT && (volume < 0 || volume > 100))
+    if (volume < 0 || volume > 100)
         throw usageError("--volume must be between 0 and 100");
 
     options.config = configOrDefault(config);
     options.rate = unsigned(rate);
     options.points = unsigned(points);
-    options.volume = volume == G_MININT ? -1.0 : volume;
+    options.volume = unsigned(volume);
     options.csv = csv ? csv : "";
     options.plot = plot ? plot : "";
     if (plot)

@@ -49,21 +49,24 @@ double highestFrequency(Options const& options, unsigned int inputRate)
     return to;
 }
 
-template <class T> void setVolume(Chain const& chain, DeviceVolume::tDb volumeDb)
+// Returns how many modules follow the volume.
+template <class T> size_t setVolume(Chain const& chain, DeviceVolume::tDb volumeDb)
 {
-    for (T* module : findStages<T>(chain))
+    auto const modules = findStages<T>(chain);
+    for (T* module : modules)
         module->setControlGain(volumeDb);
+    return modules.size();
 }
 
-std::string describe(Options const& options)
+std::string describe(Options const& options, bool followsVolume)
 {
     gchar* name = g_path_get_basename(options.config.c_str());
     char text[96];
     std::snprintf(text, sizeof text, " at %g dBFS, %u Hz", options.levelDb, options.rate);
     std::string description = std::string(name) + text;
     g_free(name);
-    if (options.volume >= 0.0)
-        description += ", volume " + std::to_string(std::lround(options.volume));
+    if (followsVolume)
+        description += ", volume " + std::to_string(options.volume);
     return description;
 }
 
@@ -96,11 +99,9 @@ void ResponseHost::run(Options const& options)
         throw configError(options.config, "its resampler's source-rate of " + hertz(inputRate) +
                                               " is too low for a chain at " + hertz(options.rate));
     double const to = highestFrequency(options, inputRate);
-    if (options.volume >= 0.0) {
-        DeviceVolume::tDb const volumeDb = DeviceVolume::toDb(options.volume);
-        setVolume<AdaptiveBiquad>(*chain, volumeDb);
-        setVolume<AdaptiveLimiter>(*chain, volumeDb);
-    }
+    DeviceVolume::tDb const volumeDb = DeviceVolume::toDb(options.volume);
+    bool const followsVolume =
+        setVolume<AdaptiveBiquad>(*chain, volumeDb) + setVolume<AdaptiveLimiter>(*chain, volumeDb) > 0;
 
     ResponseMeasurement measurement(*chain, input, output, inputRate, options.levelDb);
     tPoints points;
@@ -112,7 +113,7 @@ void ResponseHost::run(Options const& options)
     if (!options.csv.empty())
         ResponseCsv::write(points, options.csv);
     if (!options.plot.empty())
-        ResponsePlot::draw(points, describe(options), options.plotFormat, options.plot);
+        ResponsePlot::draw(points, describe(options, followsVolume), options.plotFormat, options.plot);
     if (options.csv.empty() && options.plot.empty())
         std::fputs(ResponseCsv::format(points).c_str(), stdout);
     std::fflush(stdout);

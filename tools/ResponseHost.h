@@ -22,9 +22,9 @@ public:
         std::string csv;
         std::string plot;
         std::string plotFormat;
-        // The device volume (0 to 100) the volume-adaptive modules follow; below 0 they follow the
-        // hardware daemon as they would in the player.
-        double volume = -1.0;
+        // The device volume (0 to 100) the volume-adaptive modules follow. 0 is also what they take
+        // without the hardware daemon, which a tool that loads and runs at once never hears from.
+        unsigned int volume = 0;
     };
 
     // The highest frequency measured is this part of the chain's rate (and of a resampler's source rate).
