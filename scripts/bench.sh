@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds optimised and runs the benchmarks, then the process-to-process comparison with sox; figures
-# are only comparable within one run.
+# Builds optimised and runs the benchmarks, then the process-to-process comparison with sox and the
+# wall time of a frequency response measurement; figures are only comparable within one run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -9,3 +9,4 @@ cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DORVANDELDSP_BUILD_TESTS=O
 cmake --build build-bench -j "$(nproc)" --target orvandeldsp-bench orvandeldsp-tool orvandeldsp-test-signal
 build-bench/bench/orvandeldsp-bench "$@"
 bench/vs-sox.sh build-bench
+bench/response-time.sh build-bench

@@ -6,6 +6,7 @@ packages=(
   cmake g++ clang pkg-config
   libglib2.0-dev libglib2.0-dev-bin libasound2-dev libflac-dev libsndfile1-dev
   graphviz dbus flac
+  gnuplot-nox
   googletest libgtest-dev libgmock-dev libbenchmark-dev
 )
 

@@ -9,8 +9,10 @@
 #include "tools/ControlBus.h"
 #include "tools/GraphDrawing.h"
 #include "tools/OfflineHost.h"
+#include "tools/ResponseHost.h"
 #include "tools/ToolError.h"
 
+#include <algorithm>
 #include <clocale>
 #include <cmath>
 #include <cstdio>
@@ -37,13 +39,15 @@ constexpr char const* c_usage =
     "       orvandeldsp sound [--bus system|session] play N | loop N INTERVAL_MS | stop ID\n"
     "       orvandeldsp check [--config FILE]\n"
     "       orvandeldsp graph [--config FILE] [--format png|svg|pdf] -o OUTPUT\n"
+    "       orvandeldsp response [--config FILE] [--rate HZ] [--level DBFS] [--points N] [--from HZ]\n"
+    "                            [--to HZ] [--volume PERCENT] [--csv FILE] [-o PLOT.svg|png|pdf]\n"
     "       orvandeldsp --help | --version | COMMAND --help\n";
 
 // Chains that check and graph build without audio run at this rate.
 constexpr unsigned int c_checkSampleRate = 48000;
 
 constexpr char const* c_shortUsage =
-    "usage: orvandeldsp run|check|graph|set|sound [OPTIONS] (see orvandeldsp --help)";
+    "usage: orvandeldsp run|check|graph|response|set|sound [OPTIONS] (see orvandeldsp --help)";
 
 ToolError usageError(std::string const& problem)
 {
@@ -299,6 +303,86 @@ int graphCommand(int argc, char** argv)
     return 0;
 }
 
+// The picture format of a plot, from its file name.
+std::string plotFormat(std::string const& output)
+{
+    for (char const* format : {"svg", "png", "pdf"}) {
+        if (g_str_has_suffix(output.c_str(), (std::string(".") + format).c_str()))
+            return format;
+    }
+    throw usageError("-o takes a plot named *.svg, *.png or *.pdf, not " + output);
+}
+
+int responseCommand(int argc, char** argv)
+{
+    ResponseHost::Options options;
+    gchar* config = nullptr;
+    gint rate = int(options.rate);
+    gint points = int(options.points);
+    gint volume = 0;
+    gchar* csv = nullptr;
+    gchar* plot = nullptr;
+    std::string const configHelp = describeConfigDefault();
+    GOptionEntry const entries[] = {
+        {"config", 'c', 0, G_OPTION_ARG_FILENAME, &config, configHelp.c_str(), "FILE"},
+        {"rate", 'r', 0, G_OPTION_ARG_INT, &rate, "the chain's rate, 1000 to 768000 (default 48000)", "HZ"},
+        {"level", 'l', 0, G_OPTION_ARG_DOUBLE, &options.levelDb,
+         "the sine's level, -120 to 0 dB below full scale (default -20); a limiter shows near 0", "DBFS"},
+        {"points", 'n', 0, G_OPTION_ARG_INT, &points, "frequencies measured, 2 to 10000 (default 200)", "N"},
+        {"from", 0, 0, G_OPTION_ARG_DOUBLE, &options.from, "the lowest frequency, from 1 Hz (default 20)",
+         "HZ"},
+        {"to", 0, 0, G_OPTION_ARG_DOUBLE, &options.to,
+         "the highest frequency, at most 0.45 times the rate (default 20000, or that limit if lower)", "HZ"},
+        {"volume", 0, 0, G_OPTION_ARG_INT, &volume,
+         "the device volume, 0 to 100, that volume-adaptive modules follow (default 0, as without the "
+         "hardware daemon)",
+         "PERCENT"},
+        {"csv", 0, 0, G_OPTION_ARG_FILENAME, &csv, "write the figures to FILE (default: stdout unless -o)",
+         "FILE"},
+        {"output", 'o', 0, G_OPTION_ARG_FILENAME, &plot, "draw gain and phase with gnuplot",
+         "PLOT.svg|PLOT.png|PLOT.pdf"},
+        {}};
+    OptionParser parser("", "Measures a dsp chain's frequency response by running sines through it: the "
+                            "gain in dB and phase in degrees of each output channel.");
+    parser.add(entries);
+    parser.parse(argc, argv);
+    std::unique_ptr<gchar, decltype(&g_free)> const configOwner(config, g_free), csvOwner(csv, g_free),
+        plotOwner(plot, g_free);
+    if (argc != 1)
+        throw usageError("response takes no file arguments; name them with --config, --csv and -o");
+    if (rate < 1000 || rate > 768000)
+        throw usageError("--rate must be between 1000 and 768000 Hz");
+    // The tests of the doubles are written so that NaN fails them too.
+    if (!(options.levelDb >= -120.0 && options.levelDb <= 0.0))
+        throw usageError("--level must be between -120 and 0 dBFS");
+    if (points < 2 || points > 10000)
+        throw usageError("--points must be between 2 and 10000");
+    if (!(options.from >= 1.0))
+        throw usageError("--from must be 1 Hz or more");
+    double const highest = ResponseHost::c_highestPartOfRate * rate;
+    if (!(options.to >= 0.0 && options.to <= highest)) {
+        char limit[96];
+        std::snprintf(limit, sizeof limit, "--to must be at most 0.45 times the rate (%g Hz at %d Hz)",
+                      highest, rate);
+        throw usageError(limit);
+    }
+    if (!(options.from < (options.to > 0.0 ? options.to : std::min(ResponseHost::c_defaultTo, highest))))
+        throw usageError("--from must lie below --to");
+    if (volume < 0 || volume > 100)
+        throw usageError("--volume must be between 0 and 100");
+
+    options.config = configOrDefault(config);
+    options.rate = unsigned(rate);
+    options.points = unsigned(points);
+    options.volume = unsigned(volume);
+    options.csv = csv ? csv : "";
+    options.plot = plot ? plot : "";
+    if (plot)
+        options.plotFormat = plotFormat(plot);
+    ResponseHost::run(options);
+    return 0;
+}
+
 int setCommand(int argc, char** argv)
 {
     gchar* bus = nullptr;
@@ -372,6 +456,7 @@ int dispatch(int argc, char** argv)
                     "  run    runs INPUT.wav through the chain into OUTPUT.wav\n"
                     "  check  loads the config and lists its modules in signal-flow order\n"
                     "  graph  draws the chain's signal flow with Graphviz dot\n"
+                    "  response  measures the chain's frequency response, as CSV or a gnuplot picture\n"
                     "  set    sets parameters of a chain served by run --realtime\n"
                     "  sound  plays, loops or stops system sounds on a served chain\n\n"
                     "The default config is %s\n"
@@ -395,6 +480,8 @@ int dispatch(int argc, char** argv)
         return checkCommand(commandArgc, commandArgv);
     if (command == "graph")
         return graphCommand(commandArgc, commandArgv);
+    if (command == "response")
+        return responseCommand(commandArgc, commandArgv);
     if (command == "set")
         return setCommand(commandArgc, commandArgv);
     if (command == "sound")
