@@ -56,8 +56,9 @@ uint64_t PeriodTimeHistogram::quantile(double q) const
     uint64_t seen = 0;
     for (unsigned int bin = 0; bin < c_numBins; ++bin) {
         seen += m_bins[bin].load(std::memory_order_relaxed);
+        // The last bin also holds every longer time: the longest is the best answer there.
         if (seen >= rank)
-            return std::min(lowestIn(bin), getMax());
+            return bin + 1 == c_numBins ? getMax() : std::min(lowestIn(bin), getMax());
     }
     return getMax();
 }
