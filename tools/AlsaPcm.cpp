@@ -5,6 +5,7 @@
 #include "tools/FileAudioChannel.h"
 #include "tools/ToolError.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -17,12 +18,12 @@ namespace {
 using HwParams = std::unique_ptr<snd_pcm_hw_params_t, decltype(&snd_pcm_hw_params_free)>;
 using SwParams = std::unique_ptr<snd_pcm_sw_params_t, decltype(&snd_pcm_sw_params_free)>;
 
-// "48000 Hz" for one value, "8000 to 96000 Hz" for a range.
+// "it offers 48000 Hz" for one value, "it offers 8000 to 96000 Hz" for a range.
 template <class T> std::string offered(T min, T max, char const* unit)
 {
     std::string const range =
         min == max ? std::to_string(min) : std::to_string(min) + " to " + std::to_string(max);
-    return "it offers " + range + " " + unit;
+    return "it offers " + range + unit;
 }
 
 std::string offeredFormats(snd_pcm_t* pcm, snd_pcm_hw_params_t* params)
@@ -78,48 +79,60 @@ void AlsaPcm::configure(Setup const& setup)
         refuse(std::string("cannot be set up: ") + snd_strerror(error));
     chooseAccess(params.get());
     chooseFormat(params.get(), setup.format);
-
-    if (snd_pcm_hw_params_set_channels(m_pcm, params.get(), setup.channels) < 0) {
-        unsigned int min = 0, max = 0;
-        snd_pcm_hw_params_get_channels_min(params.get(), &min);
-        snd_pcm_hw_params_get_channels_max(params.get(), &max);
-        refuse("does not take " + std::to_string(setup.channels) + " channels (" + offered(min, max, "") +
-               ")");
-    }
-    if (snd_pcm_hw_params_set_rate(m_pcm, params.get(), setup.rate, 0) < 0) {
-        unsigned int min = 0, max = 0;
-        snd_pcm_hw_params_get_rate_min(params.get(), &min, nullptr);
-        snd_pcm_hw_params_get_rate_max(params.get(), &max, nullptr);
-        refuse("does not take " + std::to_string(setup.rate) + " Hz (" + offered(min, max, "Hz") + ")");
-    }
-    if (snd_pcm_hw_params_set_period_size(m_pcm, params.get(), setup.periodFrames, 0) < 0) {
-        snd_pcm_uframes_t min = 0, max = 0;
-        snd_pcm_hw_params_get_period_size_min(params.get(), &min, nullptr);
-        snd_pcm_hw_params_get_period_size_max(params.get(), &max, nullptr);
-        refuse("does not take periods of " + std::to_string(setup.periodFrames) + " frames at " +
-               std::to_string(setup.rate) + " Hz (" + offered(min, max, "frames") + ")");
-    }
-    unsigned int periods = setup.periods;
-    snd_pcm_hw_params_set_periods_near(m_pcm, params.get(), &periods, nullptr);
-    if (periods < 2)
-        refuse("does not take 2 or more periods of " + std::to_string(setup.periodFrames) + " frames");
+    setChannelsAndRate(params.get(), setup);
+    setPeriods(params.get(), setup);
     if ((error = snd_pcm_hw_params(m_pcm, params.get())) < 0)
         refuse(std::string("cannot be set up: ") + snd_strerror(error));
-
     snd_pcm_uframes_t bufferFrames = 0;
     snd_pcm_hw_params_get_buffer_size(params.get(), &bufferFrames);
     m_bufferFrames = static_cast<unsigned int>(bufferFrames);
-    setSoftwareParameters(setup.periodFrames);
 
-    // The chain may hand over more frames than a period (a resampling input stage), never more than this.
-    unsigned int const capacity = Chain::getMaxNumFramesPerProcessCall();
-    if (!m_mmap) {
-        unsigned int const frameBytes = m_channels * m_deviceSampleBytes;
-        m_interleavedFrames = capacity;
-        m_interleaved.resize(size_t(capacity) * frameBytes);
-        for (unsigned int c = 0; c < m_channels; ++c)
-            m_interleavedAreas.push_back({m_interleaved.data(), c * m_deviceSampleBytes * 8, frameBytes * 8});
+    setSoftwareParameters(setup.periodFrames);
+    if (!m_mmap)
+        allocateInterleavedPeriod();
+}
+
+void AlsaPcm::setChannelsAndRate(snd_pcm_hw_params_t* params, Setup const& setup)
+{
+    if (snd_pcm_hw_params_set_channels(m_pcm, params, setup.channels) < 0) {
+        unsigned int min = 0, max = 0;
+        snd_pcm_hw_params_get_channels_min(params, &min);
+        snd_pcm_hw_params_get_channels_max(params, &max);
+        refuse("does not take " + std::to_string(setup.channels) + " channels (" + offered(min, max, "") +
+               ")");
     }
+    if (snd_pcm_hw_params_set_rate(m_pcm, params, setup.rate, 0) < 0) {
+        unsigned int min = 0, max = 0;
+        snd_pcm_hw_params_get_rate_min(params, &min, nullptr);
+        snd_pcm_hw_params_get_rate_max(params, &max, nullptr);
+        refuse("does not take " + std::to_string(setup.rate) + " Hz (" + offered(min, max, " Hz") + ")");
+    }
+}
+
+// The period exactly, since the chain runs in the host's periods; their number as near as it can be.
+void AlsaPcm::setPeriods(snd_pcm_hw_params_t* params, Setup const& setup)
+{
+    if (snd_pcm_hw_params_set_period_size(m_pcm, params, setup.periodFrames, 0) < 0) {
+        snd_pcm_uframes_t min = 0, max = 0;
+        snd_pcm_hw_params_get_period_size_min(params, &min, nullptr);
+        snd_pcm_hw_params_get_period_size_max(params, &max, nullptr);
+        refuse("does not take periods of " + std::to_string(setup.periodFrames) + " frames at " +
+               std::to_string(setup.rate) + " Hz (" + offered(min, max, " frames") + ")");
+    }
+    unsigned int periods = setup.periods;
+    snd_pcm_hw_params_set_periods_near(m_pcm, params, &periods, nullptr);
+    if (periods < 2)
+        refuse("does not take 2 or more periods of " + std::to_string(setup.periodFrames) + " frames");
+}
+
+void AlsaPcm::allocateInterleavedPeriod()
+{
+    // The chain may hand over more frames than a period (a resampling input stage), never more than this.
+    m_interleavedFrames = Chain::getMaxNumFramesPerProcessCall();
+    unsigned int const frameBytes = m_channels * m_deviceSampleBytes;
+    m_interleaved.resize(size_t(m_interleavedFrames) * frameBytes);
+    for (unsigned int c = 0; c < m_channels; ++c)
+        m_interleavedAreas.push_back({m_interleaved.data(), c * m_deviceSampleBytes * 8, frameBytes * 8});
 }
 
 void AlsaPcm::chooseAccess(snd_pcm_hw_params_t* params)
@@ -218,7 +231,8 @@ template <class Copy> int AlsaPcm::moveFrames(unsigned int frames, Copy const& c
             count = m_interleavedFrames;
         snd_pcm_sframes_t moved = 0;
         if (m_mmap) {
-            if (int const error = waitForFrames(count))
+            // More than the buffer holds goes in several steps.
+            if (int const error = waitForFrames(std::min<snd_pcm_uframes_t>(count, m_bufferFrames)))
                 return error;
             snd_pcm_channel_area_t const* areas = nullptr;
             snd_pcm_uframes_t offset = 0;

@@ -54,6 +54,9 @@ private:
     void configure(Setup const& setup);
     void chooseAccess(snd_pcm_hw_params_t* params);
     void chooseFormat(snd_pcm_hw_params_t* params, snd_pcm_format_t format);
+    void setChannelsAndRate(snd_pcm_hw_params_t* params, Setup const& setup);
+    void setPeriods(snd_pcm_hw_params_t* params, Setup const& setup);
+    void allocateInterleavedPeriod();
     void setSoftwareParameters(unsigned int periodFrames);
     [[noreturn]] void refuse(std::string const& what) const;
 
