@@ -40,14 +40,25 @@ void warnAboutRefusals(std::string const& memory, std::string const& priority)
 
 RealtimeHost::RealtimeHost(Chain& chain, std::optional<GBusType> bus)
 {
-    if (bus)
-        m_served = std::make_unique<ServedChain>(chain, *bus);
-    // From here on an interrupted run ends the way its loop chooses instead of at once.
+    // Before the service says it is serving: a script may signal as soon as it reads that line. From
+    // here on an interrupted run ends the way its loop chooses instead of at once.
     m_signalSources[0] = g_unix_signal_add(SIGINT, &requestStop, &m_stopRequested);
     m_signalSources[1] = g_unix_signal_add(SIGTERM, &requestStop, &m_stopRequested);
+    try {
+        if (bus)
+            m_served = std::make_unique<ServedChain>(chain, *bus);
+    } catch (...) {
+        removeSignalSources();
+        throw;
+    }
 }
 
 RealtimeHost::~RealtimeHost()
+{
+    removeSignalSources();
+}
+
+void RealtimeHost::removeSignalSources()
 {
     for (guint const source : m_signalSources)
         g_source_remove(source);

@@ -34,6 +34,8 @@ public:
     bool play(PeriodLoop& loop, int priority = 0);
 
 private:
+    void removeSignalSources();
+
     std::unique_ptr<ServedChain> m_served;
     // Raised on the main loop by SIGINT and SIGTERM, read by the audio thread between periods.
     std::atomic<bool> m_stopRequested{false};
