@@ -40,6 +40,17 @@ void checkRates(InputStage const& input, std::string const& config, FileFeed con
                                       " Hz, but live runs its input at " + std::to_string(rate) + " Hz");
 }
 
+AlsaPcm::Setup deviceSetup(LiveHost::Options const& options, unsigned int rate, unsigned int channels)
+{
+    AlsaPcm::Setup setup;
+    setup.rate = rate;
+    setup.channels = channels;
+    setup.format = options.format;
+    setup.periodFrames = options.periodFrames;
+    setup.periods = options.periods;
+    return setup;
+}
+
 double microseconds(uint64_t nanoseconds)
 {
     return double(nanoseconds) / 1000.0;
@@ -80,18 +91,11 @@ void LiveHost::run(Options const& options)
     if (outChannels == 0)
         throw configError(options.config, "the output stage has no channels (empty interleave-pattern)");
 
-    AlsaPcm::Setup setup;
-    setup.rate = rate;
-    setup.format = options.format;
-    setup.periodFrames = options.periodFrames;
-    setup.periods = options.periods;
     std::unique_ptr<AlsaPcm> capture;
-    if (!feed) {
-        setup.channels = c_captureChannels;
-        capture = std::make_unique<AlsaPcm>(options.capture, SND_PCM_STREAM_CAPTURE, setup);
-    }
-    setup.channels = outChannels;
-    AlsaPcm playback(options.playback, SND_PCM_STREAM_PLAYBACK, setup);
+    if (!feed)
+        capture = std::make_unique<AlsaPcm>(options.capture, SND_PCM_STREAM_CAPTURE,
+                                            deviceSetup(options, rate, c_captureChannels));
+    AlsaPcm playback(options.playback, SND_PCM_STREAM_PLAYBACK, deviceSetup(options, rate, outChannels));
 
     auto const telemetry = std::make_unique<LiveTelemetry>();
     PeriodSource& source = feed ? static_cast<PeriodSource&>(*feed) : *capture;

@@ -5,6 +5,7 @@
 #include "dsp/OutputStage.h"
 #include "tools/AlsaPcm.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 
@@ -32,8 +33,6 @@ LivePeriodLoop::LivePeriodLoop(Stages const& stages, PeriodSource& source, AlsaP
     stages.output->setOutput(m_played.get());
 }
 
-LivePeriodLoop::~LivePeriodLoop() = default;
-
 void LivePeriodLoop::run(std::atomic<bool> const& stopRequested)
 {
     // The sound fades in over the output stage's 100 ms rather than starting with a click.
@@ -43,22 +42,10 @@ void LivePeriodLoop::run(std::atomic<bool> const& stopRequested)
     m_stages.load(std::memory_order_acquire)->output->setMute(false);
 
     uint64_t frames = 0;
-    // Where a requested fade-out ends at the latest: a system sound may keep the output open, and the
-    // run must still end.
-    uint64_t fadedOutBy = UINT64_MAX;
-    for (;;) {
-        Stages const& stages = *m_stages.load(std::memory_order_acquire);
-        if (fadedOutBy == UINT64_MAX && stopRequested.load(std::memory_order_relaxed)) {
-            stages.output->setMute(true);
-            fadedOutBy = frames + m_settings.sampleRate;
-        }
-        if (fadedOutBy != UINT64_MAX && (stages.output->isMuting() || frames >= fadedOutBy))
-            break;
-        if (m_settings.maxFrames && frames >= m_settings.maxFrames)
-            break;
+    while (!isOver(frames, stopRequested)) {
         uint64_t const left = m_settings.maxFrames ? m_settings.maxFrames - frames : UINT64_MAX;
-        unsigned int const wanted = left < m_settings.periodFrames ? unsigned(left) : m_settings.periodFrames;
-        int const captured = m_source.readPeriod(*m_captured, wanted);
+        int const captured =
+            m_source.readPeriod(*m_captured, unsigned(std::min<uint64_t>(left, m_settings.periodFrames)));
         if (captured == 0)
             break;
         if (captured < 0) {
@@ -67,10 +54,7 @@ void LivePeriodLoop::run(std::atomic<bool> const& stopRequested)
             continue;
         }
         frames += unsigned(captured);
-        process(stages);
-        m_telemetry.frames.store(frames, std::memory_order_relaxed);
-        int const written = m_playback.writePeriod(*m_played, m_played->getNumFrames());
-        if (written < 0 && !recover(LiveTelemetry::c_playback, written))
+        if (!playPeriod(frames))
             return;
     }
     if (int const error = m_playback.drain(); error < 0)
@@ -78,13 +62,30 @@ void LivePeriodLoop::run(std::atomic<bool> const& stopRequested)
     m_source.stop();
 }
 
-void LivePeriodLoop::process(Stages const& stages)
+// Over when the frames asked for are through, or when a fade-out asked for by a signal has ended: after
+// a second at the latest, since a system sound may keep the output open.
+bool LivePeriodLoop::isOver(uint64_t frames, std::atomic<bool> const& stopRequested)
+{
+    OutputStage& output = *m_stages.load(std::memory_order_acquire)->output;
+    if (m_fadedOutBy == c_notFading && stopRequested.load(std::memory_order_relaxed)) {
+        output.setMute(true);
+        m_fadedOutBy = frames + m_settings.sampleRate;
+    }
+    bool const fadedOut = m_fadedOutBy != c_notFading && (output.isMuting() || frames >= m_fadedOutBy);
+    return fadedOut || (m_settings.maxFrames && frames >= m_settings.maxFrames);
+}
+
+// Takes the captured period through the chain to the playback; false when the playback failed.
+bool LivePeriodLoop::playPeriod(uint64_t frames)
 {
     uint64_t const started = nowNanoseconds();
     // The chain decides how many frames leave it; an untouched playback period plays none.
     m_played->setNumFrames(0);
-    stages.chain->process();
+    m_stages.load(std::memory_order_acquire)->chain->process();
     m_telemetry.periodTimes.record(nowNanoseconds() - started);
+    m_telemetry.frames.store(frames, std::memory_order_relaxed);
+    int const written = m_playback.writePeriod(*m_played, m_played->getNumFrames());
+    return written >= 0 || recover(LiveTelemetry::c_playback, written);
 }
 
 bool LivePeriodLoop::startDevices()

@@ -46,7 +46,6 @@ public:
     // Gives the stages their period buffers.
     LivePeriodLoop(Stages const& stages, PeriodSource& source, AlsaPcm& playback, Settings const& settings,
                    LiveTelemetry& telemetry);
-    ~LivePeriodLoop() override;
 
     void run(std::atomic<bool> const& stopRequested) override;
 
@@ -54,10 +53,13 @@ public:
     std::string describeFailure() const;
 
 private:
+    static constexpr uint64_t c_notFading = UINT64_MAX;
+
     bool startDevices();
     bool recover(LiveTelemetry::Side side, int error);
     bool fail(PeriodSource const& device, int error);
-    void process(Stages const& stages);
+    bool isOver(uint64_t frames, std::atomic<bool> const& stopRequested);
+    bool playPeriod(uint64_t frames);
 
     // One word, so that a new chain can be handed to the audio thread between periods.
     std::atomic<Stages const*> m_stages;
@@ -68,6 +70,8 @@ private:
     LiveTelemetry& m_telemetry;
     std::unique_ptr<AlsaPeriodBuffers> m_captured;
     std::unique_ptr<AlsaPeriodBuffers> m_played;
+    // Where a fade-out asked for by a signal must have ended, in frames through the chain.
+    uint64_t m_fadedOutBy = c_notFading;
     PeriodSource const* m_failedDevice = nullptr;
     int m_failure = 0;
 };
