@@ -399,7 +399,7 @@ int setCommand(int argc, char** argv)
         {}};
     OptionParser parser(
         "MODULE KEY VALUE",
-        "Sets parameters of a chain served by `orvandeldsp run --realtime`. Options go first, so "
+        "Sets parameters of a chain served by `orvandeldsp run --realtime` or `live`. Options go first, so "
         "that a VALUE such as -12 is taken as it is.");
     parser.add(entries);
     parser.stopAtFirstArgument();
@@ -461,11 +461,11 @@ int dispatch(int argc, char** argv)
                     "  live   runs the chain live from a capture device or a file to a playback device\n"
                     "  check  loads the config and lists its modules in signal-flow order\n"
                     "  graph  draws the chain's signal flow with Graphviz dot\n"
-                    "  set    sets parameters of a chain served by run --realtime\n"
+                    "  set    sets parameters of a chain served by run --realtime or live\n"
                     "  sound  plays, loops or stops system sounds on a served chain\n\n"
                     "The default config is %s\n"
-                    "run --realtime serves the chain as %s on the system bus as root, else on the session\n"
-                    "bus, for as long as the file plays; set and sound reach it on the same bus.\n",
+                    "run --realtime and live serve the chain as %s on the system bus as root, else on the\n"
+                    "session bus, for as long as they play; set and sound reach it on the same bus.\n",
                     c_usage, BundledConfigs::defaultConfig().c_str(), ChainService::c_busName);
         return 0;
     }
