@@ -1,11 +1,11 @@
 // The live host's period loop in this process, on the tests' own sound card, where its heap calls
 // are counted as for a chain's process().
+#include "tools/LivePeriodLoop.h"
 #include "dsp/InputStage.h"
 #include "dsp/OutputStage.h"
 #include "support/HeapWatch.h"
 #include "tools/AlsaPcm.h"
 #include "tools/ChainStages.h"
-#include "tools/LivePeriodLoop.h"
 
 #include <cstdlib>
 #include <gtest/gtest.h>

@@ -18,7 +18,8 @@ TEST(PeriodTimeHistogramTest, QuantilesReadBackWithinATenthOfAPercent)
     {
         double q;
         double expected;
-    } const cases[] = {{0.0, 1000}, {0.5, 5000500}, {0.99, 9900100}, {0.999, 9990010}, {1.0, double(longest)}};
+    } const cases[] = {
+        {0.0, 1000}, {0.5, 5000500}, {0.99, 9900100}, {0.999, 9990010}, {1.0, double(longest)}};
     for (auto const& c : cases) {
         SCOPED_TRACE(c.q);
         EXPECT_NEAR(double(histogram->quantile(c.q)), c.expected, c.expected / 1024);
