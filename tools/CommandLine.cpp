@@ -8,6 +8,7 @@
 #include "tools/ChainReport.h"
 #include "tools/ControlBus.h"
 #include "tools/GraphDrawing.h"
+#include "tools/LiveHost.h"
 #include "tools/OfflineHost.h"
 #include "tools/ResponseHost.h"
 #include "tools/ToolError.h"
@@ -35,6 +36,9 @@ constexpr char const* c_usage =
     "                         [--encode OUT.flac] [--sound N@SECONDS ...]\n"
     "                         [--progress|--quiet] [--realtime [--bus system|session]]\n"
     "                         INPUT.wav OUTPUT.wav\n"
+    "       orvandeldsp live  [--config FILE] (--capture PCM | --input FILE) --playback PCM\n"
+    "                         [--rate HZ] [--period FRAMES] [--periods N] [--format s16|s24|s32]\n"
+    "                         [--frames N] [--priority N] [--bus system|session | --no-service] [--quiet]\n"
     "       orvandeldsp set   [--bus system|session] MODULE KEY VALUE | --file PARAMS.txt\n"
     "       orvandeldsp sound [--bus system|session] play N | loop N INTERVAL_MS | stop ID\n"
     "       orvandeldsp check [--config FILE]\n"
@@ -47,7 +51,7 @@ constexpr char const* c_usage =
 constexpr unsigned int c_checkSampleRate = 48000;
 
 constexpr char const* c_shortUsage =
-    "usage: orvandeldsp run|check|graph|response|set|sound [OPTIONS] (see orvandeldsp --help)";
+    "usage: orvandeldsp run|live|check|graph|response|set|sound [OPTIONS] (see orvandeldsp --help)";
 
 ToolError usageError(std::string const& problem)
 {
@@ -251,6 +255,90 @@ int runCommand(int argc, char** argv)
     return 0;
 }
 
+int liveCommand(int argc, char** argv)
+{
+    gchar* config = nullptr;
+    gchar* capture = nullptr;
+    gchar* input = nullptr;
+    gchar* playback = nullptr;
+    gint rate = 0;
+    gint period = 1024;
+    gint periods = 3;
+    gchar* format = nullptr;
+    gint64 frames = 0;
+    gint priority = 70;
+    gchar* bus = nullptr;
+    gboolean noService = FALSE;
+    gboolean quiet = FALSE;
+    std::string const configHelp = describeConfigDefault();
+    GOptionEntry const entries[] = {
+        {"config", 'c', 0, G_OPTION_ARG_FILENAME, &config, configHelp.c_str(), "FILE"},
+        {"capture", 0, 0, G_OPTION_ARG_STRING, &capture,
+         "the capture PCM, as aplay -D names it (hw:0,0, default)", "PCM"},
+        {"input", 'i', 0, G_OPTION_ARG_FILENAME, &input,
+         "play a sound file instead of capturing; the run ends at its end", "FILE"},
+        {"playback", 0, 0, G_OPTION_ARG_STRING, &playback, "the playback PCM", "PCM"},
+        {"rate", 'r', 0, G_OPTION_ARG_INT, &rate,
+         "the devices' and the chain's rate (default 48000, or the input's)", "HZ"},
+        {"period", 'p', 0, G_OPTION_ARG_INT, &period, "frames per period, 1 to 1280 (default 1024)",
+         "FRAMES"},
+        {"periods", 0, 0, G_OPTION_ARG_INT, &periods, "periods in a device's buffer, 2 or more (default 3)",
+         "N"},
+        {"format", 'f', 0, G_OPTION_ARG_STRING, &format, "both devices' samples (default s32)",
+         "s16|s24|s32"},
+        {"frames", 'n', 0, G_OPTION_ARG_INT64, &frames, "end after N frames have gone through the chain",
+         "N"},
+        {"priority", 0, 0, G_OPTION_ARG_INT, &priority,
+         "SCHED_FIFO priority of the audio thread, 1 to 99 (default 70); 0 runs it at normal priority", "N"},
+        {"bus", 0, 0, G_OPTION_ARG_STRING, &bus, c_busHelp, "system|session"},
+        {"no-service", 0, 0, G_OPTION_ARG_NONE, &noService, "do not serve the chain on D-Bus", nullptr},
+        {"quiet", 'q', 0, G_OPTION_ARG_NONE, &quiet, "print the summary only when the run fails", nullptr},
+        {}};
+    OptionParser parser("",
+                        "Runs a dsp chain live from a capture device or a sound file to a playback device.");
+    parser.add(entries);
+    parser.parse(argc, argv);
+    std::unique_ptr<gchar, decltype(&g_free)> const configOwner(config, g_free),
+        captureOwner(capture, g_free), inputOwner(input, g_free), playbackOwner(playback, g_free),
+        formatOwner(format, g_free), busOwner(bus, g_free);
+
+    if (argc != 1)
+        throw usageError("live takes no file arguments; name the input with --input");
+    if (!capture == !input)
+        throw usageError("live needs either --capture PCM or --input FILE");
+    if (!playback)
+        throw usageError("live needs --playback PCM");
+    if (rate < 0 || (rate > 0 && rate < 1000) || rate > 768000)
+        throw usageError("--rate must be between 1000 and 768000 Hz");
+    if (period < 1 || period > int(Chain::getMaxNumFramesPerProcessCall()))
+        throw usageError("--period must be between 1 and 1280 frames");
+    if (periods < 2 || periods > 1024)
+        throw usageError("--periods must be between 2 and 1024");
+    if (frames < 0)
+        throw usageError("--frames must not be negative");
+    if (priority < 0 || priority > 99)
+        throw usageError("--priority must be between 0 and 99");
+    if (bus && noService)
+        throw usageError("--bus and --no-service exclude each other");
+
+    LiveHost::Options options;
+    options.config = configOrDefault(config);
+    options.capture = capture ? capture : "";
+    options.input = input ? input : "";
+    options.playback = playback;
+    options.rate = unsigned(rate);
+    options.periodFrames = unsigned(period);
+    options.periods = unsigned(periods);
+    options.format = format ? parsePcmFormat(format) : SND_PCM_FORMAT_S32_LE;
+    options.frames = uint64_t(frames);
+    options.priority = priority;
+    if (!noService)
+        options.bus = parseBus(bus);
+    options.quiet = quiet;
+    LiveHost::run(options);
+    return 0;
+}
+
 int checkCommand(int argc, char** argv)
 {
     gchar* config = nullptr;
@@ -395,7 +483,7 @@ int setCommand(int argc, char** argv)
         {}};
     OptionParser parser(
         "MODULE KEY VALUE",
-        "Sets parameters of a chain served by `orvandeldsp run --realtime`. Options go first, so "
+        "Sets parameters of a chain served by `orvandeldsp run --realtime` or `live`. Options go first, so "
         "that a VALUE such as -12 is taken as it is.");
     parser.add(entries);
     parser.stopAtFirstArgument();
@@ -454,14 +542,15 @@ int dispatch(int argc, char** argv)
     if (command == "--help" || command == "-h") {
         std::printf("%s\n"
                     "  run    runs INPUT.wav through the chain into OUTPUT.wav\n"
+                    "  live   runs the chain live from a capture device or a file to a playback device\n"
                     "  check  loads the config and lists its modules in signal-flow order\n"
                     "  graph  draws the chain's signal flow with Graphviz dot\n"
                     "  response  measures the chain's frequency response, as CSV or a gnuplot picture\n"
-                    "  set    sets parameters of a chain served by run --realtime\n"
+                    "  set    sets parameters of a chain served by run --realtime or live\n"
                     "  sound  plays, loops or stops system sounds on a served chain\n\n"
                     "The default config is %s\n"
-                    "run --realtime serves the chain as %s on the system bus as root, else on the session\n"
-                    "bus, for as long as the file plays; set and sound reach it on the same bus.\n",
+                    "run --realtime and live serve the chain as %s on the system bus as root, else on the\n"
+                    "session bus, for as long as they play; set and sound reach it on the same bus.\n",
                     c_usage, BundledConfigs::defaultConfig().c_str(), ChainService::c_busName);
         return 0;
     }
@@ -476,6 +565,8 @@ int dispatch(int argc, char** argv)
     commandArgv[0] = const_cast<char*>(name.c_str());
     if (command == "run")
         return runCommand(commandArgc, commandArgv);
+    if (command == "live")
+        return liveCommand(commandArgc, commandArgv);
     if (command == "check")
         return checkCommand(commandArgc, commandArgv);
     if (command == "graph")

@@ -6,6 +6,7 @@
 #include "dsp/Resampler.h"
 #include "tools/ChainLoader.h"
 #include "tools/ChainStages.h"
+#include "tools/ClockPacedLoop.h"
 #include "tools/DetectionReport.h"
 #include "tools/DriftSimulation.h"
 #include "tools/EncodedOutput.h"
@@ -205,9 +206,11 @@ void OfflineHost::run(Options const& options)
         }
         return frames;
     };
-    if (realtime)
-        realtime->play(sampleRate, playPeriod);
-    else
+    if (realtime) {
+        ClockPacedLoop paced(sampleRate, playPeriod);
+        if (realtime->play(paced))
+            throw ToolError(ToolError::c_ioFailure, "interrupted; no output written");
+    } else
         while (playPeriod() > 0) {
         }
     for (auto const& feature : features)

@@ -1,45 +1,42 @@
 #pragma once
 
+#include "tools/PeriodLoop.h"
+
 #include <atomic>
-#include <functional>
 #include <gio/gio.h>
 #include <memory>
+#include <optional>
 
 namespace Zelmar {
 
 class Chain;
-class ChainService;
 
 namespace Host {
 
-// Plays a run at the audio's own speed, the way a sound card would take it, while the chain is served
-// on D-Bus: parameters and sounds can be changed during the run and the change lands in the output.
-// The periods run on an audio thread of their own; the calling thread runs the GLib main loop, which
-// the service's handlers, the sounds' timers and the chain's main-loop jobs need.
+class ServedChain;
+
+// Runs a chain as a sound card would: the periods on an audio thread of their own, while the calling
+// thread runs the GLib main loop that the service's handlers, the sounds' timers and the chain's
+// main-loop jobs need. SIGINT and SIGTERM ask the period loop to stop.
 class RealtimeHost
 {
 public:
-    // Takes one period through the chain and returns the input frames it took, 0 at the end.
-    using PlayPeriod = std::function<unsigned int()>;
-
-    // Serves the chain and returns once it owns the service's name, having said so on stdout.
-    // Throws ToolError when there is no bus or the name is taken.
-    RealtimeHost(Chain& chain, GBusType bus);
+    // Serves the chain on `bus` (see ServedChain), or not at all without one.
+    RealtimeHost(Chain& chain, std::optional<GBusType> bus);
     ~RealtimeHost();
 
     RealtimeHost(RealtimeHost const&) = delete;
     RealtimeHost& operator=(RealtimeHost const&) = delete;
 
-    // Calls playPeriod on the audio thread until it returns 0, each period `frames / sampleRate` seconds
-    // after the one before, and runs the main loop meanwhile. Rethrows what playPeriod threw; SIGINT or
-    // SIGTERM end the run early with a ToolError.
-    void play(unsigned int sampleRate, PlayPeriod const& playPeriod);
+    // Runs the loop on the audio thread and the main loop here until the loop returns. With a priority
+    // (1 to 99) the audio thread runs at SCHED_FIFO with the memory locked, or says on stderr why it
+    // cannot. Rethrows what the loop threw; returns whether a signal asked it to stop.
+    bool play(PeriodLoop& loop, int priority = 0);
 
 private:
-    void waitForName(GBusType bus);
+    void removeSignalSources();
 
-    GDBusConnection* m_connection;
-    std::unique_ptr<ChainService> m_service;
+    std::unique_ptr<ServedChain> m_served;
     // Raised on the main loop by SIGINT and SIGTERM, read by the audio thread between periods.
     std::atomic<bool> m_stopRequested{false};
     guint m_signalSources[2] = {};

@@ -1,0 +1,53 @@
+// The live host's period loop in this process, on the tests' own sound card, where its heap calls
+// are counted as for a chain's process().
+#include "tools/LivePeriodLoop.h"
+#include "dsp/InputStage.h"
+#include "dsp/OutputStage.h"
+#include "support/HeapWatch.h"
+#include "tools/AlsaPcm.h"
+#include "tools/ChainStages.h"
+
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <thread>
+
+using namespace Zelmar;
+using namespace Zelmar::Host;
+
+TEST(LivePeriodLoopTest, PeriodsXrunRecoveryAndTheFadeOutNeverTouchTheHeap)
+{
+    setenv("ALSA_CONFIG_PATH", ALSA_TEST_CONFIG_DIR "/live-pcm.conf", 1);
+    snd_config_update_free_global();
+    std::string const config = PROJECT_SOURCE_DIR "/configs/default.xml";
+    Chain chain(48000, config);
+    AlsaPcm::Setup setup;
+    setup.periodFrames = 256;
+    // One device through mmap, the other through readi/writei; each runs over once.
+    AlsaPcm capture("livetest:SPEED=0,XRUN=10000", SND_PCM_STREAM_CAPTURE, setup);
+    AlsaPcm playback("livetest:SPEED=0,MMAP=1,XRUN=20000", SND_PCM_STREAM_PLAYBACK, setup);
+    ASSERT_TRUE(playback.usesMmap() && !capture.usesMmap());
+    auto const telemetry = std::make_unique<LiveTelemetry>();
+    LivePeriodLoop loop({&chain, &theOnlyStage<InputStage>(chain, config, "input"),
+                         &theOnlyStage<OutputStage>(chain, config, "output")},
+                        capture, playback, {setup.periodFrames, 48000, 0}, *telemetry);
+
+    std::atomic<bool> stop{false};
+    int heapCalls = -1;
+    std::thread audio([&] {
+        Testing::takeHeapCallsOfWatchedThreads();
+        Testing::watchHeapOnThisThread(true);
+        loop.run(stop);
+        Testing::watchHeapOnThisThread(false);
+        heapCalls = Testing::takeHeapCallsOfWatchedThreads();
+    });
+    while (telemetry->frames.load() < 30000)
+        std::this_thread::yield();
+    stop.store(true);
+    audio.join();
+
+    EXPECT_EQ(heapCalls, 0);
+    EXPECT_EQ(loop.describeFailure(), "");
+    EXPECT_EQ(telemetry->xruns[LiveTelemetry::c_capture].load(), 1u);
+    EXPECT_EQ(telemetry->xruns[LiveTelemetry::c_playback].load(), 1u);
+    EXPECT_GE(telemetry->frames.load(), 30000u + 4800u) << "the fade-out was played";
+}

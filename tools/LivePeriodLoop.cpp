@@ -1,0 +1,134 @@
+#include "tools/LivePeriodLoop.h"
+
+#include "dsp/Chain.h"
+#include "dsp/InputStage.h"
+#include "dsp/OutputStage.h"
+#include "tools/AlsaPcm.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+
+namespace Zelmar {
+namespace Host {
+
+namespace {
+
+uint64_t nowNanoseconds()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return uint64_t(now.tv_sec) * 1000000000u + uint64_t(now.tv_nsec);
+}
+
+} // namespace
+
+LivePeriodLoop::LivePeriodLoop(Stages const& stages, PeriodSource& source, AlsaPcm& playback,
+                               Settings const& settings, LiveTelemetry& telemetry)
+    : m_stages(&m_initialStages), m_initialStages(stages), m_source(source), m_playback(playback),
+      m_settings(settings), m_telemetry(telemetry), m_captured(source.makeBuffers()),
+      m_played(playback.makeBuffers())
+{
+    stages.input->setInput(m_captured.get());
+    stages.output->setOutput(m_played.get());
+}
+
+void LivePeriodLoop::run(std::atomic<bool> const& stopRequested)
+{
+    // The sound fades in over the output stage's 100 ms rather than starting with a click.
+    m_stages.load(std::memory_order_acquire)->output->initialMute();
+    if (!startDevices())
+        return;
+    m_stages.load(std::memory_order_acquire)->output->setMute(false);
+
+    uint64_t frames = 0;
+    while (!isOver(frames, stopRequested)) {
+        uint64_t const left = m_settings.maxFrames ? m_settings.maxFrames - frames : UINT64_MAX;
+        int const captured =
+            m_source.readPeriod(*m_captured, unsigned(std::min<uint64_t>(left, m_settings.periodFrames)));
+        if (captured == 0)
+            break;
+        if (captured < 0) {
+            if (!recover(LiveTelemetry::c_capture, captured))
+                return;
+            continue;
+        }
+        frames += unsigned(captured);
+        if (!playPeriod(frames))
+            return;
+    }
+    if (int const error = m_playback.drain(); error < 0)
+        fail(m_playback, error);
+    m_source.stop();
+}
+
+// Over when the frames asked for are through, or when a fade-out asked for by a signal has ended: after
+// a second at the latest, since a system sound may keep the output open.
+bool LivePeriodLoop::isOver(uint64_t frames, std::atomic<bool> const& stopRequested)
+{
+    OutputStage& output = *m_stages.load(std::memory_order_acquire)->output;
+    if (m_fadedOutBy == c_notFading && stopRequested.load(std::memory_order_relaxed)) {
+        output.setMute(true);
+        m_fadedOutBy = frames + m_settings.sampleRate;
+    }
+    bool const fadedOut = m_fadedOutBy != c_notFading && (output.isMuting() || frames >= m_fadedOutBy);
+    return fadedOut || (m_settings.maxFrames && frames >= m_settings.maxFrames);
+}
+
+// Takes the captured period through the chain to the playback; false when the playback failed.
+bool LivePeriodLoop::playPeriod(uint64_t frames)
+{
+    uint64_t const started = nowNanoseconds();
+    // The chain decides how many frames leave it; an untouched playback period plays none.
+    m_played->setNumFrames(0);
+    m_stages.load(std::memory_order_acquire)->chain->process();
+    m_telemetry.periodTimes.record(nowNanoseconds() - started);
+    m_telemetry.frames.store(frames, std::memory_order_relaxed);
+    int const written = m_playback.writePeriod(*m_played, m_played->getNumFrames());
+    return written >= 0 || recover(LiveTelemetry::c_playback, written);
+}
+
+bool LivePeriodLoop::startDevices()
+{
+    // Both devices start from scratch: the capture empty, the playback's whole buffer primed with
+    // silence, so that it holds as much as it can before the first period arrives.
+    if (int const error = m_source.stop(); error < 0)
+        return fail(m_source, error);
+    if (int const error = m_playback.stop(); error < 0)
+        return fail(m_playback, error);
+    if (int const error = m_playback.writeSilence(m_playback.getBufferFrames()); error < 0)
+        return fail(m_playback, error);
+    if (int const error = m_playback.start(); error < 0)
+        return fail(m_playback, error);
+    if (int const error = m_source.start(); error < 0)
+        return fail(m_source, error);
+    return true;
+}
+
+bool LivePeriodLoop::recover(LiveTelemetry::Side side, int error)
+{
+    PeriodSource const& device = side == LiveTelemetry::c_capture ? m_source : m_playback;
+    if (error != -EPIPE)
+        return fail(device, error);
+    auto& xruns = m_telemetry.xruns[side];
+    xruns.store(xruns.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    if (!startDevices())
+        return false;
+    m_stages.load(std::memory_order_acquire)->output->initialMute();
+    return true;
+}
+
+bool LivePeriodLoop::fail(PeriodSource const& device, int error)
+{
+    m_failedDevice = &device;
+    m_failure = error;
+    return false;
+}
+
+std::string LivePeriodLoop::describeFailure() const
+{
+    return m_failedDevice ? m_failedDevice->describe() + ": " + snd_strerror(m_failure) : "";
+}
+
+} // namespace Host
+} // namespace Zelmar
