@@ -126,6 +126,10 @@ void ChainService::playSystemSound(SystemSound sound)
 
 unsigned int ChainService::loopSystemSound(SystemSound sound, unsigned int interval)
 {
+    if (interval < c_shortestLoopInterval)
+        throw IllegalArgumentException(
+            "unable to loop system sound: an interval of %0 ms is shorter than %1 ms", interval,
+            c_shortestLoopInterval);
     unsigned int const id = m_player.registerRepeatingSound(sound, interval);
     if (isChainReady())
         m_player.startRepeatingSound(id, &m_chain);

@@ -184,22 +184,24 @@ TEST_F(ChainServiceTest, PlaysLoopsAndStopsSoundsAndRefusesInvalidOnes)
     EXPECT_EQ(call("PlaySystemSound", g_variant_new("(i)", 4)).error, "");
     EXPECT_EQ(count(noModule), 1);
 
+    // A loop faster than 100 ms would only keep the main loop busy.
+    EXPECT_EQ(call("LoopSystemSound", g_variant_new("(iu)", 3, 99u), "(u)").error,
+              "unable to loop system sound: an interval of 99 ms is shorter than 100 ms");
     // A loop asked for before the chain is configured waits for the first set-parameters call.
-    Reply const loop = call("LoopSystemSound", g_variant_new("(iu)", 3, 5u), "(u)");
+    Reply const loop = call("LoopSystemSound", g_variant_new("(iu)", 3, 100u), "(u)");
     ASSERT_EQ(loop.error, "");
     guint32 id = 0;
     g_variant_get(loop.value, "(u)", &id);
     g_variant_unref(loop.value);
     EXPECT_GE(id, 1u);
-    runMainLoopUntil([] { return false; }, std::chrono::milliseconds(50));
+    runMainLoopUntil([] { return false; }, std::chrono::milliseconds(250));
     EXPECT_EQ(count(noModule), 1);
     EXPECT_EQ(call("SetParameters", tuples({})).error, "");
     EXPECT_TRUE(runMainLoopUntil([&] { return count(noModule) >= 3; }));
 
     EXPECT_EQ(call("StopLoopingSystemSound", g_variant_new("(u)", id)).error, "");
-    runMainLoopUntil([] { return false; }, std::chrono::milliseconds(20));
     auto const stopped = count(noModule);
-    runMainLoopUntil([] { return false; }, std::chrono::milliseconds(50));
+    runMainLoopUntil([] { return false; }, std::chrono::milliseconds(250));
     EXPECT_EQ(count(noModule), stopped);
     EXPECT_EQ(call("StopLoopingSystemSound", g_variant_new("(u)", 9999u)).error, "");
 }
