@@ -55,10 +55,9 @@ std::shared_ptr<Module> Chain::addModule(Tools::String const& type, Tools::Strin
 
 std::shared_ptr<Module> Chain::addStereoModule(Tools::String const& type, Tools::String const& id)
 {
-    if (type == "biquad")
-        return addModule("stereo-biquad", id);
-    if (type == "equalizer")
-        return addModule("stereo-equalizer", id);
+    ModuleDescriptor const* descriptor = ModuleFactory::get().findDescriptor(type);
+    if (descriptor && descriptor->getStereoVariant())
+        return addModule(descriptor->getStereoVariant(), id);
     auto wrapper = std::make_shared<StereoWrapper>(type, id);
     append(wrapper);
     return wrapper;

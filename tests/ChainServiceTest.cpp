@@ -140,12 +140,17 @@ TEST_F(ChainServiceTest, RefusesBadParametersAndKeepsThePreviousOnes)
         char const* message;
     };
     for (Case const& c :
-         {Case{"volume", "gain", "24", "out of range"}, Case{"volume", "gain", "loud", "stod"},
-          Case{"volume", "gain", "nan", "out of range"}, Case{"limiter", "threshold", "30", "threshold"},
-          Case{"limiter", "attack", "-0.001", "attack"}}) {
+         {Case{"volume", "gain", "24", "parameter gain of module volume: must be below 24 dB, not 24"},
+          Case{"volume", "gain", "loud", "parameter gain of module volume: \"loud\" is not a number"},
+          Case{"volume", "gain", "nan",
+               "parameter gain of module volume: must be a finite number, not \"nan\""},
+          Case{"limiter", "threshold", "30",
+               "parameter threshold of module limiter: must be below 24 dB, not 30"},
+          Case{"limiter", "attack", "-0.001",
+               "parameter attack of module limiter: must be at least 0 ms, not -0.001"}}) {
         Reply const reply = call("SetParameter", g_variant_new("(sss)", c.module, c.key, c.value));
         EXPECT_EQ(reply.code, G_DBUS_ERROR_INVALID_ARGS) << c.value;
-        EXPECT_NE(reply.error.find(c.message), std::string::npos) << reply.error;
+        EXPECT_EQ(reply.error, c.message);
     }
     EXPECT_DOUBLE_EQ(gainOf(gain), 0.5);
     EXPECT_EQ(gain->getParameters().getString("gain"), "-6");
