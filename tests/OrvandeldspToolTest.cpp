@@ -1,10 +1,13 @@
 // Runs the built `orvandeldsp` tool as a user would and checks its files, messages and exit statuses.
 #include "support/ToolRun.h"
 
+#include "dsp/ModuleFactory.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -444,4 +447,28 @@ TEST_F(OrvandeldspToolTest, DetectPrintsTheDetectorsTransitionsAtAudioTimes)
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.err, "orvandeldsp: config " + c_passthroughConfig +
                               ": --detect needs a module of type \"signal-detector\"\n");
+}
+
+TEST_F(OrvandeldspToolTest, TypesListsTheDescriptorsAndTheCheckedInReferenceIsCurrent)
+{
+    auto result = runTool({"types"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    std::vector<Zelmar::Tools::String> listed;
+    std::istringstream lines(result.out);
+    for (std::string line; std::getline(lines, line);)
+        listed.push_back(line.substr(0, line.find(' ')));
+    EXPECT_EQ(listed, Zelmar::ModuleFactory::get().getTypeNames());
+
+    result = runTool({"types", "gain"});
+    EXPECT_EQ(result.out,
+              "gain: gain stage\n  ports: 1 in, 1 out\n  gain (number, dB; default 0)\n      below 24 dB\n"
+              "      level, six decibels per doubling (2^(dB/6)): +6 dB doubles; 24 dB does not fit\n");
+    expectFailure(runTool({"types", "Gain"}), 2, "orvandeldsp: there is no module type Gain", true);
+
+    gchar* reference = nullptr;
+    ASSERT_TRUE(
+        g_file_get_contents(PROJECT_SOURCE_DIR "/docs/config-reference.md", &reference, nullptr, nullptr));
+    EXPECT_EQ(runTool({"types", "--markdown"}).out, reference)
+        << "docs/config-reference.md is stale: write it anew with orvandeldsp types --markdown";
+    g_free(reference);
 }

@@ -3,6 +3,7 @@
 #include "dsp/ModuleFactory.h"
 
 #include <algorithm>
+#include <glib.h>
 
 namespace Zelmar {
 namespace Host {
@@ -85,6 +86,14 @@ std::string describeKind(ParameterDescriptor const& parameter)
     return kind;
 }
 
+std::string sentence(char const* phrase)
+{
+    std::string text = phrase;
+    if (!text.empty())
+        text[0] = char(g_ascii_toupper(text[0]));
+    return text + ".";
+}
+
 // Table cells must not hold a pipe.
 std::string cell(std::string text)
 {
@@ -140,8 +149,8 @@ void ModuleReference::printMarkdown(std::FILE* out)
         std::fprintf(out, "| [%s](#%s) | %s | %s |\n", name.c_str(), name.c_str(),
                      cell(describePorts(type)).c_str(), cell(type.getMeaning()).c_str());
     for (auto const& [name, type] : types) {
-        std::fprintf(out, "\n### %s\n\n%s.\n\n- Ports: %s.\n", name.c_str(), type.getMeaning(),
-                     describePorts(type).c_str());
+        std::fprintf(out, "\n### %s\n\n%s\n\n- Ports: %s.\n", name.c_str(),
+                     sentence(type.getMeaning()).c_str(), describePorts(type).c_str());
         if (type.getStereoVariant())
             std::fprintf(out, "- As a stereo-module it is a %s.\n", type.getStereoVariant());
         if (type.getParameters().empty()) {
