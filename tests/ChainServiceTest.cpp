@@ -2,7 +2,6 @@
 
 #include "dsp/Chain.h"
 #include "dsp/Gain.h"
-#include "dsp/ModuleFactory.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/MainLoop.h"
 #include "tests/support/ModuleHarness.h"
@@ -11,7 +10,6 @@
 #include <algorithm>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <random>
 
 using namespace Zelmar;
 using Testing::runMainLoopUntil;
@@ -189,9 +187,6 @@ TEST_F(ChainServiceTest, PlaysLoopsAndStopsSoundsAndRefusesInvalidOnes)
     EXPECT_EQ(call("PlaySystemSound", g_variant_new("(i)", 4)).error, "");
     EXPECT_EQ(count(noModule), 1);
 
-    // A loop faster than 100 ms would only keep the main loop busy.
-    EXPECT_EQ(call("LoopSystemSound", g_variant_new("(iu)", 3, 99u), "(u)").error,
-              "unable to loop system sound: an interval of 99 ms is shorter than 100 ms");
     // A loop asked for before the chain is configured waits for the first set-parameters call.
     Reply const loop = call("LoopSystemSound", g_variant_new("(iu)", 3, 100u), "(u)");
     ASSERT_EQ(loop.error, "");
@@ -209,41 +204,6 @@ TEST_F(ChainServiceTest, PlaysLoopsAndStopsSoundsAndRefusesInvalidOnes)
     runMainLoopUntil([] { return false; }, std::chrono::milliseconds(250));
     EXPECT_EQ(count(noModule), stopped);
     EXPECT_EQ(call("StopLoopingSystemSound", g_variant_new("(u)", 9999u)).error, "");
-}
-
-TEST_F(ChainServiceTest, SurvivesHostileParametersForEveryModuleType)
-{
-    for (Tools::String const& type : ModuleFactory::get().getTypeNames())
-        m_chain.addModule(type, type);
-    auto const service = serve();
-    std::vector<char const*> const keys = {
-        "gain",       "threshold", "attack",          "release",       "frequency",          "q",
-        "type",       "delay",     "source-rate",     "selected-port", "interleave-pattern", "low-gain",
-        "mid-gain",   "high-gain", "gain-correction", "routing",       "signal-threshold",   "",
-        "no-such-key"};
-    std::vector<char const*> const values = {
-        "",   "x",           "nan",        "inf", "-inf", "1e300",  "-1e300", "24", "100", "-100", "0",
-        "-1", "99999999999", "2147483648", "0.5", "peak", "lopass", "1",      "9",  "01",  "true", "3.5e1"};
-    std::mt19937 random(8);
-    unsigned int answered = 0;
-    for (Tools::String const& type : ModuleFactory::get().getTypeNames()) {
-        for (int i = 0; i < 40; ++i) {
-            char const* key = keys[random() % keys.size()];
-            char const* value = values[random() % values.size()];
-            Reply const one = call("SetParameter", g_variant_new("(sss)", type.c_str(), key, value));
-            Reply const set = call("SetParameters", tuples({{type.c_str(), key, value},
-                                                            {type.c_str(), keys[random() % keys.size()],
-                                                             values[random() % values.size()]}}));
-            for (Reply const* r : {&one, &set}) {
-                ASSERT_TRUE(r->done) << type << " " << key << "=" << value;
-                EXPECT_TRUE(r->error.empty() || r->code == G_DBUS_ERROR_INVALID_ARGS) << r->error;
-                answered += r->done;
-                if (r->value)
-                    g_variant_unref(r->value);
-            }
-        }
-    }
-    EXPECT_EQ(answered, 80u * ModuleFactory::get().getTypeNames().size());
 }
 
 TEST(DbusServiceTest, SystemBusPolicyFileLoads)
