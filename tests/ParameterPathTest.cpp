@@ -212,14 +212,12 @@ Regression const c_regressions[] = {
          EXPECT_THROW(
              limiter->applyParameters({{"attack", "-5"}, {"release", "100"}, {"threshold", "-1"}}, 48000),
              IllegalArgumentException);
-         EXPECT_EQ(limiter->getConfiguredParameters().getString("attack"), "1");
-         Parameters const filter{{"type", "peak"}, {"frequency", "1000"}, {"q", "1"}};
-         auto const biquad = make("biquad", filter);
-         for (auto const& [key, value] : {std::pair{"q", "-1"}, {"frequency", "0"}}) {
-             Parameters bad = filter;
-             bad.set(key, value);
-             EXPECT_THROW(biquad->applyParameters(bad, 48000), IllegalArgumentException) << key;
-         }
+         EXPECT_EQ(limiter->getConfiguredParameters().getString("attack"), "1") << "the set in force stays";
+         auto const biquad = make("biquad", {{"type", "peak"}, {"frequency", "1000"}, {"q", "1"}});
+         EXPECT_THROW(biquad->applyParameters({{"type", "peak"}, {"frequency", "1000"}, {"q", "-1"}}, 48000),
+                      IllegalArgumentException);
+         EXPECT_THROW(biquad->applyParameters({{"type", "peak"}, {"frequency", "0"}, {"q", "1"}}, 48000),
+                      IllegalArgumentException);
      }},
     {"loading and compiling grew with the square of the module count (timed in ChainLoadBench)",
      [] {

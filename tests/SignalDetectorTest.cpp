@@ -365,7 +365,6 @@ TEST(SignalDetectorTest, PollsEveryQuarterSecondOnTheMainLoop)
         EXPECT_EQ(reports, (std::vector<bool>{true, false}));
         EXPECT_GE(first - start, 240000);
         EXPECT_GE(second - first, 240000);
-        EXPECT_LT(second - first, 1000000);
     }
     g_main_context_pop_thread_default(context);
     g_main_context_unref(context);
