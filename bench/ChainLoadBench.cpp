@@ -1,4 +1,5 @@
 #include "dsp/Chain.h"
+#include "dsp/ChainCheck.h"
 
 #include <benchmark/benchmark.h>
 #include <cstdio>
@@ -44,5 +45,16 @@ void BM_LoadAndCompile(benchmark::State& state)
     std::remove(path.c_str());
 }
 BENCHMARK(BM_LoadAndCompile)->Arg(1000)->Arg(4000)->Arg(10000)->Unit(benchmark::kMillisecond);
+
+// What `orvandeldsp check` does before it loads: the same file read again, every problem looked for.
+void BM_CheckConfig(benchmark::State& state)
+{
+    std::string const path = writeSeriesConfig(int(state.range(0)));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(ChainCheck::check(path, 48000).size());
+    state.SetItemsProcessed(int64_t(state.iterations()) * state.range(0));
+    std::remove(path.c_str());
+}
+BENCHMARK(BM_CheckConfig)->Arg(1000)->Arg(4000)->Arg(10000)->Unit(benchmark::kMillisecond);
 
 } // namespace
