@@ -28,7 +28,8 @@ std::string quoted(std::string const& value)
     }
     constexpr std::size_t c_longest = 40;
     if (g_utf8_strlen(text.c_str(), -1) > glong(c_longest))
-        text = text.substr(0, std::size_t(g_utf8_offset_to_pointer(text.c_str(), c_longest) - text.c_str())) + "...";
+        text = text.substr(0, std::size_t(g_utf8_offset_to_pointer(text.c_str(), c_longest) - text.c_str())) +
+               "...";
     return "\"" + text + "\"";
 }
 

@@ -22,8 +22,8 @@ void ChainReport::print(Chain const& chain, std::string const& config, std::FILE
             auto const& source = module->getInPortSpec(port);
             // An output stage may leave a port its pattern does not read unconnected.
             if (source.module)
-                std::fprintf(out, "%s [%u] <- %s[%u]", port == 0 ? ";" : ",", port, source.module->getID().c_str(),
-                             source.port);
+                std::fprintf(out, "%s [%u] <- %s[%u]", port == 0 ? ";" : ",", port,
+                             source.module->getID().c_str(), source.port);
             else
                 std::fprintf(out, "%s [%u] unconnected", port == 0 ? ";" : ",", port);
         }
