@@ -99,7 +99,7 @@ private:
     void start(std::string const& element, char const** names, char const** values)
     {
         Place const place = placeOfNextStartTag();
-        noteUnknownAttributes(element, names, place);
+        noteUnknownAttributes(element, names, values, place);
         int opened = -1;
         if (element == "module" || element == "stereo-module") {
             if (m_current >= 0)
@@ -169,7 +169,8 @@ private:
         m_givenBy[m_key.str()] = m_parameterElements;
     }
 
-    void noteUnknownAttributes(std::string const& element, char const** names, Place place)
+    void noteUnknownAttributes(std::string const& element, char const** names, char const** values,
+                               Place place)
     {
         for (auto const& known : c_knownElements) {
             if (element != known.name)
@@ -177,9 +178,25 @@ private:
             for (unsigned int i = 0; names[i]; ++i) {
                 if (!known.attributes.count(names[i]))
                     note(false, place,
-                         "the attribute " + oneLine(names[i]) + " of " + element + " is unknown and ignored");
+                         "the attribute " + oneLine(names[i]) + " of " + describe(element, names, values) +
+                             " is unknown and ignored");
             }
         }
+    }
+
+    // The element as a message names it.
+    std::string describe(std::string const& element, char const** names, char const** values) const
+    {
+        if (element == "cable")
+            return "the cable from " + oneLine(attribute(names, values, "out").str()) + " to " +
+                   oneLine(attribute(names, values, "in").str());
+        std::string const id = oneLine(attribute(names, values, "id").str());
+        if (element != "parameter")
+            return element + " " + id;
+        std::string text = "parameter " + id;
+        if (m_current >= 0)
+            text += " of module " + oneLine(m_document.m_modules[std::size_t(m_current)].id.str());
+        return text;
     }
 
     void noteUnfinished(GError const* error)

@@ -287,7 +287,7 @@ TEST_F(OrvandeldspToolTest, CheckWarnsOfWhatTheLibraryIgnoresAndChecksAtTheRateA
     EXPECT_EQ(result.status, 0) << result.err;
     std::string const prefix = "orvandeldsp: config " + config;
     EXPECT_EQ(result.err,
-              prefix + ":2:1: warning: the attribute colour of module is unknown and ignored\n" + prefix +
+              prefix + ":2:1: warning: the attribute colour of module in is unknown and ignored\n" + prefix +
                   ":3:28: warning: parameter gian of module g: is not a parameter of the type gain, "
                   "which ignores it\n" +
                   prefix +
