@@ -82,7 +82,9 @@ TEST(ChainTest, AChangeInEveryPeriodForAMillionPeriodsLeavesTheHeapAsItWas)
     run(1000);
     long const before = Testing::heapBytesInUse();
     run(1000000);
-    EXPECT_LT(std::abs(Testing::heapBytesInUse() - before), 4096);
+    // A set lost per thousand periods would add some 50 kB; what GLib's timers hold at the moment of
+    // measuring varies by a few.
+    EXPECT_LT(std::abs(Testing::heapBytesInUse() - before), 16384);
 }
 
 TEST(SoundsTest, MixingAndDuckingNeverTouchTheHeap)
