@@ -6,7 +6,7 @@ AdaptiveBiquad::AdaptiveBiquad(Tools::String const& id) : VolumeAdaptiveModule<B
 
 Parameters const& AdaptiveBiquad::getParameters() const
 {
-    return getStoredParameters();
+    return getConfiguredParameters();
 }
 
 } // namespace Zelmar

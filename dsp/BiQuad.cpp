@@ -21,7 +21,7 @@ void BiQuad::setParameters(Parameters const& params, unsigned int sampleRate)
     setFutureParameterSet(new ParameterSet(params, sampleRate));
 }
 
-void BiQuad::validateParameters(Parameters const& params, unsigned int sampleRate) const
+void BiQuad::checkParameters(Parameters const& params, unsigned int sampleRate) const
 {
     AudioFilter::Characteristic type = tBiQuadDesign::translateType(params.getString("type"));
     double const frequency = params.getDouble("frequency");
@@ -33,7 +33,8 @@ void BiQuad::validateParameters(Parameters const& params, unsigned int sampleRat
                        type != AudioFilter::Characteristic::LoShelf &&
                        type != AudioFilter::Characteristic::HiShelf;
     if (usesQ && q == 0.0)
-        throw IllegalArgumentException("q of module %0 must not be 0", getID());
+        throw IllegalArgumentException("parameter q of module %0: must be above 0 for the type %1", getID(),
+                                       params.getString("type"));
     double c[5];
     tBiQuadDesign::design(type, sampleRate, frequency, q, gain, c);
     for (double const coefficient : c)

@@ -23,7 +23,6 @@ public:
     ~BiQuad() override = default;
 
     void setParameters(Parameters const& params, unsigned int sampleRate) override;
-    void validateParameters(Parameters const& parameters, unsigned int sampleRate) const override;
     unsigned int getNumOutPorts() const override { return 1; }
     unsigned int getNumInPorts() const override { return 1; }
     void process() override;
@@ -32,6 +31,8 @@ public:
     tBiQuadKernel getPrecalculatedKernel() const { return m_precalculatedKernel; }
 
 protected:
+    // A designed section must fit Q4.27, and the types that divide by Q need it above 0.
+    void checkParameters(Parameters const& parameters, unsigned int sampleRate) const override;
     // Looks the kernel up once per parameter set. Keyed on the set in force rather than a flag that
     // setParameters clears, so a lookup racing with a hand-over cannot pair a kernel with the wrong set.
     void lookUpPrecalculatedKernel(ParameterSet const& ps);

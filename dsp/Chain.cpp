@@ -49,30 +49,32 @@ std::shared_ptr<Module> Chain::addModule(Tools::String const& type, Tools::Strin
     std::shared_ptr<Module> module(ModuleFactory::get().createModule(type, id));
     if (!module)
         throw ParsingException("Module type %0 not found in module factory", type);
-    m_modules.push_back(module);
-    module->onModuleAddedToChain(*this);
+    append(module);
     return module;
 }
 
 std::shared_ptr<Module> Chain::addStereoModule(Tools::String const& type, Tools::String const& id)
 {
-    if (type == "biquad")
-        return addModule("stereo-biquad", id);
-    if (type == "equalizer")
-        return addModule("stereo-equalizer", id);
+    ModuleDescriptor const* descriptor = ModuleFactory::get().findDescriptor(type);
+    if (descriptor && descriptor->getStereoVariant())
+        return addModule(descriptor->getStereoVariant(), id);
     auto wrapper = std::make_shared<StereoWrapper>(type, id);
-    m_modules.push_back(wrapper);
-    wrapper->onModuleAddedToChain(*this);
+    append(wrapper);
     return wrapper;
+}
+
+void Chain::append(std::shared_ptr<Module> const& module)
+{
+    m_modules.push_back(module);
+    // Lookups find the first module of an id, so a later one does not replace it here.
+    m_modulesById.emplace(module->getID(), module);
+    module->onModuleAddedToChain(*this);
 }
 
 std::shared_ptr<Module> Chain::tryFindModule(Tools::String const& id) const
 {
-    for (auto const& module : m_modules) {
-        if (module->getID() == id)
-            return module;
-    }
-    return nullptr;
+    auto const it = m_modulesById.find(id);
+    return it == m_modulesById.end() ? nullptr : it->second;
 }
 
 std::shared_ptr<Module> Chain::findModule(Tools::String const& id) const
@@ -92,7 +94,8 @@ bool Chain::isExclusiveOutportUser(Tools::String const& to, Tools::String const&
 std::shared_ptr<Module> Chain::parseWireModule(Tools::String const& portSpec) const
 {
     if (portSpec.str().find('[') == std::string::npos)
-        throw ParsingException("something is wrong with the port spec - should be moduleid[portnum]: %0\n", portSpec);
+        throw ParsingException("something is wrong with the port spec - should be moduleid[portnum]: %0\n",
+                               portSpec);
     return tryFindModule(moduleIdOf(portSpec));
 }
 
@@ -100,7 +103,8 @@ unsigned int Chain::parseWirePort(Tools::String const& portSpec) const
 {
     auto const bracket = portSpec.str().find('[');
     if (bracket == std::string::npos)
-        throw ParsingException("something is wrong with the port spec - should be moduleid[portnum]: %0", portSpec);
+        throw ParsingException("something is wrong with the port spec - should be moduleid[portnum]: %0",
+                               portSpec);
     return static_cast<unsigned int>(std::stoi(portSpec.str().substr(bracket + 1)));
 }
 
@@ -138,6 +142,10 @@ void Chain::replaceShortcutWires()
 
 void Chain::wireModules()
 {
+    // How many inputs read each output: an input runs in place only when it is the only reader.
+    std::map<Tools::String, unsigned int> readers;
+    for (auto const& wire : m_wires)
+        ++readers[wire.second];
     for (auto const& [to, from] : m_wires) {
         auto const destination = parseWireModule(to);
         unsigned int const destinationPort = parseWirePort(to);
@@ -148,7 +156,7 @@ void Chain::wireModules()
         if (!source)
             throw ParsingException("Module for portSpec %0 does not exist", from);
         destination->setInPortBuffer(destinationPort, source, sourcePort);
-        if (destination->canProcessInPlace() && isExclusiveOutportUser(to, from))
+        if (destination->canProcessInPlace() && readers[from] == 1)
             destination->activeInPlaceProcessingForPort(destinationPort);
     }
 }
@@ -166,32 +174,42 @@ void Chain::reorderModulesToSignalFlow()
 
     tModuleList working;
     working.swap(m_modules);
-    while (auto sink = findUncompiledModuleWithoutOutputs(working))
-        addModulesSortedBySignalFlow(sink, feeders);
+    // Sinks feed nothing, so placing one never places another: one pass takes them in insertion order.
+    for (auto const& module : working) {
+        if (module->getNumOutPorts() == 0)
+            addModulesSortedBySignalFlow(module, feeders);
+    }
     allocateMeters();
 }
 
-std::shared_ptr<Module> Chain::findUncompiledModuleWithoutOutputs(tModuleList const& modules)
+void Chain::addModulesSortedBySignalFlow(std::shared_ptr<Module> const& sink, tFeeders const& feeders)
 {
-    for (auto const& module : modules) {
-        if (!module->getCompileFlag(c_placedFlag) && module->getNumOutPorts() == 0)
-            return module;
+    // A depth-first post-order, every module after all that feed it, walked with a stack of its own so
+    // that a long series of modules cannot exhaust the thread's stack.
+    struct Visit
+    {
+        std::shared_ptr<Module> module;
+        std::size_t nextFeeder;
+    };
+    std::vector<Visit> path;
+    auto enter = [&](std::shared_ptr<Module> const& module) {
+        // Marked on the way in, so a cycle ends instead of looping.
+        if (module->getCompileFlag(c_placedFlag))
+            return;
+        module->setCompileFlag(c_placedFlag);
+        path.push_back({module, 0});
+    };
+    enter(sink);
+    while (!path.empty()) {
+        auto const it = feeders.find(path.back().module.get());
+        std::size_t const next = path.back().nextFeeder++;
+        if (it != feeders.end() && next < it->second.size()) {
+            enter(it->second[next]);
+            continue;
+        }
+        m_modules.push_back(path.back().module);
+        path.pop_back();
     }
-    return nullptr;
-}
-
-void Chain::addModulesSortedBySignalFlow(std::shared_ptr<Module> const& module, tFeeders const& feeders)
-{
-    if (module->getCompileFlag(c_placedFlag))
-        return;
-    // Marked before recursing, so a cycle ends instead of looping.
-    module->setCompileFlag(c_placedFlag);
-    auto const it = feeders.find(module.get());
-    if (it != feeders.end()) {
-        for (auto const& feeder : it->second)
-            addModulesSortedBySignalFlow(feeder, feeders);
-    }
-    m_modules.push_back(module);
 }
 
 void Chain::process()
@@ -215,7 +233,8 @@ void Chain::printMeters() const
     char const* processName = Tools::Tracer::getProcessName().c_str();
     for (auto const& module : m_modules) {
         for (unsigned int port = 0; port < module->getNumOutPorts(); ++port)
-            g_print("%s %s[%d] = %f\n", processName, module->getID().c_str(), port, module->getStoredMeter(port));
+            g_print("%s %s[%d] = %f\n", processName, module->getID().c_str(), port,
+                    module->getStoredMeter(port));
         auto const* output = dynamic_cast<OutputStage const*>(module.get());
         if (output && output->isMuting())
             g_print("%s output is MUTED\n", processName);

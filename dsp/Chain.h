@@ -7,6 +7,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <vector>
 
 namespace Zelmar {
 
@@ -50,8 +51,7 @@ public:
     tWires const& getWires() const { return m_wires; }
 
     // Calls f for every module of the container that is a T.
-    template <class T, class Container, class F>
-    static void forModule(Container const& modules, F&& f)
+    template <class T, class Container, class F> static void forModule(Container const& modules, F&& f)
     {
         for (auto const& module : modules) {
             if (dynamic_cast<T*>(module.get()))
@@ -66,12 +66,13 @@ private:
     void wireModules();
     void reorderModulesToSignalFlow();
     using tFeeders = std::map<Module*, std::vector<std::shared_ptr<Module>>>;
-    static std::shared_ptr<Module> findUncompiledModuleWithoutOutputs(tModuleList const& modules);
-    void addModulesSortedBySignalFlow(std::shared_ptr<Module> const& module, tFeeders const& feeders);
+    void addModulesSortedBySignalFlow(std::shared_ptr<Module> const& sink, tFeeders const& feeders);
+    void append(std::shared_ptr<Module> const& module);
 
     HiddenVolumeManager m_hiddenVolumeManager;
     unsigned int m_sampleRate;
     tModuleList m_modules;
+    std::map<Tools::String, std::shared_ptr<Module>> m_modulesById;
     tWires m_wires;
     mutable bool m_metersEnabled = false;
 };

@@ -80,7 +80,7 @@ void ChainService::handleSetParameter(char const* module, char const* key, char 
     std::shared_ptr<Module> const found = m_chain.tryFindModule(module);
     if (!found)
         return;
-    Parameters changed = found->getParameters();
+    Parameters changed = found->getConfiguredParameters();
     changed.set(key, value);
     found->applyParameters(changed, m_chain.getSampleRate());
 }
@@ -89,7 +89,7 @@ void ChainService::handleSetParameters(GVariant* parameters)
 {
     std::map<Tools::String, Parameters> sets;
     Chain::forModule<Module>(m_chain.getModules(), [&](std::shared_ptr<Module> const& module) {
-        sets.emplace(module->getID(), module->getParameters());
+        sets.emplace(module->getID(), module->getConfiguredParameters());
     });
 
     GVariantIter iter;
@@ -126,6 +126,10 @@ void ChainService::playSystemSound(SystemSound sound)
 
 unsigned int ChainService::loopSystemSound(SystemSound sound, unsigned int interval)
 {
+    if (interval < c_shortestLoopInterval)
+        throw IllegalArgumentException(
+            "unable to loop system sound: an interval of %0 ms is shorter than %1 ms", interval,
+            c_shortestLoopInterval);
     unsigned int const id = m_player.registerRepeatingSound(sound, interval);
     if (isChainReady())
         m_player.startRepeatingSound(id, &m_chain);

@@ -23,6 +23,8 @@ public:
     static constexpr char const* c_busName = "com.orvandeldsp.Chain";
     static constexpr char const* c_objectPath = "/com/orvandeldsp/Chain";
     static constexpr char const* c_interfaceName = "com.orvandeldsp.Chain";
+    // A sound repeated faster than a mute fade lasts is noise, and at 0 it would keep the main loop busy.
+    static constexpr unsigned int c_shortestLoopInterval = 100;
 
     // Serves on the system bus.
     explicit ChainService(Chain& chain);
@@ -42,6 +44,7 @@ public:
     void handleSetParameter(char const* module, char const* key, char const* value);
     void handleSetParameters(GVariant* parameters);
     void playSystemSound(SystemSound sound);
+    // Throws IllegalArgumentException for an interval below c_shortestLoopInterval.
     unsigned int loopSystemSound(SystemSound sound, unsigned int interval);
     void stopLoopingSystemSound(unsigned int id);
 

@@ -1,5 +1,7 @@
 #include "dsp/Delay.h"
 
+#include <algorithm>
+
 namespace Zelmar {
 
 uint32_t Delay::calcDelayFrames(unsigned int sampleRate, int microseconds)
@@ -20,12 +22,23 @@ uint32_t Delay::calcRingSize(uint32_t frames)
 void Delay::setParameters(Parameters const& parameters, unsigned int sampleRate)
 {
     Module::setParameters(parameters, sampleRate);
-    uint32_t const frames = calcDelayFrames(sampleRate, parameters.getInt("delay"));
-    uint32_t const size = calcRingSize(frames);
-    m_mask = size - 1;
+    Line line;
+    line.frames = calcDelayFrames(sampleRate, parameters.getInt("delay"));
+    line.size = calcRingSize(line.frames);
+    setFutureParameterSet(new Line(line));
+}
+
+void Delay::takeLine()
+{
+    auto const* line = static_cast<Line const*>(takeNewParameterSet());
+    if (!line)
+        return;
     // Existing samples are kept (the line is not cleared); only new elements start at zero.
-    m_ring.resize(size);
-    m_writeIndex = frames;
+    if (line->size > m_size)
+        std::fill(m_ring.begin() + m_size, m_ring.begin() + line->size, tSample::s_Zero);
+    m_size = line->size;
+    m_mask = m_size - 1;
+    m_writeIndex = line->frames;
     m_readIndex = 0;
 }
 
@@ -35,7 +48,8 @@ void Delay::process()
     AudioBuffer* out = &outBuffer(0);
     out->setSize(in->getNumSampleFrames());
     ZELMAR_ASSERT(out->getNumSampleFrames() >= in->getNumSampleFrames());
-    if (m_ring.empty()) {
+    takeLine();
+    if (m_size == 0) {
         out->silence();
         return;
     }

@@ -2,6 +2,7 @@
 
 #include "dsp/Module.h"
 
+#include <cstdint>
 #include <vector>
 
 namespace Zelmar {
@@ -11,7 +12,10 @@ namespace Zelmar {
 class Delay : public Module
 {
 public:
-    explicit Delay(Tools::String const& id) : Module(id) {}
+    // A 32-bit product divided by 10^6 is at most 4294 frames, whose ring is 8192.
+    static constexpr uint32_t c_maxRingSize = 8192;
+
+    explicit Delay(Tools::String const& id) : Module(id), m_ring(c_maxRingSize) {}
     ~Delay() override = default;
 
     void setParameters(Parameters const& parameters, unsigned int sampleRate) override;
@@ -25,15 +29,23 @@ public:
     // Smallest power of two strictly above `frames`.
     static uint32_t calcRingSize(uint32_t frames);
 
-    uint32_t getDelayFrames() const { return m_writeIndex - m_readIndex; }
-    uint32_t getRingSize() const { return static_cast<uint32_t>(m_ring.size()); }
-
 private:
+    struct Line : ParameterSet
+    {
+        uint32_t frames;
+        uint32_t size;
+    };
+
+    void takeLine();
+
+    // The audio thread's: the ring is allocated once at its largest and used up to m_size; growing
+    // keeps the samples and clears the new slots, as a resized line would.
+    std::vector<tSample> m_ring;
+    uint32_t m_size = 0;
     uint32_t m_mask = 0;
     // Free-running counters; they wrap at 2^32, which the power-of-two mask makes harmless.
     uint32_t m_readIndex = 0;
     uint32_t m_writeIndex = 0;
-    std::vector<tSample> m_ring;
 };
 
 } // namespace Zelmar

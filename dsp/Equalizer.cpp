@@ -90,15 +90,27 @@ void Equalizer::process()
     m_gainCorrection->process();
 }
 
+Parameters Equalizer::bandSettings(unsigned int band, Tools::String const& gain)
+{
+    static char const* const c_types[] = {"loshelf", "peak", "hishelf"};
+    static char const* const c_frequencies[] = {"300", "1000", "3000"};
+    return {{"type", c_types[band]}, {"frequency", c_frequencies[band]}, {"q", "0.707"}, {"gain", gain}};
+}
+
 void Equalizer::initChildModules(unsigned int sampleRate)
 {
-    m_low->setParameters({{"type", "loshelf"}, {"frequency", "300"}, {"q", "0.707"}, {"gain", "0"}},
-                         sampleRate);
-    m_mid->setParameters({{"type", "peak"}, {"frequency", "1000"}, {"q", "0.707"}, {"gain", "0"}},
-                         sampleRate);
-    m_high->setParameters({{"type", "hishelf"}, {"frequency", "3000"}, {"q", "0.707"}, {"gain", "0"}},
-                          sampleRate);
+    m_low->setParameters(bandSettings(0, "0"), sampleRate);
+    m_mid->setParameters(bandSettings(1, "0"), sampleRate);
+    m_high->setParameters(bandSettings(2, "0"), sampleRate);
     m_gainCorrection->setParameters({{"gain", "0"}}, sampleRate);
+}
+
+void Equalizer::checkParameters(Parameters const& params, unsigned int sampleRate) const
+{
+    // The correction only lowers the level; what may not fit is a band's design.
+    m_low->validateParameters(bandSettings(0, params.getString("low-gain")), sampleRate);
+    m_mid->validateParameters(bandSettings(1, params.getString("mid-gain")), sampleRate);
+    m_high->validateParameters(bandSettings(2, params.getString("high-gain")), sampleRate);
 }
 
 void Equalizer::setParameters(Parameters const& params, unsigned int sampleRate)

@@ -31,7 +31,12 @@ public:
     // Low shelf, peak, high shelf and correction gain, in signal order.
     std::array<tModulePtr, 4> getChildModules() const { return {m_low, m_mid, m_high, m_gainCorrection}; }
 
+protected:
+    void checkParameters(Parameters const& parameters, unsigned int sampleRate) const override;
+
 private:
+    // Band 0 low, 1 mid, 2 high: the fixed type, corner and Q, with this gain.
+    static Parameters bandSettings(unsigned int band, Tools::String const& gain);
     // The corner frequencies and Q never change, so they are set once, with the first band gains.
     void initChildModules(unsigned int sampleRate);
 

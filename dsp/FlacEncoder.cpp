@@ -29,7 +29,11 @@ FlacEncoder::~FlacEncoder()
 
 void FlacEncoder::setParameters(Parameters const& parameters, unsigned int sampleRate)
 {
+    // The chain service re-applies every module's set on each call; that must not restart a stream.
+    bool const sameRate = m_encoder != nullptr && sampleRate == getSampleRate();
     Module::setParameters(parameters, sampleRate);
+    if (sameRate)
+        return;
     // The encoder thread uses the encoder; rebuild it only while that thread is parked.
     bool const wasEncoding = m_thread.joinable();
     stopEncoding();

@@ -27,9 +27,10 @@ namespace Zelmar {
 // Encoding runs between onSigGotFrameStateChanged(FramesWanted) and (FramesNotWanted). Stopping
 // encodes every pair queued before the stop, but libFLAC keeps back the last block it has not
 // completed (at most one block, 1152 pairs at compression level 2) until the encoder is finished:
-// setParameters finishes it, publishing that last frame, and then begins a new stream with a new
-// header; the destructor finishes it without publishing. A stop and a later start continue the same
-// stream. Pairs the audio thread cannot queue because the encoder fell behind are dropped (the newest
+// finishStream() finishes it, publishing that last frame, and the next start begins a new stream with
+// a new header, as does setParameters at another sample rate (at the rate in force it changes
+// nothing); the destructor finishes it without publishing. A stop and a later start continue the
+// same stream. Pairs the audio thread cannot queue because the encoder fell behind are dropped (the newest
 // ones), counted and reported on the main loop.
 class FlacEncoder : public Module
 {

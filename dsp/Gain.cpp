@@ -25,12 +25,15 @@ void Gain::setParameters(Parameters const& params, unsigned int sampleRate)
     Module::setParameters(params, sampleRate);
     double const dB = params.getDouble("gain");
     // Narrowed through float; a factor of 16 (24 dB) or more does not fit and asserts.
-    m_targetGain = tSample(std::pow(2.0, dB / 6.0));
-    m_currentGain = m_targetGain;
-    m_gainChangeIncrement = calcGainChangeIncrement(sampleRate);
+    m_requested.target = tSample(std::pow(2.0, dB / 6.0));
+    m_requested.increment = calcGainChangeIncrement(sampleRate);
+    ++m_requested.jump;
+    m_requested.jumpLevel = m_requested.target;
+    handOver();
 }
 
-void Gain::validateParameters(Parameters const& params, unsigned int) const
+// The range stops short of 24 dB; exactly where the factor stops fitting depends on its float rounding.
+void Gain::checkParameters(Parameters const& params, unsigned int) const
 {
     requireSampleRange(std::pow(2.0, params.getDouble("gain") / 6.0), "the gain factor");
 }
@@ -38,12 +41,36 @@ void Gain::validateParameters(Parameters const& params, unsigned int) const
 void Gain::fadeTo(tSample dB)
 {
     float const exponent = (dB / c_six).toFloat();
-    m_targetGain = tSample(std::pow(2.0, static_cast<double>(exponent)));
+    m_requested.target = tSample(std::pow(2.0, static_cast<double>(exponent)));
+    handOver();
+}
+
+void Gain::handOver()
+{
+    setFutureParameterSet(new Request(m_requested));
 }
 
 bool Gain::isFading() const
 {
+    return tSample(m_lastPeriodGain.load(std::memory_order_relaxed)).toFloat() != getTargetGain().toFloat();
+}
+
+bool Gain::isFadingNow() const
+{
     return m_currentGain.toFloat() != m_targetGain.toFloat();
+}
+
+void Gain::takeRequest()
+{
+    auto const* request = static_cast<Request const*>(takeNewParameterSet());
+    if (!request)
+        return;
+    m_targetGain = request->target;
+    m_gainChangeIncrement = request->increment;
+    if (request->jump != m_appliedJump) {
+        m_appliedJump = request->jump;
+        m_currentGain = request->jumpLevel;
+    }
 }
 
 tSample Gain::calcGainChangeIncrement(unsigned int sampleRate) const
@@ -58,12 +85,14 @@ void Gain::process()
     AudioBuffer* out = &outBuffer(0);
     out->setSize(in->getNumSampleFrames());
     ZELMAR_ASSERT(out->getNumSampleFrames() >= in->getNumSampleFrames());
-    if (isFading()) {
+    takeRequest();
+    if (isFadingNow()) {
         out->copyFrom(in);
         processFading(*out);
     } else {
         processWithoutFade(*out, *in);
     }
+    m_lastPeriodGain.store(m_currentGain.getRaw(), std::memory_order_relaxed);
 }
 
 void Gain::processWithoutFade(AudioBuffer& out, AudioBuffer const& in)
@@ -85,7 +114,7 @@ void Gain::processWithoutFade(AudioBuffer& out, AudioBuffer const& in)
 void Gain::processFading(AudioBuffer& buffer)
 {
     unsigned int const n = buffer.getNumSampleFrames();
-    tSample const target = getTargetGain();
+    tSample const target = m_targetGain;
     tSample g = m_currentGain;
     tSample const diff = target - g;
     tSample const sign = diff < tSample::s_Zero ? c_minusOne : c_one;

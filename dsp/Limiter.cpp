@@ -10,17 +10,18 @@ void Limiter::setParameters(Parameters const& params, unsigned int sampleRate)
     double const attackMs = params.getDouble("attack");
     double const releaseMs = params.getDouble("release");
     double const thresholdDb = params.getDouble("threshold");
+    Coefficients coefficients;
     // Same six-decibels-per-doubling rule as the gain stage; 24 dB or more does not fit and asserts.
-    m_threshold = tSample(std::pow(2.0, thresholdDb / 6.0));
-    m_attackCoefficient = calcCoefficient(attackMs, sampleRate);
-    m_releaseCoefficient = calcCoefficient(releaseMs, sampleRate);
+    coefficients.threshold = tSample(std::pow(2.0, thresholdDb / 6.0));
+    coefficients.attack = calcCoefficient(attackMs, sampleRate);
+    coefficients.release = calcCoefficient(releaseMs, sampleRate);
+    setFutureParameterSet(new Coefficients(coefficients));
 }
 
-void Limiter::validateParameters(Parameters const& params, unsigned int sampleRate) const
+// Times of 0 ms or more always give a coefficient from 0 to 1; the threshold factor is what may not fit.
+void Limiter::checkParameters(Parameters const& params, unsigned int) const
 {
     requireSampleRange(std::pow(2.0, params.getDouble("threshold") / 6.0), "the threshold factor");
-    for (char const* key : {"attack", "release"})
-        requireSampleRange(std::pow(0.01, 1.0 / (params.getDouble(key) * sampleRate * 0.001)), key);
 }
 
 tSample Limiter::calcCoefficient(double ms, unsigned int sampleRate)
@@ -36,6 +37,9 @@ void Limiter::process()
     out->setSize(in->getNumSampleFrames());
     ZELMAR_ASSERT(out->getNumSampleFrames() >= in->getNumSampleFrames());
 
+    Coefficients const unconfigured;
+    auto const* current = static_cast<Coefficients const*>(getCurrentParameterSet());
+    Coefficients const& c = current ? *current : unconfigured;
     tSample const* input = in->getRawData();
     tSample* output = out->getRawData();
     unsigned int const n = in->getNumSampleFrames();
@@ -44,10 +48,10 @@ void Limiter::process()
         tSample const x = input[i];
         // Wrapping absolute value: -16.0 stays negative and then never exceeds the threshold.
         tSample const a = x < tSample::s_Zero ? -x : x;
-        tSample const c = envelope < a ? m_attackCoefficient : m_releaseCoefficient;
-        envelope = a + c * (envelope - a);
+        tSample const weight = envelope < a ? c.attack : c.release;
+        envelope = a + weight * (envelope - a);
         // The threshold is never negative, so an envelope above it is positive and a safe divisor.
-        output[i] = m_threshold < envelope ? (x * m_threshold) / envelope : x;
+        output[i] = c.threshold < envelope ? (x * c.threshold) / envelope : x;
     }
     m_envelope = envelope;
 }

@@ -14,24 +14,26 @@ public:
 
     // "attack" and "release" in ms (99 % of a rise or fall), "threshold" in dB at six per doubling.
     void setParameters(Parameters const& params, unsigned int sampleRate) override;
-    void validateParameters(Parameters const& parameters, unsigned int sampleRate) const override;
     unsigned int getNumOutPorts() const override { return 1; }
     unsigned int getNumInPorts() const override { return 1; }
     void process() override;
 
-    tSample getAttackCoefficient() const { return m_attackCoefficient; }
-    tSample getReleaseCoefficient() const { return m_releaseCoefficient; }
-    tSample getThreshold() const { return m_threshold; }
-
     // Weight of the old envelope per sample for a time of `ms`; 0 ms follows the signal at once.
     static tSample calcCoefficient(double ms, unsigned int sampleRate);
 
+protected:
+    void checkParameters(Parameters const& parameters, unsigned int sampleRate) const override;
+
 private:
-    tSample m_attackCoefficient;
-    tSample m_releaseCoefficient;
-    // Stays 0 until configured, which makes an unconfigured limiter silent.
-    tSample m_threshold;
-    // Carried across periods and parameter changes.
+    // Until the first set everything is 0, which makes an unconfigured limiter silent.
+    struct Coefficients : ParameterSet
+    {
+        tSample attack;
+        tSample release;
+        tSample threshold;
+    };
+
+    // Carried across periods and parameter changes; audio thread only.
     tSample m_envelope;
 };
 

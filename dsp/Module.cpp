@@ -1,6 +1,7 @@
 #include "dsp/Module.h"
 
 #include "dsp/IllegalArgumentException.h"
+#include "dsp/ModuleFactory.h"
 #include "dsp/ParsingException.h"
 
 #include <thread>
@@ -59,12 +60,19 @@ void Module::setParameters(Parameters const& parameters, unsigned int sampleRate
     m_sampleRate = sampleRate;
 }
 
-void Module::validateParameters(Parameters const&, unsigned int) const {}
+void Module::checkParameters(Parameters const&, unsigned int) const {}
+
+void Module::validateParameters(Parameters const& parameters, unsigned int sampleRate) const
+{
+    if (ModuleDescriptor const* descriptor = getDescriptor())
+        descriptor->validate(parameters, sampleRate, m_id);
+    checkParameters(parameters, sampleRate);
+}
 
 void Module::applyParameters(Parameters const& parameters, unsigned int sampleRate)
 {
     validateParameters(parameters, sampleRate);
-    Parameters const previous = getParameters();
+    Parameters const previous = getConfiguredParameters();
     try {
         setParameters(parameters, sampleRate);
     } catch (...) {
@@ -110,11 +118,21 @@ Parameters const& Module::getParameters() const
     return m_parameters;
 }
 
+Parameters const& Module::getConfiguredParameters() const
+{
+    return m_parameters;
+}
+
+ModuleDescriptor const* Module::getDescriptor() const
+{
+    return ModuleFactory::get().findDescriptor(typeid(*this));
+}
+
 void Module::onModuleAddedToChain(Chain&) {}
 
 void Module::setParameter(Tools::String const& key, Tools::String const& value)
 {
-    Parameters changed = m_parameters;
+    Parameters changed = getConfiguredParameters();
     changed.set(key, value);
     setParameters(changed, m_sampleRate);
 }
@@ -183,6 +201,13 @@ Module::ParameterSet* Module::getCurrentParameterSet()
         m_currentParameterSet = taken;
     }
     return m_currentParameterSet;
+}
+
+Module::ParameterSet* Module::takeNewParameterSet()
+{
+    ParameterSet* const before = m_currentParameterSet;
+    ParameterSet* const current = getCurrentParameterSet();
+    return current != before ? current : nullptr;
 }
 
 void Module::deleteOldParameterSet()

@@ -2,6 +2,7 @@
 
 #include "dsp/IllegalArgumentException.h"
 
+#include <algorithm>
 #include <cmath>
 #include <string>
 
@@ -20,34 +21,36 @@ OutputStage::OutputStage(Tools::String const& id)
 void OutputStage::setParameters(Parameters const& parameters, unsigned int sampleRate)
 {
     Module::setParameters(parameters, sampleRate);
-    m_interleavePattern.clear();
-    // One digit per channel, deliberately: at most ten input ports can be addressed.
+    Routing routing;
+    // One digit per channel, deliberately: at most ten input ports can be addressed. A non-digit throws
+    // "stoi" and leaves the port count at the digits read so far, and the pattern in force unchanged.
     Tools::String const pattern = parameters.getString("interleave-pattern");
-    for (char const digit : pattern.str())
-        m_interleavePattern.push_back(std::stoi(std::string(1, digit)));
-    calcGainChangeIncrements(sampleRate);
+    m_numInPorts = 0;
+    for (char const digit : pattern.str()) {
+        routing.interleavePattern.push_back(std::stoi(std::string(1, digit)));
+        ++m_numInPorts;
+    }
+    // The fade lasts a tenth of a second: 0.5^(1/steps) down and 2^(1/steps) up, through float.
+    auto const steps = static_cast<unsigned int>(static_cast<float>(sampleRate) / 10.0);
+    double const e = static_cast<double>(1.0f / static_cast<float>(steps));
+    routing.gainDecrement = tSample(static_cast<float>(std::pow(0.5, e)));
+    routing.gainIncrement = tSample(static_cast<float>(std::pow(2.0, e)));
+    setFutureParameterSet(new Routing(std::move(routing)));
 }
 
-void OutputStage::validateParameters(Parameters const& parameters, unsigned int) const
+void OutputStage::checkParameters(Parameters const& parameters, unsigned int) const
 {
     // The pattern's length is the port count, fixed once the chain is compiled; each digit picks the
     // input port of one channel, which the audio thread does not check again.
     Tools::String const pattern = parameters.getString("interleave-pattern");
-    std::size_t const ports = m_ins.empty() ? pattern.str().size() : m_ins.size();
-    bool valid = pattern.str().size() == ports;
-    for (char const digit : pattern.str())
-        valid = valid && static_cast<std::size_t>(std::stoi(std::string(1, digit))) < ports;
-    if (!valid)
+    std::string const& digits = pattern.str();
+    std::size_t const ports = m_ins.empty() ? digits.size() : m_ins.size();
+    bool const fits = digits.size() == ports && std::all_of(digits.begin(), digits.end(), [&](char digit) {
+                          return static_cast<std::size_t>(digit - '0') < ports;
+                      });
+    if (!fits)
         throw IllegalArgumentException("interleave-pattern of module %0 does not fit its %1 input ports: %2",
                                        getID(), ports, pattern);
-}
-
-void OutputStage::calcGainChangeIncrements(unsigned int sampleRate)
-{
-    auto const steps = static_cast<unsigned int>(static_cast<float>(sampleRate) / 10.0);
-    double const e = static_cast<double>(1.0f / static_cast<float>(steps));
-    m_gainDecrement = tSample(static_cast<float>(std::pow(0.5, e)));
-    m_gainIncrement = tSample(static_cast<float>(std::pow(2.0, e)));
 }
 
 void OutputStage::setMute(bool mute)
@@ -93,13 +96,15 @@ void OutputStage::signalMuteStateChange()
 
 void OutputStage::process()
 {
-    unsigned int const numChannels = getNumInPorts();
-    if (numChannels == 0)
+    auto const* routing = static_cast<Routing const*>(getCurrentParameterSet());
+    if (!routing || routing->interleavePattern.empty())
         return;
-    unsigned int const frames = inBuffer(0).getNumSampleFrames();
-    for (unsigned int i = 0; i < numChannels; ++i)
-        m_output->getChannel(i).write(inBuffer(static_cast<unsigned int>(m_interleavePattern[i])).getRawData(), frames);
-    renderGain();
+    std::vector<int32_t> const& pattern = routing->interleavePattern;
+    // The period's length comes from a port the pattern reads: one it leaves out may be unconnected.
+    unsigned int const frames = inBuffer(static_cast<unsigned int>(pattern[0])).getNumSampleFrames();
+    for (unsigned int i = 0; i < pattern.size(); ++i)
+        m_output->getChannel(i).write(inBuffer(static_cast<unsigned int>(pattern[i])).getRawData(), frames);
+    renderGain(*routing, frames);
 }
 
 void OutputStage::silenceFrom(unsigned int firstFrame, unsigned int frames, unsigned int numChannels)
@@ -111,10 +116,9 @@ void OutputStage::silenceFrom(unsigned int firstFrame, unsigned int frames, unsi
     }
 }
 
-void OutputStage::renderGain()
+void OutputStage::renderGain(Routing const& routing, unsigned int frames)
 {
-    unsigned int const numChannels = getNumInPorts();
-    unsigned int const frames = inBuffer(0).getNumSampleFrames();
+    auto const numChannels = static_cast<unsigned int>(routing.interleavePattern.size());
     tSample const target = getTargetGain();
     tSample g = m_gain;
 
@@ -125,7 +129,7 @@ void OutputStage::renderGain()
     }
 
     bool const fadingUp = (target - g) >= tSample::s_Zero;
-    tSample const multiplier = fadingUp ? m_gainIncrement : m_gainDecrement;
+    tSample const multiplier = fadingUp ? routing.gainIncrement : routing.gainDecrement;
     for (unsigned int f = 0; f < frames; ++f) {
         tSample const factor = g - c_silent;
         for (unsigned int i = 0; i < numChannels; ++i) {

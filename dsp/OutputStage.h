@@ -22,10 +22,11 @@ public:
 
     void setOutput(AlsaAudioBuffersWrapperBase* output) { m_output = output; }
 
+    // The pattern reaches the audio thread as a whole, so a period never sees one being rebuilt.
     void setParameters(Parameters const& parameters, unsigned int sampleRate) override;
-    void validateParameters(Parameters const& parameters, unsigned int sampleRate) const override;
     unsigned int getNumOutPorts() const override { return 0; }
-    unsigned int getNumInPorts() const override { return static_cast<unsigned int>(m_interleavePattern.size()); }
+    // The length of the pattern last set; fixed once the chain is compiled.
+    unsigned int getNumInPorts() const override { return m_numInPorts; }
     void process() override;
 
     // Silent at once, without a fade: for the host's start-up.
@@ -41,10 +42,20 @@ public:
     // The handler gets true for muted, false for audible; it stays connected while the connection lives.
     Tools::Connection connectHandlerForMuteChanges(std::function<void(bool)> handler) const;
 
+protected:
+    // The pattern must name one port per channel of the compiled stage, and only ports it has.
+    void checkParameters(Parameters const& parameters, unsigned int sampleRate) const override;
+
 private:
+    struct Routing : ParameterSet
+    {
+        std::vector<int32_t> interleavePattern;
+        tSample gainDecrement;
+        tSample gainIncrement;
+    };
+
     void signalMuteStateChange();
-    void calcGainChangeIncrements(unsigned int sampleRate);
-    void renderGain();
+    void renderGain(Routing const& routing, unsigned int frames);
     void silenceFrom(unsigned int firstFrame, unsigned int frames, unsigned int numChannels);
 
     // The gain lives in an offset domain, 1.0 silent to 2.0 full level, so that repeated
@@ -53,10 +64,8 @@ private:
     static const tSample c_fullLevel;
 
     AlsaAudioBuffersWrapperBase* m_output = nullptr;
-    std::vector<int32_t> m_interleavePattern;
+    unsigned int m_numInPorts = 0;
     tSample m_gain = c_fullLevel;
-    tSample m_gainDecrement = tSample::s_Zero;
-    tSample m_gainIncrement = tSample::s_Zero;
     bool m_mute = true;
     std::atomic<int32_t> m_playRequests{0};
     mutable Tools::Signal<void(bool)> m_muteChangeSignal;

@@ -9,8 +9,13 @@ void PatchBay::setParameters(Parameters const& parameters, unsigned int)
 {
     HW::ChannelConfiguration const mode =
         HW::ConversionTools::mapFromLegacyRoutingString(parameters.getString("routing"));
-    if (mode != HW::ChannelConfiguration::Unknown && mode != m_routingMode)
-        m_routingMode = mode;
+    if (mode != HW::ChannelConfiguration::Unknown && mode != getRoutingMode())
+        setRoutingMode(mode);
+}
+
+void PatchBay::setRoutingMode(HW::ChannelConfiguration mode)
+{
+    m_routingMode.store(mode, std::memory_order_relaxed);
 }
 
 void PatchBay::process()
@@ -25,7 +30,7 @@ void PatchBay::process()
 
     // Outputs may share memory with their own inputs (in-place), so each case reads an input
     // before the output that aliases it is overwritten.
-    switch (m_routingMode) {
+    switch (getRoutingMode()) {
     case HW::ChannelConfiguration::Stereo:
         outLeft.copyFrom(inLeft);
         outRight.copyFrom(inRight);

@@ -3,6 +3,8 @@
 #include "base/ChannelConfiguration.h"
 #include "dsp/Module.h"
 
+#include <atomic>
+
 namespace Zelmar {
 
 // Stereo routing: straight, swapped, left or right on both, or a mono downmix on both outputs.
@@ -20,13 +22,13 @@ public:
     unsigned int getNumInPorts() const override { return 2; }
     void process() override;
 
-    // Unchecked: values from Unknown upwards resize the outputs but leave them unwritten.
-    void setRoutingMode(HW::ChannelConfiguration mode) { m_routingMode = mode; }
-    HW::ChannelConfiguration getRoutingMode() const { return m_routingMode; }
+    // Unchecked: values from Unknown upwards resize the outputs but leave them unwritten. Any thread.
+    void setRoutingMode(HW::ChannelConfiguration mode);
+    HW::ChannelConfiguration getRoutingMode() const { return m_routingMode.load(std::memory_order_relaxed); }
 
 private:
     // One byte, read once per period by the audio thread.
-    HW::ChannelConfiguration m_routingMode = HW::ChannelConfiguration::Stereo;
+    std::atomic<HW::ChannelConfiguration> m_routingMode{HW::ChannelConfiguration::Stereo};
 };
 
 } // namespace Zelmar

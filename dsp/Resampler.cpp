@@ -20,25 +20,49 @@ void Resampler::setParameters(Parameters const& parameters, unsigned int sampleR
     if (sourceRate <= 0)
         throw IllegalArgumentException("resampler %0 needs a positive source-rate in Hz, got %1", getID(),
                                        sourceRate);
-    m_sourceRate = static_cast<uint32_t>(sourceRate);
-    // The float step truncates; its integer part must stay below 32 (range assertion).
-    m_step = tStep(static_cast<float>(1.0 / getRatio()));
+    Conversion conversion;
+    conversion.sourceRate = static_cast<uint32_t>(sourceRate);
+    conversion.chainRate = sampleRate;
+    // One over the ratio, narrowed to float and truncated; its integer part must stay below 32 (range
+    // assertion).
+    double const ratio = static_cast<double>(sampleRate) / static_cast<double>(sourceRate);
+    conversion.step = tStep(static_cast<float>(1.0 / ratio));
+    m_requestedSourceRate = conversion.sourceRate;
+    m_requestedStep = conversion.step;
 
-    unsigned int const capacity = sampleRate > m_sourceRate ? sampleRate : m_sourceRate;
-    for (tHistory* history : {&m_leftHistory, &m_rightHistory}) {
-        history->resize(capacity);
-        history->reset();
+    unsigned int const capacity = sampleRate > conversion.sourceRate ? sampleRate : conversion.sourceRate;
+    // An earlier set with another size may still be pending; then the published size is not the one
+    // in force afterwards, so storage goes along whenever either differs.
+    if (capacity != m_requestedCapacity || capacity != m_historyCapacity.load(std::memory_order_relaxed)) {
+        conversion.leftStorage.assign(capacity, tSample::s_Zero);
+        conversion.rightStorage.assign(capacity, tSample::s_Zero);
     }
-    // Read position and phase run on: output resumes once the restarted histories catch up.
+    m_requestedCapacity = capacity;
+    setFutureParameterSet(new Conversion(std::move(conversion)));
 }
 
-void Resampler::validateParameters(Parameters const& parameters, unsigned int sampleRate) const
+void Resampler::takeConversion()
+{
+    auto* conversion = static_cast<Conversion*>(takeNewParameterSet());
+    if (!conversion)
+        return;
+    m_sourceRate = conversion->sourceRate;
+    m_chainRate = conversion->chainRate;
+    m_step = conversion->step;
+    // Swapped, not copied: the snapshot takes the old storage back to the main loop.
+    if (!conversion->leftStorage.empty()) {
+        m_leftHistory.swapStorage(conversion->leftStorage);
+        m_rightHistory.swapStorage(conversion->rightStorage);
+        m_historyCapacity.store(m_leftHistory.getCapacity(), std::memory_order_relaxed);
+    }
+    // Read position and phase run on: output resumes once the restarted histories catch up.
+    m_leftHistory.reset();
+    m_rightHistory.reset();
+}
+
+void Resampler::checkParameters(Parameters const& parameters, unsigned int sampleRate) const
 {
     int const sourceRate = parameters.getInt("source-rate");
-    if (sourceRate <= 0)
-        throw IllegalArgumentException("resampler %0 needs a positive source-rate in Hz, got %1", getID(),
-                                       sourceRate);
-    // The step source/sink has five integer bits.
     if (static_cast<double>(sourceRate) >= 32.0 * sampleRate)
         throw IllegalArgumentException("resampler %0 cannot take a source-rate of %1 Hz at %2 Hz", getID(),
                                        sourceRate, sampleRate);
@@ -46,12 +70,13 @@ void Resampler::validateParameters(Parameters const& parameters, unsigned int sa
 
 double Resampler::getRatio() const
 {
-    return static_cast<double>(getSampleRate()) / static_cast<double>(m_sourceRate);
+    return static_cast<double>(getSampleRate()) / static_cast<double>(m_requestedSourceRate);
 }
 
 void Resampler::process()
 {
-    if (m_sourceRate == getSampleRate()) {
+    takeConversion();
+    if (m_sourceRate == m_chainRate) {
         InputStage::process();
         return;
     }
@@ -66,7 +91,7 @@ void Resampler::process()
     }
 
     int64_t const available = static_cast<int64_t>(m_leftHistory.getNumWritten() - m_readPosition - 1);
-    int64_t outFrames = available > 0 ? available * getSampleRate() / static_cast<int64_t>(m_sourceRate) : 0;
+    int64_t outFrames = available > 0 ? available * m_chainRate / static_cast<int64_t>(m_sourceRate) : 0;
     AudioBuffer& leftOut = outBuffer(0);
     AudioBuffer& rightOut = outBuffer(1);
     // Growing past the reserved storage would allocate on the audio thread; what does not fit

@@ -3,7 +3,9 @@
 #include "dsp/InputStage.h"
 #include "dsp/RingBuffer.h"
 
+#include <atomic>
 #include <cstdint>
+#include <vector>
 
 namespace Zelmar {
 
@@ -19,19 +21,44 @@ public:
     explicit Resampler(Tools::String const& id) : InputStage(id) {}
     ~Resampler() override = default;
 
+    // Restarts the histories from the next period on; read position and phase run on.
     void setParameters(Parameters const& parameters, unsigned int sampleRate) override;
-    void validateParameters(Parameters const& parameters, unsigned int sampleRate) const override;
     void process() override;
 
-    unsigned int getSourceRate() const { return m_sourceRate; }
+    // As last configured.
+    unsigned int getSourceRate() const { return m_requestedSourceRate; }
     double getRatio() const;
-    tStep getStep() const { return m_step; }
+    tStep getStep() const { return m_requestedStep; }
 
-    // The sample between positions m_readPosition - 1 and m_readPosition at the current phase.
+    // Audio thread: the sample between positions m_readPosition - 1 and m_readPosition at the current phase.
     tSample getInSample(tHistory& history) const;
 
+protected:
+    // The step source/chain has five integer bits.
+    void checkParameters(Parameters const& parameters, unsigned int sampleRate) const override;
+
 private:
+    // New histories come along only when their size changes, so that they are allocated here and the
+    // replaced ones freed with the snapshot, on the main loop.
+    struct Conversion : ParameterSet
+    {
+        uint32_t sourceRate;
+        uint32_t chainRate;
+        tStep step;
+        std::vector<tSample> leftStorage;
+        std::vector<tSample> rightStorage;
+    };
+
+    void takeConversion();
+
+    uint32_t m_requestedSourceRate = 0;
+    tStep m_requestedStep;
+    unsigned int m_requestedCapacity = 0;
+    // Published by the audio thread, so that storage is sent whenever it might not have the size asked for.
+    std::atomic<unsigned int> m_historyCapacity{0};
+
     uint32_t m_sourceRate = 0;
+    uint32_t m_chainRate = 0;
     tStep m_phase;
     tStep m_step;
     // Absolute input position of the later interpolation sample.

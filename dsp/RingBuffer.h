@@ -42,8 +42,9 @@ public:
     // Contents stay in memory; they are merely no longer readable.
     virtual void reset() { m_written.store(0, std::memory_order_release); }
 
-    // Control thread only: changes the capacity, new slots hold T().
-    void resize(unsigned int capacity) { m_buffer.resize(capacity); }
+    // Takes `storage` as the new slots and leaves the old ones in it, without allocating or freeing;
+    // by the thread that uses the buffer, which then calls reset().
+    void swapStorage(std::vector<T>& storage) { m_buffer.swap(storage); }
 
     unsigned int getCapacity() const { return static_cast<unsigned int>(m_buffer.size()); }
     unsigned long long getNumWritten() const { return m_written.load(std::memory_order_acquire); }

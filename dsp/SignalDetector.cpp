@@ -88,8 +88,6 @@ void SignalDetector::process()
 void SignalDetector::runDetector(tSample const* samples, unsigned int n)
 {
     uint32_t const sampleRate = m_sampleRate.load(std::memory_order_relaxed);
-    if (sampleRate != 0 && static_cast<float>(sampleRate) != m_staticNoise.getSampleRate())
-        m_staticNoise.adjustSampleRate(static_cast<float>(sampleRate));
 
     // The input settles after start-up, and its first blocks would disturb the statistics.
     if (m_startupSkipFrames > 0) {

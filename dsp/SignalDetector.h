@@ -124,6 +124,8 @@ private:
     DetectionResult m_reportedResult = Silent;
     Tools::Expiration m_pollTimer;
     int32_t m_startupSkipFrames = c_startupSkipFrames;
+    // Made for 44100 Hz and left so at any rate: its block length and analysis interval, and the
+    // seconds it reports, are those of 44100 Hz input.
     StaticNoiseDetector m_staticNoise{44100.0f};
     FilterChHp1 m_filter;
     std::atomic<uint32_t> m_result{Silent};

@@ -66,7 +66,7 @@ void Sounds::adoptOutputStage(std::shared_ptr<Module> const& module, std::shared
 void Sounds::setParameters(Parameters const& parameters, unsigned int sampleRate)
 {
     Module::setParameters(parameters, sampleRate);
-    m_gainChangeIncrement = tSample(3.0f / static_cast<float>(sampleRate));
+    m_gainChangeIncrement.store(tSample(3.0f / static_cast<float>(sampleRate)), std::memory_order_relaxed);
 }
 
 std::shared_ptr<RomplerData> Sounds::getRomplerDataForSoundType(SystemSound sound)
@@ -134,10 +134,11 @@ void Sounds::process(tSample* left, tSample* right, unsigned int numFrames)
 
 unsigned int Sounds::fadeIn(tSample* left, tSample* right, unsigned int numFrames)
 {
-    auto const count = static_cast<unsigned int>(
-        (m_targetGain - m_currentGain).toFloat() / m_gainChangeIncrement.toFloat() + 1.0f);
+    tSample const increment = m_gainChangeIncrement.load(std::memory_order_relaxed);
+    auto const count =
+        static_cast<unsigned int>((m_targetGain - m_currentGain).toFloat() / increment.toFloat() + 1.0f);
     unsigned int const frames = std::min(count, numFrames);
-    fade(left, right, frames, m_gainChangeIncrement);
+    fade(left, right, frames, increment);
     if (m_currentGain > m_targetGain)
         m_currentGain = m_targetGain;
     return frames;
@@ -145,10 +146,11 @@ unsigned int Sounds::fadeIn(tSample* left, tSample* right, unsigned int numFrame
 
 unsigned int Sounds::fadeOut(tSample* left, tSample* right, unsigned int numFrames)
 {
-    auto const count = static_cast<unsigned int>(
-        (m_currentGain - m_targetGain).toFloat() / m_gainChangeIncrement.toFloat() + 1.0f);
+    tSample const increment = m_gainChangeIncrement.load(std::memory_order_relaxed);
+    auto const count =
+        static_cast<unsigned int>((m_currentGain - m_targetGain).toFloat() / increment.toFloat() + 1.0f);
     unsigned int const frames = std::min(count, numFrames);
-    fade(left, right, frames, -m_gainChangeIncrement);
+    fade(left, right, frames, -increment);
     if (m_currentGain < m_targetGain)
         m_currentGain = m_targetGain;
     return frames;

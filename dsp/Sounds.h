@@ -66,7 +66,8 @@ private:
     tSample m_currentGain = c_fullAmp;
     tSample m_targetGain = c_fullAmp;
     // 3 / fs: a full duck from 1.0 to 0.25 takes a quarter second. 48 kHz until parameters arrive.
-    tSample m_gainChangeIncrement = tSample(3.0f / 48000.0f);
+    // Written by setParameters, read once per period.
+    std::atomic<tSample> m_gainChangeIncrement{tSample(3.0f / 48000.0f)};
     // Weak: an output stage wired straight from this module holds it through its input, and a strong
     // pointer back would keep both alive forever.
     std::weak_ptr<OutputStage> m_outputStage;

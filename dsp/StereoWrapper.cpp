@@ -38,7 +38,7 @@ void StereoWrapper::postSetup(unsigned int maxFrames)
     }
 }
 
-void StereoWrapper::validateParameters(Parameters const& parameters, unsigned int sampleRate) const
+void StereoWrapper::checkParameters(Parameters const& parameters, unsigned int sampleRate) const
 {
     m_left->validateParameters(parameters, sampleRate);
 }

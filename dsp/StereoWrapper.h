@@ -17,7 +17,6 @@ public:
     void preSetup(Chain& chain, unsigned int maxFrames) override;
     void postSetup(unsigned int maxFrames) override;
     void setParameters(Parameters const& parameters, unsigned int sampleRate) override;
-    void validateParameters(Parameters const& parameters, unsigned int sampleRate) const override;
     unsigned int getNumOutPorts() const override { return 2 * m_left->getNumOutPorts(); }
     unsigned int getNumInPorts() const override { return 2 * m_left->getNumInPorts(); }
     void process() override;
@@ -25,8 +24,14 @@ public:
     void setInPortBuffer(unsigned int inPort, std::shared_ptr<Module> source, unsigned int outPort) override;
     void onModuleAddedToChain(Chain& chain) override;
 
+    // The inner type's: both channels take the same parameters.
+    ModuleDescriptor const* getDescriptor() const override { return m_left->getDescriptor(); }
+
     std::shared_ptr<Module> getLeft() const { return m_left; }
     std::shared_ptr<Module> getRight() const { return m_right; }
+
+protected:
+    void checkParameters(Parameters const& parameters, unsigned int sampleRate) const override;
 
 private:
     std::shared_ptr<Module> m_left;

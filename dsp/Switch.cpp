@@ -14,7 +14,7 @@ void Switch::setParameters(Parameters const& parameters, unsigned int sampleRate
 
 void Switch::process()
 {
-    outBuffer(0).copyFrom(&inBuffer(static_cast<unsigned int>(m_selectedPort)));
+    outBuffer(0).copyFrom(&inBuffer(static_cast<unsigned int>(getSelectedPort())));
 }
 
 } // namespace Zelmar

@@ -2,6 +2,9 @@
 
 #include "dsp/Module.h"
 
+#include <atomic>
+#include <cstdint>
+
 namespace Zelmar {
 
 // Passes one of two inputs; a change of port takes effect at the next period, without crossfade.
@@ -17,12 +20,12 @@ public:
     unsigned int getNumInPorts() const override { return 2; }
     void process() override;
 
-    int getSelectedPort() const { return m_selectedPort; }
-    // Unchecked: the clamp lives in setParameters.
-    void setSelectedPort(int port) { m_selectedPort = port; }
+    int getSelectedPort() const { return m_selectedPort.load(std::memory_order_relaxed); }
+    // Unchecked: the clamp lives in setParameters. Any thread; read once per period.
+    void setSelectedPort(int port) { m_selectedPort.store(port, std::memory_order_relaxed); }
 
 private:
-    int32_t m_selectedPort = 0;
+    std::atomic<int32_t> m_selectedPort{0};
 };
 
 } // namespace Zelmar

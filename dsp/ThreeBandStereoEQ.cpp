@@ -17,6 +17,45 @@ constexpr double c_highFrequency = 3000.0;
 // 1/0.707: the mid band multiplies by it where the generic design divides by Q.
 constexpr double c_midInverseQ = 1.4144271570014144;
 
+using tDesign = void (*)(double gain, unsigned int sampleRate, double (&c)[5]);
+
+// The sections before conversion, so that the check can see whether they fit.
+void designLow(double gain, unsigned int sampleRate, double (&c)[5])
+{
+    tBiQuadDesign::design(Characteristic::LoShelf, sampleRate, c_lowFrequency, 0.0, gain, c);
+}
+
+void designMid(double gain, unsigned int sampleRate, double (&c)[5])
+{
+    tBiQuadDesign::designPeak(
+        tBiQuadDesign::getK(sampleRate, c_midFrequency), tBiQuadDesign::getV(gain), gain >= 0,
+        [](double v) { return v * c_midInverseQ; }, c);
+}
+
+void designHigh(double gain, unsigned int sampleRate, double (&c)[5])
+{
+    tBiQuadDesign::design(Characteristic::HiShelf, sampleRate, c_highFrequency, 0.0, gain, c);
+}
+
+struct Band
+{
+    char const* key;
+    tDesign design;
+};
+constexpr Band c_bands[] = {{"low-gain", designLow}, {"mid-gain", designMid}, {"high-gain", designHigh}};
+
+// Reads the band's gain, designs it into `section` and returns the gain.
+double designBand(Band const& band, Parameters const& params, unsigned int sampleRate, BiQuadSection& section)
+{
+    double const gain = params.getDouble(band.key);
+    double c[5];
+    band.design(gain, sampleRate, c);
+    section = {tBiQuadDesign::toCoefficient(c[0]), tBiQuadDesign::toCoefficient(c[1]),
+               tBiQuadDesign::toCoefficient(c[2]), tBiQuadDesign::toCoefficient(c[3]),
+               tBiQuadDesign::toCoefficient(c[4])};
+    return gain;
+}
+
 } // namespace
 
 ThreeBandStereoEQ::ParameterSet::ParameterSet(Parameters const& params, unsigned int sampleRate)
@@ -39,29 +78,17 @@ ThreeBandStereoEQ::ParameterSet::ParameterSet(Parameters const& params, unsigned
 
 double ThreeBandStereoEQ::ParameterSet::setLowCoefficients(Parameters const& params, unsigned int sampleRate)
 {
-    double const gain = params.getDouble("low-gain");
-    m_low.design(Characteristic::LoShelf, sampleRate, c_lowFrequency, 0.0, gain);
-    return gain;
+    return designBand(c_bands[0], params, sampleRate, m_low);
 }
 
 double ThreeBandStereoEQ::ParameterSet::setMidCoefficients(Parameters const& params, unsigned int sampleRate)
 {
-    double const gain = params.getDouble("mid-gain");
-    double c[5];
-    tBiQuadDesign::designPeak(
-        tBiQuadDesign::getK(sampleRate, c_midFrequency), tBiQuadDesign::getV(gain), gain >= 0,
-        [](double v) { return v * c_midInverseQ; }, c);
-    m_mid = {tBiQuadDesign::toCoefficient(c[0]), tBiQuadDesign::toCoefficient(c[1]),
-             tBiQuadDesign::toCoefficient(c[2]), tBiQuadDesign::toCoefficient(c[3]),
-             tBiQuadDesign::toCoefficient(c[4])};
-    return gain;
+    return designBand(c_bands[1], params, sampleRate, m_mid);
 }
 
 double ThreeBandStereoEQ::ParameterSet::setHighCoefficients(Parameters const& params, unsigned int sampleRate)
 {
-    double const gain = params.getDouble("high-gain");
-    m_high.design(Characteristic::HiShelf, sampleRate, c_highFrequency, 0.0, gain);
-    return gain;
+    return designBand(c_bands[2], params, sampleRate, m_high);
 }
 
 void ThreeBandStereoEQ::setParameters(Parameters const& params, unsigned int sampleRate)
@@ -74,13 +101,17 @@ void ThreeBandStereoEQ::setParameters(Parameters const& params, unsigned int sam
     setFutureParameterSet(ps);
 }
 
-void ThreeBandStereoEQ::validateParameters(Parameters const& params, unsigned int) const
+void ThreeBandStereoEQ::checkParameters(Parameters const& params, unsigned int sampleRate) const
 {
-    // Every band's coefficients stay below its linear gain, so |gain| below 24 dB keeps them in range.
+    // A cut keeps its coefficients small however deep it is; what has to fit is each designed section,
+    // and with the correction on the largest boost, which becomes the hidden volume delta as a sample.
     double largest = 0.0;
-    for (char const* key : {"low-gain", "mid-gain", "high-gain"}) {
-        double const gain = params.getDouble(key);
-        requireSampleRange(std::pow(10.0, std::fabs(gain) / 20.0), key);
+    for (Band const& band : c_bands) {
+        double const gain = params.getDouble(band.key);
+        double c[5];
+        band.design(gain, sampleRate, c);
+        for (double const coefficient : c)
+            requireSampleRange(coefficient, band.key);
         largest = std::max(largest, gain);
     }
     if (params.getBool("gain-correction"))

@@ -35,11 +35,13 @@ public:
 
     bool canProcessInPlace() const override { return true; }
     void setParameters(Parameters const& params, unsigned int sampleRate) override;
-    void validateParameters(Parameters const& parameters, unsigned int sampleRate) const override;
     unsigned int getNumOutPorts() const override { return 2; }
     unsigned int getNumInPorts() const override { return 2; }
     void process() override;
     void onModuleAddedToChain(Chain& chain) override;
+
+protected:
+    void checkParameters(Parameters const& parameters, unsigned int sampleRate) const override;
 
 private:
     StereoBiQuadState m_states[3]; // low, mid, high

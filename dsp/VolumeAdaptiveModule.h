@@ -60,19 +60,36 @@ public:
 
     tControlGain getControlGain() const { return m_controlGain; }
 
+    // The curve, not the value it gives now: a change of another key keeps it.
+    Parameters const& getConfiguredParameters() const override { return m_storedParameters; }
+
 protected:
+    // Every breakpoint's value must suit the base module; the values between lie between them.
+    void checkParameters(Parameters const& params, unsigned int sampleRate) const override
+    {
+        LinearInterpolator curve;
+        curve.load(params.getString(m_curveKey));
+        Parameters atBreakpoint = params;
+        for (auto const& breakpoint : curve.getBreakpoints()) {
+            atBreakpoint.set(m_curveKey, formatValue(breakpoint.second));
+            Base::checkParameters(atBreakpoint, sampleRate);
+        }
+    }
+
     void setParamsWithInterpolated(Parameters& params, unsigned int sampleRate)
     {
-        LinearInterpolator::tValue const value = m_interpolator.getInterpolated(m_controlGain);
-        char text[32];
-        std::snprintf(text, sizeof text, "%f", value.toDouble());
-        params.set(m_curveKey, text);
+        params.set(m_curveKey, formatValue(m_interpolator.getInterpolated(m_controlGain)));
         Base::setParameters(params, sampleRate);
     }
 
-    Parameters const& getStoredParameters() const { return m_storedParameters; }
-
 private:
+    static Tools::String formatValue(LinearInterpolator::tValue value)
+    {
+        char text[32];
+        std::snprintf(text, sizeof text, "%f", value.toDouble());
+        return text;
+    }
+
     // Called from a D-Bus signal, which an exception must not cross; a curve that cannot be applied was
     // already reported when it was configured. Before that the volume is only noted, to start from.
     void followVolume(double volume)

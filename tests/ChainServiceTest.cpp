@@ -2,7 +2,6 @@
 
 #include "dsp/Chain.h"
 #include "dsp/Gain.h"
-#include "dsp/ModuleFactory.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/MainLoop.h"
 #include "tests/support/ModuleHarness.h"
@@ -11,7 +10,6 @@
 #include <algorithm>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <random>
 
 using namespace Zelmar;
 using Testing::runMainLoopUntil;
@@ -140,12 +138,17 @@ TEST_F(ChainServiceTest, RefusesBadParametersAndKeepsThePreviousOnes)
         char const* message;
     };
     for (Case const& c :
-         {Case{"volume", "gain", "24", "out of range"}, Case{"volume", "gain", "loud", "stod"},
-          Case{"volume", "gain", "nan", "out of range"}, Case{"limiter", "threshold", "30", "threshold"},
-          Case{"limiter", "attack", "-0.001", "attack"}}) {
+         {Case{"volume", "gain", "24", "parameter gain of module volume: must be below 24 dB, not 24"},
+          Case{"volume", "gain", "loud", "parameter gain of module volume: \"loud\" is not a number"},
+          Case{"volume", "gain", "nan",
+               "parameter gain of module volume: must be a finite number, not \"nan\""},
+          Case{"limiter", "threshold", "30",
+               "parameter threshold of module limiter: must be below 24 dB, not 30"},
+          Case{"limiter", "attack", "-0.001",
+               "parameter attack of module limiter: must be at least 0 ms, not -0.001"}}) {
         Reply const reply = call("SetParameter", g_variant_new("(sss)", c.module, c.key, c.value));
         EXPECT_EQ(reply.code, G_DBUS_ERROR_INVALID_ARGS) << c.value;
-        EXPECT_NE(reply.error.find(c.message), std::string::npos) << reply.error;
+        EXPECT_EQ(reply.error, c.message);
     }
     EXPECT_DOUBLE_EQ(gainOf(gain), 0.5);
     EXPECT_EQ(gain->getParameters().getString("gain"), "-6");
@@ -185,58 +188,22 @@ TEST_F(ChainServiceTest, PlaysLoopsAndStopsSoundsAndRefusesInvalidOnes)
     EXPECT_EQ(count(noModule), 1);
 
     // A loop asked for before the chain is configured waits for the first set-parameters call.
-    Reply const loop = call("LoopSystemSound", g_variant_new("(iu)", 3, 5u), "(u)");
+    Reply const loop = call("LoopSystemSound", g_variant_new("(iu)", 3, 100u), "(u)");
     ASSERT_EQ(loop.error, "");
     guint32 id = 0;
     g_variant_get(loop.value, "(u)", &id);
     g_variant_unref(loop.value);
     EXPECT_GE(id, 1u);
-    runMainLoopUntil([] { return false; }, std::chrono::milliseconds(50));
+    runMainLoopUntil([] { return false; }, std::chrono::milliseconds(250));
     EXPECT_EQ(count(noModule), 1);
     EXPECT_EQ(call("SetParameters", tuples({})).error, "");
     EXPECT_TRUE(runMainLoopUntil([&] { return count(noModule) >= 3; }));
 
     EXPECT_EQ(call("StopLoopingSystemSound", g_variant_new("(u)", id)).error, "");
-    runMainLoopUntil([] { return false; }, std::chrono::milliseconds(20));
     auto const stopped = count(noModule);
-    runMainLoopUntil([] { return false; }, std::chrono::milliseconds(50));
+    runMainLoopUntil([] { return false; }, std::chrono::milliseconds(250));
     EXPECT_EQ(count(noModule), stopped);
     EXPECT_EQ(call("StopLoopingSystemSound", g_variant_new("(u)", 9999u)).error, "");
-}
-
-TEST_F(ChainServiceTest, SurvivesHostileParametersForEveryModuleType)
-{
-    for (Tools::String const& type : ModuleFactory::get().getTypeNames())
-        m_chain.addModule(type, type);
-    auto const service = serve();
-    std::vector<char const*> const keys = {
-        "gain",       "threshold", "attack",          "release",       "frequency",          "q",
-        "type",       "delay",     "source-rate",     "selected-port", "interleave-pattern", "low-gain",
-        "mid-gain",   "high-gain", "gain-correction", "routing",       "signal-threshold",   "",
-        "no-such-key"};
-    std::vector<char const*> const values = {
-        "",   "x",           "nan",        "inf", "-inf", "1e300",  "-1e300", "24", "100", "-100", "0",
-        "-1", "99999999999", "2147483648", "0.5", "peak", "lopass", "1",      "9",  "01",  "true", "3.5e1"};
-    std::mt19937 random(8);
-    unsigned int answered = 0;
-    for (Tools::String const& type : ModuleFactory::get().getTypeNames()) {
-        for (int i = 0; i < 40; ++i) {
-            char const* key = keys[random() % keys.size()];
-            char const* value = values[random() % values.size()];
-            Reply const one = call("SetParameter", g_variant_new("(sss)", type.c_str(), key, value));
-            Reply const set = call("SetParameters", tuples({{type.c_str(), key, value},
-                                                            {type.c_str(), keys[random() % keys.size()],
-                                                             values[random() % values.size()]}}));
-            for (Reply const* r : {&one, &set}) {
-                ASSERT_TRUE(r->done) << type << " " << key << "=" << value;
-                EXPECT_TRUE(r->error.empty() || r->code == G_DBUS_ERROR_INVALID_ARGS) << r->error;
-                answered += r->done;
-                if (r->value)
-                    g_variant_unref(r->value);
-            }
-        }
-    }
-    EXPECT_EQ(answered, 80u * ModuleFactory::get().getTypeNames().size());
 }
 
 TEST(DbusServiceTest, SystemBusPolicyFileLoads)

@@ -10,7 +10,6 @@
 #include "support/MemoryAlsaBuffers.h"
 #include "support/Thrown.h"
 
-#include <algorithm>
 #include <gtest/gtest.h>
 
 using namespace Zelmar;
@@ -103,32 +102,13 @@ TEST(ChainTest, WiringAndLookupFaultsRaiseTheirMessages)
 
 TEST(ChainTest, FactoryKnowsExactlyTheDocumentedTypes)
 {
-    std::vector<Tools::String> const documented = {"adaptive-biquad",
-                                                   "adaptive-limiter",
-                                                   "biquad",
-                                                   "clipguard",
-                                                   "delay",
-                                                   "dump-samples",
-                                                   "equalizer",
-                                                   "flac-encoder",
-                                                   "gain",
-                                                   "input",
-                                                   "limiter",
-                                                   "meter",
-                                                   "mixer",
-                                                   "output",
-                                                   "patchbay",
-                                                   "signal-detector",
-                                                   "phase-invert",
-                                                   "resampler",
-                                                   "sounds",
-                                                   "switch",
-                                                   "stereo-biquad",
-                                                   "timestretcher",
-                                                   "stereo-equalizer"};
-    auto sorted = documented;
-    std::sort(sorted.begin(), sorted.end());
-    EXPECT_EQ(ModuleFactory::get().getTypeNames(), sorted);
+    std::string names;
+    for (auto const& name : ModuleFactory::get().getTypeNames())
+        names += name.str() + " ";
+    EXPECT_EQ(names,
+              "adaptive-biquad adaptive-limiter biquad clipguard delay dump-samples equalizer flac-encoder "
+              "gain input limiter meter mixer output patchbay phase-invert resampler signal-detector sounds "
+              "stereo-biquad stereo-equalizer switch timestretcher ");
     std::unique_ptr<Module> meter(ModuleFactory::get().createModule("meter", "g1"));
     EXPECT_EQ(meter->getID(), "g1");
     EXPECT_EQ(meter->getType(), "meter");

@@ -28,9 +28,8 @@ std::vector<tSample> ramp(int first, unsigned int frames)
 
 TEST(DelayTest, FramesAndRingSize)
 {
-    auto delay = makeDelay("1000");
-    EXPECT_EQ(delay->getDelayFrames(), 48u);
-    EXPECT_EQ(delay->getRingSize(), 64u);
+    EXPECT_EQ(Delay::calcDelayFrames(48000, 1000), 48u);
+    EXPECT_EQ(Delay::calcRingSize(48), 64u);
     // 48000 * 100000 wraps in 32 bits: (4800000000 mod 2^32) / 1000000.
     EXPECT_EQ(Delay::calcDelayFrames(48000, 100000), 505u);
     EXPECT_EQ(Delay::calcDelayFrames(48000, 89478), 4294u);

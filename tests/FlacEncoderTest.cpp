@@ -171,8 +171,8 @@ TEST(FlacEncoderTest, StreamDecodesToTheDeliveredSamplesAndReachesSubscribersInO
     EXPECT_LE(expected.size() - beforeFinish.size(), 2u * 1152u);
     EXPECT_TRUE(std::equal(beforeFinish.begin(), beforeFinish.end(), expected.begin()));
 
-    // Finishing publishes the last block, then the header of the next stream.
-    e.encoder.setParameters(Parameters{}, 48000);
+    // Finishing, here for a new rate, publishes the last block, then the header of the next stream.
+    e.encoder.setParameters(Parameters{}, 44100);
     Testing::runPendingMainLoopJobs();
     ASSERT_NE(std::find_if(e.pieces.begin() + long(piecesBefore), e.pieces.end(), startsStream),
               e.pieces.end());
@@ -208,7 +208,7 @@ TEST(FlacEncoderTest, StoppedEncoderOnlyClearsItsQueue)
     e.processConstant(1000, 0.25, -0.25);
     e.encoder.stopEncoding();
     e.harness.process({noise(1280, 5), noise(1280, 6)});
-    e.encoder.setParameters(Parameters{}, 48000);
+    e.encoder.finishStream();
     Testing::runPendingMainLoopJobs();
     EXPECT_EQ(decode(e.stream()), c_quarterPairs);
 }
@@ -258,7 +258,7 @@ TEST(FlacEncoderTest, AudioEncoderAndMainLoopThreadsRunTogether)
     EXPECT_TRUE(Testing::runMainLoopUntil([&] { return audioDone.load(); }, std::chrono::seconds(20)));
     audio.join();
     e.encoder.stopEncoding();
-    e.encoder.setParameters(Parameters{}, 48000);
+    e.encoder.finishStream();
     Testing::runPendingMainLoopJobs();
     EXPECT_EQ(e.encoder.getDroppedPairs(), 0u);
     EXPECT_EQ(decode(e.stream()), expectedPairs(left, right));

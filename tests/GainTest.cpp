@@ -92,8 +92,8 @@ TEST(GainTest, SetParametersDuringAFadeJumpsToTheNewLevel)
     harness.run(constant(100, c_one));
     ASSERT_TRUE(gain->isFading());
     gain->setParameters(Parameters{{"gain", "-6"}}, 48000);
-    EXPECT_FALSE(gain->isFading());
     EXPECT_EQ(harness.run(constant(3, c_one)), constant(3, raw(0x04000000)));
+    EXPECT_FALSE(gain->isFading());
 }
 
 TEST(GainTest, FactorsEqualInFloatCountAsNotFadingAndTheCurrentOneIsApplied)

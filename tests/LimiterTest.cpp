@@ -34,11 +34,6 @@ TEST(LimiterTest, CoefficientsReachNinetyNinePercentInTheGivenTime)
     EXPECT_NEAR(Limiter::calcCoefficient(10.0, 48000).toDouble(), 0.99045, 0.00001);
     EXPECT_NEAR(Limiter::calcCoefficient(100.0, 48000).toDouble(), 0.99904, 0.00001);
     EXPECT_EQ(Limiter::calcCoefficient(0.0, 48000), tSample::s_Zero);
-
-    auto limiter = makeLimiter("1", "100", "-6");
-    EXPECT_EQ(limiter->getAttackCoefficient(), Limiter::calcCoefficient(1.0, 48000));
-    EXPECT_EQ(limiter->getReleaseCoefficient(), Limiter::calcCoefficient(100.0, 48000));
-    EXPECT_EQ(limiter->getThreshold(), tSample(0.5));
 }
 
 TEST(LimiterTest, InstantAttackHoldsTheThresholdAndKeepsTheSign)

@@ -129,7 +129,7 @@ TEST_F(OrvandeldspControlTest, SetFileSendsEveryLineAndRefusalsAreOneLine)
     EXPECT_EQ(fromFile.status, 0) << fromFile.err;
 
     auto const refused = client({"set", "left", "gain", "30"});
-    expectFailure(refused, 1, "gain factor of module left is out of range");
+    expectFailure(refused, 1, "parameter gain of module left: must be below 24 dB, not 30");
     EXPECT_TRUE(isOneLine(refused.err)) << refused.err;
     // The service ignores modules the chain does not have.
     EXPECT_EQ(client({"set", "no-such-module", "gain", "3"}).status, 0);

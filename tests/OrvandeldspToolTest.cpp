@@ -1,10 +1,13 @@
 // Runs the built `orvandeldsp` tool as a user would and checks its files, messages and exit statuses.
 #include "support/ToolRun.h"
 
+#include "dsp/ModuleFactory.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -183,80 +186,116 @@ TEST_F(OrvandeldspToolTest, PrintsSummaryAndMeters)
     EXPECT_EQ(result.err, "");
 }
 
-TEST_F(OrvandeldspToolTest, ConfigFaultsAreOneLineWithStatusTwoAndNoOutput)
+// Check and run refuse the same configs with the same lines, one per problem, each with its place.
+TEST_F(OrvandeldspToolTest, ConfigFaultsAreRefusedByCheckAndRunAlikeWithTheirPlaces)
 {
     std::string const stage = "<module type=\"input\" id=\"in\"/><module type=\"output\" id=\"out\">"
                               "<parameter id=\"interleave-pattern\">01</parameter></module>";
     std::string const toOut = "<cable out=\"in[0]\" in=\"out[0]\"/><cable out=\"in[1]\" in=\"out[1]\"/>";
+    // Modules on the first line, cables on the second.
+    auto const config = [&](char const* name, std::string const& modules, std::string const& cables) {
+        return writeConfig(name, "<dsp>" + modules + "\n" + cables + "</dsp>\n");
+    };
     struct Case
     {
         std::string config;
-        std::string message;
+        std::vector<std::string>
+            lines; // each after "orvandeldsp: config FILE"; "..." ends a line's known part
     };
     std::vector<Case> const cases{
-        {path("missing.xml"), "cannot read the file"},
+        {path("missing.xml"), {": cannot read the file: ..."}},
+        {writeConfig("empty.xml", ""), {": the file holds no XML elements"}},
+        {writeConfig("nothing.xml", "<dsp/>"), {": the config declares no modules"}},
         {writeConfig("malformed.xml",
                      "<dsp>\n  <module type=\"input\" id=\"in\">\n  <cable in=out[0]/>\n</dsp>\n"),
-         "malformed XML at line 3, column 14"},
-        {writeConfig("type.xml", "<dsp>" + stage + toOut + "<module type=\"gian\" id=\"g\"/></dsp>"),
-         "Module type gian not found in module factory"},
-        {writeConfig("portSpec.xml", "<dsp>" + stage + "<cable out=\"in[0]\" in=\"out\"/></dsp>"),
-         "something is wrong with the port spec - should be moduleid[portnum]: out"},
-        {writeConfig("value.xml",
-                     "<dsp><module type=\"output\" id=\"out\"><parameter id=\"interleave-pattern\">"
-                     "0x</parameter></module></dsp>"),
-         "not a number (stoi)"},
-        {writeConfig("nosink.xml", "<dsp>" + stage + toOut + "<module type=\"input\" id=\"spare\"/></dsp>"),
-         "module spare leads to no sink"},
-        {writeConfig("port.xml", "<dsp>" + stage +
-                                     "<cable out=\"in[0]\" in=\"out[0]\"/>"
-                                     "<cable out=\"in[2]\" in=\"out[1]\"/></dsp>"),
-         "cable from in[2] to out[1]: module in has no output port 2"},
-        {writeConfig("open.xml", "<dsp>" + stage + "<cable out=\"in[0]\" in=\"out[0]\"/></dsp>"),
-         "input port 1 of module out is not connected"},
-        {writeConfig("pattern.xml",
-                     "<dsp><module type=\"input\" id=\"in\"/><module type=\"output\" id=\"out\">"
-                     "<parameter id=\"interleave-pattern\">02</parameter></module>" +
-                         toOut + "</dsp>"),
-         "interleave-pattern of module out does not fit its 2 input ports: 02"},
+         {":3:14: malformed XML: ..."}},
+        {writeConfig("unclosed.xml", "<dsp>" + stage + toOut), {":1:1: the element dsp is never closed"}},
+        {writeConfig("noid.xml", "<dsp><module type=\"input\"/></dsp>"),
+         {": the chain has no output stage (a module of type output)",
+          ":1:6: the input module has no id, so no cable can reach it"}},
+        {config("type.xml", stage + "<module type=\"gian\" id=\"g\"/>", toOut),
+         {":1:125: Module type gian not found in module factory"}},
+        {config("portSpec.xml", stage, toOut + "<cable out=\"in[0]\" in=\"out\"/>"),
+         {":2:65: cable from in[0] to out: \"out\" is not of the form moduleid[portnum]"}},
+        {config("value.xml",
+                stage + "<module type=\"gain\" id=\"g\"><parameter id=\"gain\">two</parameter></module>",
+                "<cable out=\"in[0]\" in=\"g[0]\"/><cable out=\"g[0]\" in=\"out[0]\"/><cable out=\"in[1]\" "
+                "in=\"out[1]\"/>"),
+         {":1:152: parameter gain of module g: \"two\" is not a number"}},
+        {config("nosink.xml", stage + "<module type=\"gain\" id=\"spare\"/>",
+                toOut + "<cable out=\"in[0]\" in=\"spare[0]\"/>"),
+         {":1:125: module spare leads to no sink: wire it on to an output or a meter, or remove it"}},
+        {config("port.xml", stage,
+                "<cable out=\"in[0]\" in=\"out[0]\"/><cable out=\"in[2]\" in=\"out[1]\"/>"),
+         {":1:36: input port 1 of module out is not connected",
+          ":2:33: cable from in[2] to out[1]: module in has no output port 2 (it has 2)"}},
+        {config("pattern.xml",
+                "<module type=\"input\" id=\"in\"/><module type=\"output\" id=\"out\"><parameter "
+                "id=\"interleave-pattern\">02</parameter></module>",
+                toOut),
+         {":1:36: interleave-pattern of module out does not fit its 2 input ports: 02"}},
+        {config("nyquist.xml",
+                stage +
+                    "<module type=\"biquad\" id=\"f\"><parameter id=\"type\">lopass</parameter><parameter "
+                    "id=\"frequency\">24000</parameter><parameter id=\"q\">1</parameter></module>",
+                "<cable out=\"in[0]\" in=\"f[0]\"/><cable out=\"f[0]\" in=\"out[0]\"/><cable out=\"in[1]\" "
+                "in=\"out[1]\"/>"),
+         {":1:193: parameter frequency of module f: 24000 Hz is not below half the sample rate (24000 Hz at "
+          "48000 "
+          "Hz), so the filter passes audio through unchanged"}},
+        {config("noOutput.xml", "<module type=\"input\" id=\"a\"/><module type=\"meter\" id=\"m\"/>",
+                "<cable out=\"a[0]\" in=\"m[0]\"/>"),
+         {": the chain has no output stage (a module of type output)"}},
+        {config("twoInputs.xml", stage + "<module type=\"input\" id=\"b\"/><module type=\"meter\" id=\"m\"/>",
+                toOut + "<cable out=\"b[0]\" in=\"m[0]\"/>"),
+         {": the tool needs exactly one module of type \"input\", the config has 2"}},
     };
     writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, {0, 0});
     for (auto const& c : cases) {
-        std::string const expected = "orvandeldsp: config " + c.config + ": ";
+        SCOPED_TRACE(c.config);
+        std::string expected;
+        for (auto const& line : c.lines)
+            expected += "orvandeldsp: config " + c.config + line + "\n";
+        std::size_t const known = std::min(expected.find("..."), expected.size());
         m_scratch.write("out.wav", "keep");
         for (auto const& args :
              {std::vector<std::string>{"check", "--config", c.config},
               std::vector<std::string>{"run", "--config", c.config, path("in.wav"), path("out.wav")}}) {
             auto const result = runTool(args);
-            expectFailure(result, 2, expected, true);
-            EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
-            EXPECT_TRUE(isOneLine(result.err)) << result.err;
+            EXPECT_EQ(result.status, 2) << result.err;
+            EXPECT_EQ(result.err.substr(0, known), expected.substr(0, known));
+            EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), long(c.lines.size()))
+                << result.err;
         }
-        EXPECT_EQ(m_scratch.read("out.wav"), "keep") << c.config;
+        EXPECT_EQ(m_scratch.read("out.wav"), "keep");
     }
 }
 
-TEST_F(OrvandeldspToolTest, RunNeedsExactlyOneInputAndOneOutputStage)
+// What the library ignores is a warning: the config still checks and runs.
+TEST_F(OrvandeldspToolTest, CheckWarnsOfWhatTheLibraryIgnoresAndChecksAtTheRateAskedFor)
 {
-    writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, {0, 0});
-    std::string const meters = "<module type=\"meter\" id=\"m\"/><module type=\"meter\" id=\"n\"/>";
-    for (auto const& [config, message] :
-         {std::pair{writeConfig("two.xml",
-                                "<dsp><module type=\"input\" id=\"a\"/><module type=\"input\" id=\"b\"/>" +
-                                    meters +
-                                    "<cable out=\"a[0]\" in=\"m[0]\"/><cable out=\"b[0]\" "
-                                    "in=\"n[0]\"/></dsp>"),
-                    "exactly one module of type \"input\", the config has 2"},
-          {writeConfig("none.xml",
-                       "<dsp><module type=\"input\" id=\"a\"/>" + meters +
-                           "<cable out=\"a[0]\" in=\"m[0]\"/><cable out=\"a[1]\" in=\"n[0]\"/></dsp>"),
-           "exactly one module of type \"output\", the config has 0"}}) {
-        EXPECT_EQ(runTool({"check", "-c", config}).status, 0);
-        auto const result = runTool({"run", "-c", config, path("in.wav"), path("out.wav")});
-        EXPECT_EQ(result.status, 2);
-        EXPECT_EQ(result.err, "orvandeldsp: config " + config + ": the tool needs " + message + "\n");
-        EXPECT_FALSE(exists("out.wav"));
-    }
+    std::string const config =
+        writeConfig("warnings.xml",
+                    "<dsp>\n<module type=\"input\" id=\"in\" colour=\"red\"/>\n"
+                    "<module type=\"gain\" id=\"g\"><parameter id=\"gian\">3</parameter><parameter "
+                    "id=\"gain\">-3 dB</parameter></module>\n<module type=\"biquad\" id=\"f\"><parameter "
+                    "id=\"type\">lopass</parameter><parameter id=\"frequency\">30000</parameter><parameter "
+                    "id=\"q\">1</parameter></module>\n<module type=\"output\" id=\"out\"><parameter "
+                    "id=\"interleave-pattern\">00</parameter></module>\n<cable out=\"in[0]\" in=\"g[0]\"/>"
+                    "<cable out=\"g[0]\" in=\"f[0]\"/><cable out=\"f[0]\" in=\"out[0]\"/>\n</dsp>\n");
+    auto result = runTool({"check", "--rate", "96000", "-c", config});
+    EXPECT_EQ(result.status, 0) << result.err;
+    std::string const prefix = "orvandeldsp: config " + config;
+    EXPECT_EQ(result.err,
+              prefix + ":2:1: warning: the attribute colour of module in is unknown and ignored\n" + prefix +
+                  ":3:28: warning: parameter gian of module g: is not a parameter of the type gain, "
+                  "which ignores it\n" +
+                  prefix +
+                  ":3:62: warning: parameter gain of module g: \"-3 dB\" reads as -3: the text "
+                  "after the number is ignored\n");
+    EXPECT_NE(result.out.find("OK, 4 modules"), std::string::npos)
+        << "an output stage that reads port 0 only";
+    EXPECT_EQ(runTool({"check", "--rate", "48000", "-c", config}).status, 2) << "30 kHz lies above 24 kHz";
 }
 
 TEST_F(OrvandeldspToolTest, UsageAndIoErrors)
@@ -408,4 +447,28 @@ TEST_F(OrvandeldspToolTest, DetectPrintsTheDetectorsTransitionsAtAudioTimes)
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.err, "orvandeldsp: config " + c_passthroughConfig +
                               ": --detect needs a module of type \"signal-detector\"\n");
+}
+
+TEST_F(OrvandeldspToolTest, TypesListsTheDescriptorsAndTheCheckedInReferenceIsCurrent)
+{
+    auto result = runTool({"types"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    std::vector<Zelmar::Tools::String> listed;
+    std::istringstream lines(result.out);
+    for (std::string line; std::getline(lines, line);)
+        listed.push_back(line.substr(0, line.find(' ')));
+    EXPECT_EQ(listed, Zelmar::ModuleFactory::get().getTypeNames());
+
+    result = runTool({"types", "gain"});
+    EXPECT_EQ(result.out,
+              "gain: gain stage\n  ports: 1 in, 1 out\n  gain (number, dB; default 0)\n      below 24 dB\n"
+              "      level, six decibels per doubling (2^(dB/6)): +6 dB doubles; 24 dB does not fit\n");
+    expectFailure(runTool({"types", "Gain"}), 2, "orvandeldsp: there is no module type Gain", true);
+
+    gchar* reference = nullptr;
+    ASSERT_TRUE(
+        g_file_get_contents(PROJECT_SOURCE_DIR "/docs/config-reference.md", &reference, nullptr, nullptr));
+    EXPECT_EQ(runTool({"types", "--markdown"}).out, reference)
+        << "docs/config-reference.md is stale: write it anew with orvandeldsp types --markdown";
+    g_free(reference);
 }

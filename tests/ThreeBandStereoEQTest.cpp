@@ -103,5 +103,4 @@ TEST(ThreeBandStereoEQTest, StereoEqualizerInAChainReportsItsDelta)
     EXPECT_EQ(eq->getType(), "stereo-equalizer");
     // The daemon is not connected in tests; the delta is kept for it without error.
     EXPECT_NO_THROW(eq->setParameters(bands("2", "1", "0", "true"), 48000));
-    EXPECT_THROW(eq->setParameters(bands("2", "loud", "0", "true"), 48000), std::invalid_argument);
 }

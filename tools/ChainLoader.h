@@ -8,19 +8,13 @@
 namespace Zelmar {
 namespace Host {
 
-// Loads and compiles a dsp config for a host. The library ends the process on an unreadable or
-// malformed file and on a module that leads to no sink, and crashes on a cable from a port that does
-// not exist or on an input left open; these are found here first. Every config fault, found here or
-// thrown by the library, becomes a ToolError naming the file.
+// Loads and compiles a dsp config for the tool. The library's check finds first what loading would
+// end the process on: its problems become lines on stderr, a ToolError when one is an error. The tool
+// also needs exactly one input stage and one output stage with channels.
 class ChainLoader
 {
 public:
     static std::unique_ptr<Chain> load(std::string const& path, unsigned int sampleRate);
-
-private:
-    static void checkReadableAndWellFormed(std::string const& path);
-    static void checkWiring(Chain const& chain, std::string const& path);
-    static void checkInputsConnected(Chain const& chain, std::string const& path);
 };
 
 } // namespace Host

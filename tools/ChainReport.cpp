@@ -20,8 +20,12 @@ void ChainReport::print(Chain const& chain, std::string const& config, std::FILE
                      module->getType().c_str(), module->getNumInPorts(), module->getNumOutPorts());
         for (unsigned int port = 0; port < module->getNumInPorts(); ++port) {
             auto const& source = module->getInPortSpec(port);
-            std::fprintf(out, "%s [%u] <- %s[%u]", port == 0 ? ";" : ",", port,
-                         source.module->getID().c_str(), source.port);
+            // An output stage may leave a port its pattern does not read unconnected.
+            if (source.module)
+                std::fprintf(out, "%s [%u] <- %s[%u]", port == 0 ? ";" : ",", port,
+                             source.module->getID().c_str(), source.port);
+            else
+                std::fprintf(out, "%s [%u] unconnected", port == 0 ? ";" : ",", port);
         }
         std::fputc('\n', out);
         for (auto const& [key, value] : module->getParameters().getParams())

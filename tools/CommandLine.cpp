@@ -9,6 +9,7 @@
 #include "tools/ControlBus.h"
 #include "tools/GraphDrawing.h"
 #include "tools/LiveHost.h"
+#include "tools/ModuleReference.h"
 #include "tools/OfflineHost.h"
 #include "tools/ResponseHost.h"
 #include "tools/ToolError.h"
@@ -41,7 +42,8 @@ constexpr char const* c_usage =
     "                         [--frames N] [--priority N] [--bus system|session | --no-service] [--quiet]\n"
     "       orvandeldsp set   [--bus system|session] MODULE KEY VALUE | --file PARAMS.txt\n"
     "       orvandeldsp sound [--bus system|session] play N | loop N INTERVAL_MS | stop ID\n"
-    "       orvandeldsp check [--config FILE]\n"
+    "       orvandeldsp check [--config FILE] [--rate HZ]\n"
+    "       orvandeldsp types [TYPE | --markdown]\n"
     "       orvandeldsp graph [--config FILE] [--format png|svg|pdf] -o OUTPUT\n"
     "       orvandeldsp response [--config FILE] [--rate HZ] [--level DBFS] [--points N] [--from HZ]\n"
     "                            [--to HZ] [--volume PERCENT] [--csv FILE] [-o PLOT.svg|png|pdf]\n"
@@ -51,7 +53,7 @@ constexpr char const* c_usage =
 constexpr unsigned int c_checkSampleRate = 48000;
 
 constexpr char const* c_shortUsage =
-    "usage: orvandeldsp run|live|check|graph|response|set|sound [OPTIONS] (see orvandeldsp --help)";
+    "usage: orvandeldsp run|live|check|types|graph|response|set|sound [OPTIONS] (see orvandeldsp --help)";
 
 ToolError usageError(std::string const& problem)
 {
@@ -145,6 +147,12 @@ guint64 parseNumber(char const* text, char const* what, guint64 max)
     return number;
 }
 
+void checkRate(gint rate)
+{
+    if (rate < 1000 || rate > 768000)
+        throw usageError("--rate must be between 1000 and 768000 Hz");
+}
+
 std::string configOrDefault(gchar const* config)
 {
     return config ? config : BundledConfigs::defaultConfig();
@@ -217,8 +225,8 @@ int runCommand(int argc, char** argv)
         throw usageError("--period must be between 1 and 1280 frames");
     if (progress && quiet)
         throw usageError("--progress and --quiet exclude each other");
-    if (rate < 0 || (rate > 0 && rate < 1000) || rate > 768000)
-        throw usageError("--rate must be between 1000 and 768000 Hz");
+    if (rate != 0)
+        checkRate(rate);
 
     OfflineHost::Options options;
     options.config = configOrDefault(config);
@@ -342,18 +350,46 @@ int liveCommand(int argc, char** argv)
 int checkCommand(int argc, char** argv)
 {
     gchar* config = nullptr;
+    gint rate = c_checkSampleRate;
     std::string const configHelp = describeConfigDefault();
     GOptionEntry const entries[] = {
-        {"config", 'c', 0, G_OPTION_ARG_FILENAME, &config, configHelp.c_str(), "FILE"}, {}};
-    OptionParser parser("", "Loads and compiles a dsp config and lists its modules.");
+        {"config", 'c', 0, G_OPTION_ARG_FILENAME, &config, configHelp.c_str(), "FILE"},
+        {"rate", 'r', 0, G_OPTION_ARG_INT, &rate, "the sample rate to check the chain at (default 48000)",
+         "HZ"},
+        {}};
+    OptionParser parser("", "Reports every problem of a dsp config, or lists its modules when it has none.");
     parser.add(entries);
     parser.parse(argc, argv);
     std::unique_ptr<gchar, decltype(&g_free)> const configOwner(config, g_free);
     if (argc != 1)
         throw usageError("check takes no file arguments; name the config with --config");
+    checkRate(rate);
 
     std::string const path = configOrDefault(config);
-    ChainReport::print(*ChainLoader::load(path, c_checkSampleRate), path, stdout);
+    ChainReport::print(*ChainLoader::load(path, unsigned(rate)), path, stdout);
+    return 0;
+}
+
+int typesCommand(int argc, char** argv)
+{
+    gboolean markdown = FALSE;
+    GOptionEntry const entries[] = {
+        {"markdown", 0, 0, G_OPTION_ARG_NONE, &markdown, "the whole config reference in Markdown", nullptr},
+        {}};
+    OptionParser parser("[TYPE]",
+                        "Lists the module types a dsp config can use, or the ports and parameters of one.");
+    parser.add(entries);
+    parser.parse(argc, argv);
+    if (argc > 2 || (markdown && argc != 1))
+        throw usageError("types takes one TYPE, or --markdown alone");
+
+    if (markdown)
+        ModuleReference::printMarkdown(stdout);
+    else if (argc == 1)
+        ModuleReference::printList(stdout);
+    else if (!ModuleReference::printType(argv[1], stdout))
+        throw ToolError(ToolError::c_badInput, std::string("there is no module type ") + argv[1] +
+                                                   " (orvandeldsp types lists them)");
     return 0;
 }
 
@@ -540,18 +576,20 @@ int dispatch(int argc, char** argv)
         throw usageError("no command given");
     std::string const command = argv[1];
     if (command == "--help" || command == "-h") {
-        std::printf("%s\n"
-                    "  run    runs INPUT.wav through the chain into OUTPUT.wav\n"
-                    "  live   runs the chain live from a capture device or a file to a playback device\n"
-                    "  check  loads the config and lists its modules in signal-flow order\n"
-                    "  graph  draws the chain's signal flow with Graphviz dot\n"
-                    "  response  measures the chain's frequency response, as CSV or a gnuplot picture\n"
-                    "  set    sets parameters of a chain served by run --realtime or live\n"
-                    "  sound  plays, loops or stops system sounds on a served chain\n\n"
-                    "The default config is %s\n"
-                    "run --realtime and live serve the chain as %s on the system bus as root, else on the\n"
-                    "session bus, for as long as they play; set and sound reach it on the same bus.\n",
-                    c_usage, BundledConfigs::defaultConfig().c_str(), ChainService::c_busName);
+        std::printf(
+            "%s\n"
+            "  run       runs INPUT.wav through the chain into OUTPUT.wav\n"
+            "  live      runs the chain live from a capture device or a file to a playback device\n"
+            "  check     reports every problem of the config, or lists its modules in signal-flow order\n"
+            "  types     lists the module types, or the ports and parameters of one\n"
+            "  graph     draws the chain's signal flow with Graphviz dot\n"
+            "  response  measures the chain's frequency response, as CSV or a gnuplot picture\n"
+            "  set       sets parameters of a chain served by run --realtime or live\n"
+            "  sound     plays, loops or stops system sounds on a served chain\n\n"
+            "The default config is %s\n"
+            "run --realtime and live serve the chain as %s on the system bus as root, else on the\n"
+            "session bus, for as long as they play; set and sound reach it on the same bus.\n",
+            c_usage, BundledConfigs::defaultConfig().c_str(), ChainService::c_busName);
         return 0;
     }
     if (command == "--version") {
@@ -571,6 +609,8 @@ int dispatch(int argc, char** argv)
         return checkCommand(commandArgc, commandArgv);
     if (command == "graph")
         return graphCommand(commandArgc, commandArgv);
+    if (command == "types")
+        return typesCommand(commandArgc, commandArgv);
     if (command == "response")
         return responseCommand(commandArgc, commandArgv);
     if (command == "set")

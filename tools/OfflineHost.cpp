@@ -4,6 +4,7 @@
 #include "dsp/Meter.h"
 #include "dsp/OutputStage.h"
 #include "dsp/Resampler.h"
+#include "dsp/TimeStretcher.h"
 #include "tools/ChainLoader.h"
 #include "tools/ChainStages.h"
 #include "tools/ClockPacedLoop.h"
@@ -81,6 +82,18 @@ void showProgress(sf_count_t done, sf_count_t total, unsigned int sampleRate)
     std::fprintf(stderr, "\rorvandeldsp: %.1f s of %.1f s (%3.0f%%)", double(done) / sampleRate,
                  double(total) / sampleRate, percent);
     std::fflush(stderr);
+}
+
+// Only a rate conversion or a time stretcher may make the output longer or shorter than the input; any
+// other difference means periods went missing, and such a run must not pass for a good one.
+void checkLength(Chain const& chain, sf_count_t framesIn, sf_count_t framesOut, bool resampled)
+{
+    if (framesIn == framesOut || resampled || !findStages<TimeStretcher>(chain).empty())
+        return;
+    throw ToolError(ToolError::c_ioFailure, std::to_string(framesIn) + " frames in, " +
+                                                std::to_string(framesOut) +
+                                                " out, though nothing in the chain changes the length; "
+                                                "no output written");
 }
 
 using Features = std::vector<std::unique_ptr<RunFeature>>;
@@ -163,8 +176,6 @@ void OfflineHost::run(Options const& options)
     checkRates(input, options, sampleRate, chainRate);
     auto const features = makeFeatures(*chain, options, sampleRate, chainRate, reader.getNumFrames());
     unsigned int const outChannels = output.getNumInPorts();
-    if (outChannels == 0)
-        throw configError(options.config, "the output stage has no channels (empty interleave-pattern)");
 
     snd_pcm_format_t const format =
         options.format == SND_PCM_FORMAT_UNKNOWN ? formatForSubtype(reader.getSubtype()) : options.format;
@@ -215,6 +226,7 @@ void OfflineHost::run(Options const& options)
         }
     for (auto const& feature : features)
         feature->finish();
+    checkLength(*chain, framesIn, writer.getNumFramesWritten(), sampleRate != chainRate);
     writer.commit();
     double const wallSeconds = double(g_get_monotonic_time() - start) / 1e6;
 

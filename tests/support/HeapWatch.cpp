@@ -41,6 +41,11 @@ int takeHeapCallsOfWatchedThreads()
 // A sanitizer owns the allocator and cannot be interposed; it reports every heap call to hooks instead.
 #include <sanitizer/allocator_interface.h>
 
+long Zelmar::Testing::heapBytesInUse()
+{
+    return long(__sanitizer_get_current_allocated_bytes());
+}
+
 namespace {
 void onMalloc(void const volatile*, size_t)
 {
@@ -54,6 +59,13 @@ void onFree(void const volatile*)
 } // namespace
 
 #else
+#include <malloc.h>
+
+long Zelmar::Testing::heapBytesInUse()
+{
+    return long(mallinfo2().uordblks);
+}
+
 // Every heap allocation, C and C++ alike, passes through these.
 extern "C" {
 void* __libc_malloc(size_t);

@@ -7,6 +7,8 @@ namespace Testing {
 // Under a sanitizer the count comes from its allocator hooks, else from interposing the allocator.
 void watchHeapOnThisThread(bool watch);
 int takeHeapCallsOfWatchedThreads();
+// Bytes the program holds on the heap now, all threads together.
+long heapBytesInUse();
 
 } // namespace Testing
 } // namespace Zelmar
