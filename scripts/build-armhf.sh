@@ -59,11 +59,12 @@ build_sysroot() {
   touch "$sysroot/.complete"
 }
 
-# The kernel generator runs on this machine; the sound generator runs under the emulator.
+# The kernel generator runs on this machine (the sound generator runs under the emulator), and the
+# ARM tool's tests compare its output files with those of this machine's tool.
 build_host_tools() {
   cmake -S "$root" -B "$host_build" -DORVANDELDSP_WERROR=ON -DORVANDELDSP_BUILD_TESTS=OFF \
     -DORVANDELDSP_BUILD_BENCHMARKS=OFF
-  cmake --build "$host_build" -j "$(nproc)" --target orvandeldsp-kernel-generator
+  cmake --build "$host_build" -j "$(nproc)" --target orvandeldsp-kernel-generator orvandeldsp-tool
 }
 
 install_host_packages
@@ -71,5 +72,6 @@ install_host_packages
 build_host_tools
 cmake -S "$root" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/arm-linux-gnueabihf.cmake" \
   -DORVANDELDSP_ARMHF_SYSROOT="$sysroot" -DORVANDELDSP_WERROR=ON \
-  -DORVANDELDSP_HOST_KERNEL_GENERATOR="$host_build/orvandeldsp-kernel-generator"
+  -DORVANDELDSP_HOST_KERNEL_GENERATOR="$host_build/orvandeldsp-kernel-generator" \
+  -DORVANDELDSP_REFERENCE_TOOL="$host_build/tools/orvandeldsp"
 cmake --build "$build" -j "$(nproc)"
