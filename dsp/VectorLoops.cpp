@@ -21,6 +21,15 @@ VectorLoops const* vectorLoops()
     return c_haveSse41 ? &c_sse41Loops : nullptr;
 }
 
+#elif defined(ORVANDELDSP_SIMD_NEON)
+
+extern VectorLoops const c_neonLoops;
+
+VectorLoops const* vectorLoops()
+{
+    return &c_neonLoops;
+}
+
 #else
 
 VectorLoops const* vectorLoops()

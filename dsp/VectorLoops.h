@@ -3,10 +3,13 @@
 #include "dsp/FixedPoint.h"
 
 // The one place that decides which vector instructions the hot loops use: SSE4.1 on x86 (asked of
-// the processor at start-up), none elsewhere. Each vector file compiles its loops only for its own path;
-// everything else calls them through vectorLoops() and never names an instruction set.
+// the processor at start-up), NEON where the compiler targets it (-mfpu=neon on 32-bit ARM), none
+// elsewhere. Each vector file compiles its loops only for its own path; everything else calls them
+// through vectorLoops() and never names an instruction set.
 #if (defined(__x86_64__) || defined(__i386__)) && defined(__GNUC__)
 #define ORVANDELDSP_SIMD_SSE41 1
+#elif defined(__ARM_NEON)
+#define ORVANDELDSP_SIMD_NEON 1
 #endif
 
 namespace Zelmar {
@@ -36,7 +39,7 @@ struct VectorLoops
 VectorLoops const* vectorLoops();
 
 // Whether this target has a vector path at all; the generated kernels then hand their constants to it.
-#if defined(ORVANDELDSP_SIMD_SSE41)
+#if defined(ORVANDELDSP_SIMD_SSE41) || defined(ORVANDELDSP_SIMD_NEON)
 constexpr bool c_targetHasVectorLoops = true;
 #else
 constexpr bool c_targetHasVectorLoops = false;
