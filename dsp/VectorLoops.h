@@ -33,6 +33,8 @@ struct VectorLoops
                        tSample& z1, tSample& z2);
     void (*monoBiQuadSharedB1A1)(BiQuadSection const& section, tSample const* in, tSample* out,
                                  unsigned int numFrames, tSample& z1, tSample& z2);
+    // Every sample becomes sample * gain, as AudioBuffer::amplify.
+    void (*amplify)(tSample* samples, unsigned int numSamples, tSample gain);
 };
 
 // The loops for this target and processor, or null where there are none.

@@ -195,11 +195,25 @@ void runMonoNeon(BiQuadSection const& section, tSample const* in, tSample* out, 
         runBiQuadLoop(c, in + i, out + i, numFrames - i, z1, z2);
 }
 
+// Four samples per pass, two products per multiply.
+void amplifyNeon(tSample* samples, unsigned int numSamples, tSample gain)
+{
+    int32x2_t const g = splat(gain);
+    unsigned int i = 0;
+    for (; i + 4 <= numSamples; i += 4) {
+        int32x4_t const x = vld1q_s32(raw(samples + i));
+        vst1q_s32(raw(samples + i), vcombine_s32(product(vget_low_s32(x), g), product(vget_high_s32(x), g)));
+    }
+    for (; i < numSamples; ++i)
+        samples[i] = samples[i] * gain;
+}
+
 } // namespace
 
 extern VectorLoops const c_neonLoops;
-VectorLoops const c_neonLoops = {"neon", &runStereoNeon<1, false>, &runStereoNeon<3, true>,
-                                 &runMonoNeon<false>, &runMonoNeon<true>};
+VectorLoops const c_neonLoops = {
+    "neon",      &runStereoNeon<1, false>, &runStereoNeon<3, true>, &runMonoNeon<false>, &runMonoNeon<true>,
+    &amplifyNeon};
 
 } // namespace Zelmar
 

@@ -183,11 +183,29 @@ __attribute__((target("sse4.1"))) void runMonoSse41(BiQuadSection const& section
         runBiQuadLoop(c, in + i, out + i, numFrames - i, z1, z2);
 }
 
+// Four samples per pass: dwords 0 and 2 are multiplied, then 1 and 3, and the shifted products are
+// blended back into place.
+__attribute__((target("sse4.1"))) void amplifySse41(tSample* samples, unsigned int numSamples, tSample gain)
+{
+    __m128i const g = splat(gain);
+    unsigned int i = 0;
+    for (; i + 4 <= numSamples; i += 4) {
+        __m128i* at = reinterpret_cast<__m128i*>(samples + i);
+        __m128i const x = _mm_loadu_si128(at);
+        __m128i const even = product(x, g);
+        __m128i const odd = product(_mm_srli_epi64(x, 32), g);
+        _mm_storeu_si128(at, _mm_blend_epi16(even, _mm_slli_epi64(odd, 32), 0xCC));
+    }
+    for (; i < numSamples; ++i)
+        samples[i] = samples[i] * gain;
+}
+
 } // namespace
 
 extern VectorLoops const c_sse41Loops;
-VectorLoops const c_sse41Loops = {"sse4.1", &runSse41<1, false>, &runSse41<3, true>, &runMonoSse41<false>,
-                                  &runMonoSse41<true>};
+VectorLoops const c_sse41Loops = {
+    "sse4.1",     &runSse41<1, false>, &runSse41<3, true>, &runMonoSse41<false>, &runMonoSse41<true>,
+    &amplifySse41};
 
 } // namespace Zelmar
 
