@@ -56,7 +56,7 @@ build_sysroot() {
   for deb in "$apt_dir"/archives/*.deb; do
     dpkg-deb -x "$deb" "$sysroot"
   done
-  touch "$sysroot/.complete"
+  echo "${sysroot_packages[*]}" >"$sysroot/.packages"
 }
 
 # The kernel generator runs on this machine (the sound generator runs under the emulator), and the
@@ -68,7 +68,8 @@ build_host_tools() {
 }
 
 install_host_packages
-[ -e "$sysroot/.complete" ] || build_sysroot
+# Made again only when it is missing, unfinished or made for another list of packages.
+[ "$(cat "$sysroot/.packages" 2>/dev/null)" = "${sysroot_packages[*]}" ] || build_sysroot
 build_host_tools
 cmake -S "$root" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/arm-linux-gnueabihf.cmake" \
   -DORVANDELDSP_ARMHF_SYSROOT="$sysroot" -DORVANDELDSP_WERROR=ON \
