@@ -68,6 +68,8 @@ void runScalar(BiQuadSection const* sections, StereoBiQuadState* states, tSample
         tSample nextL = inL[i + 1], nextR = inR[i + 1];
         outL[i] = yL;
         outR[i] = yR;
+// Unrolled, so that the state of every section stays in registers.
+#pragma GCC unroll 3
         for (unsigned int k = 0; k < Sections; ++k) {
             s[k][0].advance(c[k], nextL);
             s[k][1].advance(c[k], nextR);

@@ -85,6 +85,8 @@ template <unsigned int Sections, bool ApplyGain>
 inline int32x2_t advanceFrame(NeonSection const* c, NeonSectionState* s, int32x2_t gain, int32x2_t next)
 {
     int32x2_t const y = s[Sections - 1].y;
+// Unrolled, so that the state of every section stays in registers.
+#pragma GCC unroll 3
     for (unsigned int k = 0; k < Sections; ++k) {
         s[k].advance(c[k], next);
         next = s[k].y;
@@ -172,6 +174,7 @@ void runMonoNeon(BiQuadSection const& section, tSample const* in, tSample* out, 
             int32x2_t const xk[4] = {vget_low_s32(x), vrev64_s32(vget_low_s32(x)), vget_high_s32(x),
                                      vrev64_s32(vget_high_s32(x))};
             int32x2_t rk[4];
+            #pragma GCC unroll 4
             for (int k = 0; k < 4; ++k) {
                 rk[k] = r;
                 int32x2_t const z = vext_s32(r, zero, 1);

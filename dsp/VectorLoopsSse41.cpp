@@ -75,6 +75,8 @@ __attribute__((target("sse4.1"))) inline __m128i advanceFrame(VectorSection cons
                                                               __m128i gain, __m128i next)
 {
     __m128i const y = s[Sections - 1].y;
+// Unrolled, so that the state of every section stays in registers.
+#pragma GCC unroll 3
     for (unsigned int k = 0; k < Sections; ++k) {
         s[k].advance(c[k], next);
         next = s[k].y;
