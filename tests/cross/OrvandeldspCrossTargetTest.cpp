@@ -3,6 +3,7 @@
 // same byte for byte, and so must what they print (meters, detections; -q leaves out the timings).
 #include "tests/support/ToolRun.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <random>
@@ -57,12 +58,6 @@ struct RunCase
 class OrvandeldspCrossTargetTest : public ToolTest
 {
 protected:
-    void SetUp() override
-    {
-        ToolTest::SetUp();
-        g_setenv("ORVANDELDSP_SOUNDS_DIR", GENERATED_SOUNDS_DIR, TRUE);
-    }
-
     ToolResult run(std::string const& program, std::string const& prefix, RunCase const& r)
     {
         std::vector<std::string> args{"run", "-q", "-c", c_configs + r.config};
@@ -77,17 +72,16 @@ protected:
     {
         std::string const expected = m_scratch.read(reference), actual = m_scratch.read(built);
         EXPECT_FALSE(expected.empty()) << reference;
-        size_t at = 0;
-        while (at < expected.size() && at < actual.size() && expected[at] == actual[at])
-            ++at;
-        EXPECT_TRUE(at == expected.size() && at == actual.size())
-            << built << " differs from " << reference << " at byte " << at << " of " << expected.size()
-            << " and " << actual.size();
+        EXPECT_TRUE(actual == expected)
+            << built << " differs from " << reference << " from byte "
+            << std::mismatch(expected.begin(), expected.end(), actual.begin(), actual.end()).first -
+                   expected.begin();
     }
 };
 
 TEST_F(OrvandeldspCrossTargetTest, WritesTheSameBytesAsTheReferenceTool)
 {
+    g_setenv("ORVANDELDSP_SOUNDS_DIR", GENERATED_SOUNDS_DIR, TRUE);
     writeSound(path("music.wav"), SF_FORMAT_PCM_24, 2, music(48000, 96000));
     writeSound(path("music-44100.wav"), SF_FORMAT_PCM_24, 2, music(44100, 88200), 44100);
     // The detector ignores the first 100000 frames; it hears the music come in after them.
