@@ -1,5 +1,7 @@
 #include "dsp/AudioBuffer.h"
 
+#include "dsp/VectorLoops.h"
+
 #include <cmath>
 #include <stdexcept>
 
@@ -40,15 +42,22 @@ void AudioBuffer::silence()
 
 void AudioBuffer::amplify(tSample const& gain)
 {
-    for (unsigned int i = 0; i < m_samples.size(); ++i)
-        m_samples[i] = m_samples[i] * gain;
+    // Taken once: the gain might be one of the frames.
+    tSample const factor = gain;
+    tSample* samples = m_samples.data();
+    unsigned int const n = getNumSampleFrames();
+    if (VectorLoops const* vector = vectorLoops())
+        return vector->amplify(samples, n, factor);
+    for (unsigned int i = 0; i < n; ++i)
+        samples[i] = samples[i] * factor;
 }
 
 void AudioBuffer::generateSine(float amplitude, float frequency, float sampleRate)
 {
     constexpr double twoPi = 6.283185307179586;
     for (unsigned int i = 0; i < m_samples.size(); ++i) {
-        double const value = double(amplitude) * std::sin(double(i) * twoPi * double(frequency) / double(sampleRate));
+        double const value =
+            double(amplitude) * std::sin(double(i) * twoPi * double(frequency) / double(sampleRate));
         m_samples[i] = tSample(static_cast<float>(value));
     }
 }

@@ -3,12 +3,6 @@
 #include "dsp/BiQuadCoefficients.h"
 #include "dsp/FixedPoint.h"
 
-#if (defined(__x86_64__) || defined(__i386__)) && defined(__GNUC__)
-// Vector loops with SSE4.1 exist for this processor family, chosen at run time; others run the scalar
-// loops only.
-#define ORVANDELDSP_SSE41_PATH 1
-#endif
-
 namespace Zelmar {
 
 using tBiQuadDesign = AudioFilter::BiquadCoefficients<double, tSample>;
@@ -81,7 +75,7 @@ void runBiQuadLoopSharedB1A1(Coefficients const c, tSample const* in, tSample* o
 
 struct BiQuadSection;
 
-// One section on one channel: runBiQuadLoop, or with SSE4.1 a vector loop with the same bits.
+// One section on one channel: runBiQuadLoop, or the target's vector loop with the same bits.
 void runMonoBiQuad(BiQuadSection const& section, tSample const* in, tSample* out, unsigned int numFrames,
                    tSample& z1, tSample& z2);
 

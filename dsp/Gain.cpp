@@ -105,10 +105,7 @@ void Gain::processWithoutFade(AudioBuffer& out, AudioBuffer const& in)
     if (m_currentGain == c_one)
         return;
     // Not saturated: above 1.0 a loud sample wraps; the limiter and clip guard protect the output.
-    tSample* samples = out.getRawData();
-    unsigned int const n = out.getNumSampleFrames();
-    for (unsigned int i = 0; i < n; ++i)
-        samples[i] = samples[i] * m_currentGain;
+    out.amplify(m_currentGain);
 }
 
 void Gain::processFading(AudioBuffer& buffer)

@@ -51,6 +51,9 @@ private:
 
     std::atomic<TaskForNextBuffer> m_taskForNextBuffer{None};
     std::atomic<uint64_t> m_numSamplesProduced{0};
+    // The audio thread counts into it: a 32-bit target must do that without a lock (ARMv7 has ldrexd).
+    static_assert(std::atomic<uint64_t>::is_always_lock_free, "the frame count is shared without locks");
+    static_assert(std::atomic<TaskForNextBuffer>::is_always_lock_free, "the task is shared without locks");
     // Room every output buffer keeps: one period plus the inserted frame.
     unsigned int m_reservedFrames = 0;
 };

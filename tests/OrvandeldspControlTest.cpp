@@ -101,7 +101,8 @@ TEST_F(OrvandeldspControlTest, SetFileSendsEveryLineAndRefusalsAreOneLine)
 {
     PrivateDbus bus;
     ScopedBusAddress session("DBUS_SESSION_BUS_ADDRESS", bus.getAddress());
-    auto const in = stereoTone(2 * c_rate);
+    // Long enough for four client runs, which take up to a second each under qemu-arm on a busy machine.
+    auto const in = stereoTone(4 * c_rate);
     writeSound(path("in.wav"), SF_FORMAT_PCM_24, 2, in);
     std::string const config = writeConfig("two-gains.xml", R"(<dsp>
   <module type="input" id="in"/>
@@ -148,7 +149,8 @@ TEST_F(OrvandeldspControlTest, SoundsPlayLoopAndStopOnTheServedChain)
 {
     PrivateDbus bus;
     ScopedBusAddress session("DBUS_SESSION_BUS_ADDRESS", bus.getAddress());
-    writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, std::vector<int32_t>(2 * 3 * c_rate, 0));
+    // Two seconds past the last timed call, for the calls after it: an emulated client may take one.
+    writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, std::vector<int32_t>(2 * 4 * c_rate, 0));
     BackgroundTool run(realtimeRun(writeConfig("sounds.xml", R"(<dsp>
   <module type="input" id="in"/>
   <module type="sounds" id="system-sounds"/>

@@ -2,6 +2,7 @@
 
 #include "dsp/BiQuadSection.h"
 #include "dsp/FixedPoint.h"
+#include "dsp/VectorLoops.h"
 
 #include <cstdint>
 
@@ -46,12 +47,11 @@ template <int32_t B0, int32_t B1, int32_t B2, int32_t A1, int32_t A2> struct Con
 template <int32_t B0, int32_t B1, int32_t B2, int32_t A1, int32_t A2>
 void runPrecalculatedBiQuad(tSample const* in, tSample* out, unsigned int numFrames, tSample& z1, tSample& z2)
 {
-#ifdef ORVANDELDSP_SSE41_PATH
-    runMonoBiQuad(BiQuadSection{tSample(B0), tSample(B1), tSample(B2), tSample(A1), tSample(A2)}, in, out,
-                  numFrames, z1, z2);
-#else
-    runBiQuadLoop(ConstantBiQuadCoefficients<B0, B1, B2, A1, A2>(), in, out, numFrames, z1, z2);
-#endif
+    if constexpr (c_targetHasVectorLoops)
+        runMonoBiQuad(BiQuadSection{tSample(B0), tSample(B1), tSample(B2), tSample(A1), tSample(A2)}, in, out,
+                      numFrames, z1, z2);
+    else
+        runBiQuadLoop(ConstantBiQuadCoefficients<B0, B1, B2, A1, A2>(), in, out, numFrames, z1, z2);
 }
 
 // With b1 == a1 one product of the 32-bit difference x - y replaces two; the result may differ from
@@ -60,12 +60,12 @@ template <int32_t B0, int32_t B1, int32_t B2, int32_t A2>
 void runPrecalculatedBiQuadSharedB1A1(tSample const* in, tSample* out, unsigned int numFrames, tSample& z1,
                                       tSample& z2)
 {
-#ifdef ORVANDELDSP_SSE41_PATH
-    runMonoBiQuadSharedB1A1(BiQuadSection{tSample(B0), tSample(B1), tSample(B2), tSample(B1), tSample(A2)},
-                            in, out, numFrames, z1, z2);
-#else
-    runBiQuadLoopSharedB1A1(ConstantBiQuadCoefficients<B0, B1, B2, B1, A2>(), in, out, numFrames, z1, z2);
-#endif
+    if constexpr (c_targetHasVectorLoops)
+        runMonoBiQuadSharedB1A1(
+            BiQuadSection{tSample(B0), tSample(B1), tSample(B2), tSample(B1), tSample(A2)}, in, out,
+            numFrames, z1, z2);
+    else
+        runBiQuadLoopSharedB1A1(ConstantBiQuadCoefficients<B0, B1, B2, B1, A2>(), in, out, numFrames, z1, z2);
 }
 
 } // namespace Zelmar

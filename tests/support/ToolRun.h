@@ -21,9 +21,9 @@ struct ToolResult
     std::string err;
 };
 
-inline ToolResult runTool(std::vector<std::string> const& args)
+inline ToolResult runProgram(std::string const& program, std::vector<std::string> const& args)
 {
-    std::vector<char*> argv{const_cast<char*>(ORVANDELDSP_TOOL)};
+    std::vector<char*> argv{const_cast<char*>(program.c_str())};
     for (auto const& arg : args)
         argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
@@ -42,6 +42,11 @@ inline ToolResult runTool(std::vector<std::string> const& args)
     g_free(out);
     g_free(err);
     return result;
+}
+
+inline ToolResult runTool(std::vector<std::string> const& args)
+{
+    return runProgram(ORVANDELDSP_TOOL, args);
 }
 
 // The run ended with `status` and its stderr holds `message` (begins with it, when `atStart`).
