@@ -200,15 +200,16 @@ TEST(TimeStretcherTest, ChangesOneFrameWhereTheStepIsSmallest)
     EXPECT_EQ(rig.run(input), input);
     EXPECT_EQ(rig.run(input, TimeStretcher::None), input);
 
-    // Equal steps: the first pair wins.
+    // Equal steps: the first pair wins; the last pair is a candidate too.
     EXPECT_EQ(rig.run(samples({1, 2, 3, 4}), TimeStretcher::Skip), samples({1, 3, 4}));
+    EXPECT_EQ(rig.run(samples({0, 5, 9, 10}), TimeStretcher::Skip), samples({0, 5, 9}));
     // The jump across the whole range wraps to a step of 2 raw units and so counts as the smallest.
     EXPECT_EQ(rig.run(raw({INT32_MIN + 1, INT32_MAX, INT32_MAX - 4, 0}), TimeStretcher::Skip),
               raw({INT32_MIN + 1, INT32_MAX - 4, 0}));
 
     EXPECT_EQ(rig.run(samples({1, 2}), TimeStretcher::Skip), samples({1}));
     EXPECT_EQ(rig.run(samples({1, 2}), TimeStretcher::Stretch), samples({1, 1.5, 2}));
-    EXPECT_EQ(rig.stretchers[0]->getNumSamplesProduced(), 4u + 3 + 5 + 4 + 4 + 3 + 3 + 1 + 3);
+    EXPECT_EQ(rig.stretchers[0]->getNumSamplesProduced(), 4u + 3 + 5 + 4 + 4 + 3 + 3 + 3 + 1 + 3);
     rig.stretchers[0]->resetNumSamplesProduced();
     EXPECT_EQ(rig.stretchers[0]->getNumSamplesProduced(), 0u);
 }
