@@ -1,10 +1,12 @@
 #include "dsp/DriftCompensator.h"
 #include "dsp/TimeStretcher.h"
 
+#include "dsp/InputStage.h"
+#include "dsp/StereoWrapper.h"
 #include "dsp/TimeStretchingDriftCompensator.h"
 #include "dsp/TimeStretchingLineInDriftCompensator.h"
 #include "support/LogCapture.h"
-#include "support/StretcherChain.h"
+#include "support/MemoryAlsaBuffers.h"
 #include "support/TemporaryDirectory.h"
 
 #include <cmath>
@@ -14,6 +16,59 @@
 using namespace Zelmar;
 
 namespace {
+
+// A compiled chain "in" -> time stretcher `id` (mono on the left channel, or stereo-wrapped) -> meters,
+// fed the same period on both capture channels.
+class StretcherChain
+{
+public:
+    StretcherChain(Tools::String const& id, bool stereo) : chain(48000)
+    {
+        chain.addModule("input", "in");
+        module = stereo ? chain.addStereoModule("timestretcher", id) : chain.addModule("timestretcher", id);
+        chain.addModule("meter", "m0");
+        chain.addModule("meter", "m1");
+        chain.pullWire(id + "[0]", "in[0]");
+        chain.pullWire("m0[0]", id + "[0]");
+        chain.pullWire(stereo ? id + "[1]" : Tools::String("m1[0]"), "in[1]");
+        if (stereo)
+            chain.pullWire("m1[0]", id + "[1]");
+        chain.compile();
+        std::dynamic_pointer_cast<InputStage>(chain.findModule("in"))->setInput(&capture);
+        if (auto const wrapper = std::dynamic_pointer_cast<StereoWrapper>(module))
+            stretchers = {std::dynamic_pointer_cast<TimeStretcher>(wrapper->getLeft()),
+                          std::dynamic_pointer_cast<TimeStretcher>(wrapper->getRight())};
+        else
+            stretchers = {std::dynamic_pointer_cast<TimeStretcher>(module)};
+    }
+
+    // One period with an order for every stretcher; returns the output of port 0.
+    std::vector<tSample> run(std::vector<tSample> const& period, TimeStretcher::TaskForNextBuffer task)
+    {
+        for (auto& stretcher : stretchers)
+            stretcher->setTaskForNextBuffer(task);
+        return run(period);
+    }
+
+    std::vector<tSample> run(std::vector<tSample> const& period)
+    {
+        capture.getChannel(0).setPeriod(period);
+        capture.getChannel(1).setPeriod(period);
+        chain.process();
+        return output(0);
+    }
+
+    std::vector<tSample> output(unsigned int port) const
+    {
+        AudioBuffer const& out = *module->getOutPort(port);
+        return std::vector<tSample>(out.getRawData(), out.getRawData() + out.getNumSampleFrames());
+    }
+
+    Chain chain;
+    Testing::MemoryAlsaBuffers capture{2};
+    std::shared_ptr<Module> module;
+    std::vector<std::shared_ptr<TimeStretcher>> stretchers;
+};
 
 // Points the logging marker at a scratch path and collects the log entries of each test.
 class DriftCompensatorTest : public ::testing::Test
@@ -39,7 +94,7 @@ public:
 };
 
 // Frames on each output port of the stretcher after one 8-frame period.
-std::vector<unsigned int> runPeriod(Testing::StretcherChain& rig)
+std::vector<unsigned int> runPeriod(StretcherChain& rig)
 {
     rig.run(std::vector<tSample>(8, tSample(0.25)));
     std::vector<unsigned int> frames;
@@ -132,7 +187,7 @@ TEST_F(DriftCompensatorTest, SmoothedSignDecidesTheOrder)
 
 TEST_F(DriftCompensatorTest, BothStretchersOfAStereoPairGetTheSameOrder)
 {
-    Testing::StretcherChain rig("timestretcher", true);
+    StretcherChain rig("timestretcher", true);
     TimeStretchingDriftCompensator compensator;
     compensator.initChain(rig.chain);
     for (int call = 0; call < 14; ++call)
@@ -146,7 +201,7 @@ TEST_F(DriftCompensatorTest, BothStretchersOfAStereoPairGetTheSameOrder)
 
 TEST_F(DriftCompensatorTest, LineInCountsFramesOfAMonoStretcher)
 {
-    Testing::StretcherChain rig("line-in-timestretcher", false);
+    StretcherChain rig("line-in-timestretcher", false);
     TimeStretchingLineInDriftCompensator compensator;
     EXPECT_EQ(compensator.getNumSamplesProduced(), 0u);
     compensator.initChain(rig.chain);
@@ -161,7 +216,7 @@ TEST_F(DriftCompensatorTest, LineInCountsFramesOfAMonoStretcher)
 
 TEST_F(DriftCompensatorTest, MissingStretcherIsLoggedAndNotFatal)
 {
-    Testing::StretcherChain rig("timestretcher", true);
+    StretcherChain rig("timestretcher", true);
     TimeStretchingLineInDriftCompensator compensator;
     compensator.initChain(rig.chain);
     EXPECT_EQ(m_log.leveled(),
@@ -190,7 +245,7 @@ TEST_F(DriftCompensatorTest, DeltaLogLineIsThrottledWhenEnabled)
 
 TEST(TimeStretcherTest, ChangesOneFrameWhereTheStepIsSmallest)
 {
-    Testing::StretcherChain rig("ts", false);
+    StretcherChain rig("ts", false);
     auto const input = samples({0, 5, 5, 9});
     rig.run(input);
     EXPECT_EQ(rig.stretchers[0]->findSmallestChangeInBuffer(), 2u);
@@ -216,7 +271,7 @@ TEST(TimeStretcherTest, ChangesOneFrameWhereTheStepIsSmallest)
 
 TEST(TimeStretcherTest, OneFramePeriodLeavesTheOrderPending)
 {
-    Testing::StretcherChain rig("ts", false);
+    StretcherChain rig("ts", false);
     EXPECT_EQ(rig.run(samples({0.25}), TimeStretcher::Skip), samples({0.25}));
     EXPECT_EQ(rig.run({}), std::vector<tSample>{});
     EXPECT_EQ(rig.run(samples({0, 5, 5, 9})), samples({0, 5, 9}));
@@ -226,7 +281,7 @@ TEST(TimeStretcherTest, OneFramePeriodLeavesTheOrderPending)
 
 TEST(TimeStretcherTest, InsertedValueRoundsTowardZero)
 {
-    Testing::StretcherChain rig("ts", false);
+    StretcherChain rig("ts", false);
     EXPECT_EQ(rig.run(samples({-1.0, 0.5}), TimeStretcher::Stretch), samples({-1.0, -0.25, 0.5}));
     // The sum is -2^-27: halving toward zero gives 0, not -2^-27.
     EXPECT_EQ(rig.run(raw({-3, 2}), TimeStretcher::Stretch), raw({-3, 0, 2}));
@@ -238,7 +293,7 @@ TEST(TimeStretcherTest, OutputStorageNeverMovesEvenForAFullPeriod)
 {
     std::vector<tSample> const full(Chain::getMaxNumFramesPerProcessCall(), tSample(0.125));
     for (bool stereo : {false, true}) {
-        Testing::StretcherChain rig("ts", stereo);
+        StretcherChain rig("ts", stereo);
         tSample const* const left = rig.module->getOutPort(0)->getRawData();
         tSample const* const right = rig.module->getOutPort(stereo ? 1 : 0)->getRawData();
         for (auto task : {TimeStretcher::Stretch, TimeStretcher::Skip, TimeStretcher::Stretch}) {
@@ -255,7 +310,7 @@ TEST(TimeStretcherTest, OutputStorageNeverMovesEvenForAFullPeriod)
 
 TEST(TimeStretcherTest, MovedStorageIsFatal)
 {
-    Testing::StretcherChain rig("ts", false);
+    StretcherChain rig("ts", false);
     // Without the reserved frame an insertion into a full period has to reallocate.
     rig.module->getOutPort(0)->getUnderlyingStorage().shrink_to_fit();
     std::vector<tSample> const full(Chain::getMaxNumFramesPerProcessCall(), tSample(0.125));
