@@ -122,7 +122,7 @@ TEST(RomplerTest, DamagedFilesStillLoadWhatDecodes)
     EXPECT_TRUE(log.containsStart("RomplerData::errorCallback(): got error callback during flac decoding: "
                                   "FLAC__STREAM_DECODER_ERROR_STATUS_",
                                   4))
-        << log.leveled().at(0);
+        << testing::PrintToString(log.leveled());
     EXPECT_NE(broken.getSamples(), samples);
 }
 
