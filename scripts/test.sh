@@ -6,17 +6,16 @@ cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 cmake -S . -B build-test -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVANDELDSP_WERROR=ON
 cmake --build build-test -j "$(nproc)"
-# The realtime tool tests measure when a change lands against the wall clock, which a loaded
-# machine can stretch: a failed or hung test (stopped after a minute) runs once more, and the
-# output still shows the failure.
-ctest --test-dir build-test --output-on-failure -j "$(nproc)" --repeat until-pass:2
+ctest --test-dir build-test --output-on-failure -j "$(nproc)"
 
-# The whole tree must also build warning-free with clang, here under ThreadSanitizer, which then
-# watches the suites where our own threads meet the audio thread. Address-space randomisation is off
-# for that run: some kernels randomise more bits than the sanitizer's memory layout allows.
+# The whole tree must also build warning-free with clang, here under ThreadSanitizer, which then runs the
+# whole test program; its heap watcher counts through the sanitizer's allocator hooks there instead of
+# replacing malloc. Address-space randomisation is off for that run: some kernels randomise more bits
+# than the sanitizer's memory layout allows. Left out are the three realtime tool runs paced by the wall
+# clock: the sanitizer slows the client processes that must reach the served chain before its input ends.
 CC=clang CXX=clang++ cmake -S . -B build-clang -DORVANDELDSP_WERROR=ON -DORVANDELDSP_BUILD_BENCHMARKS=OFF \
   -DORVANDELDSP_SANITIZE=thread
 cmake --build build-clang -j "$(nproc)"
 TSAN_OPTIONS="halt_on_error=1 abort_on_error=1 suppressions=$PWD/tests/tsan.supp" \
   setarch "$(uname -m)" -R build-clang/tests/orvandeldsp-tests --gtest_brief=1 \
-  --gtest_filter='ModuleTest.*:ParameterPathTest.*:RingBufferTest.*:MainLoopCallbackTest.*:ExpirationTest.*:RomplerTest.*:SoundsTest.*:SystemSoundsPlayerTest.*:FlacEncoderTest.*:DumpSamplesTest.*:ChainTest.ProcessingACompiledChainNeverTouchesTheHeap'
+  --gtest_filter='-OrvandeldspControlTest.SetDuringARealtimeRunChangesTheLevelWhenItIsSent:OrvandeldspControlTest.SetFileSendsEveryLineAndRefusalsAreOneLine:OrvandeldspControlTest.SoundsPlayLoopAndStopOnTheServedChain'

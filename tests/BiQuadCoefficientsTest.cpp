@@ -1,28 +1,44 @@
 #include "dsp/BiQuadSection.h"
+#include "dsp/precalculated/PrecalculatedBiQuadKernels.h"
 
+#include "support/ModuleHarness.h"
 #include "support/Thrown.h"
 
-#include <gtest/gtest.h>
-
+#include <cstring>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <sstream>
-#include <string>
 
 using namespace Zelmar;
 using AudioFilter::Characteristic;
 
 namespace {
 
-BiQuadSection design(char const* type, double rate, double frequency, double q, double gain)
+std::vector<int32_t> words(tSample const& b0, tSample const& b1, tSample const& b2, tSample const& a1,
+                           tSample const& a2)
 {
-    BiQuadSection s;
-    s.design(tBiQuadDesign::translateType(type), rate, frequency, q, gain);
-    return s;
+    return {b0.getRaw(), b1.getRaw(), b2.getRaw(), a1.getRaw(), a2.getRaw()};
 }
 
-std::vector<int32_t> raw(BiQuadSection const& s)
+std::vector<int32_t> words(int32_t const (&v)[5])
 {
-    return {s.b0.getRaw(), s.b1.getRaw(), s.b2.getRaw(), s.a1.getRaw(), s.a2.getRaw()};
+    return {v[0], v[1], v[2], v[3], v[4]};
+}
+
+PrecalculatedBiQuadEntry const* findEntry(char const* name)
+{
+    auto const* const end = c_precalculatedBiQuads + c_numPrecalculatedBiQuads;
+    auto const* entry =
+        std::find_if(c_precalculatedBiQuads, end, [&](auto& e) { return !std::strcmp(e.name, name); });
+    return entry == end ? nullptr : entry;
+}
+
+tBiQuadKernel lookUp(Characteristic type, double rate, double frequency, double q, double gain,
+                     int32_t nudge = 0)
+{
+    BiQuadSection s;
+    s.design(type, rate, frequency, q, gain);
+    return findPrecalculatedBiQuad(s.b0 + tSample(nudge), s.b1, s.b2 - tSample(nudge), s.a1, s.a2);
 }
 
 } // namespace
@@ -38,14 +54,14 @@ TEST(BiQuadCoefficientsTest, NamesMapToCharacteristicsCaseSensitively)
               "bandpass, hipass, hishelf, lopass, loshelf, notch, passthru, peak");
 }
 
-// Reference values come from an independent script evaluating the same formulas in Python.
+// Reference values from an independent script evaluating the design formulas in Python: every
+// characteristic, boosts and cuts (a cut is the boost's inverse), gain 0 and shelves of another Q.
 TEST(BiQuadCoefficientsTest, DesignsMatchIndependentlyComputedTable)
 {
     std::ifstream file(TEST_SOURCE_DIR "/data/biquad-designs.txt");
     ASSERT_TRUE(file.is_open());
-    std::string line;
     int cases = 0;
-    while (std::getline(file, line)) {
+    for (std::string line; std::getline(file, line);) {
         if (line.empty() || line[0] == '#')
             continue;
         std::istringstream fields(line);
@@ -54,38 +70,13 @@ TEST(BiQuadCoefficientsTest, DesignsMatchIndependentlyComputedTable)
         std::vector<int32_t> expected(5);
         fields >> type >> rate >> frequency >> q >> gain >> expected[0] >> expected[1] >> expected[2] >>
             expected[3] >> expected[4];
-        EXPECT_EQ(raw(design(type.c_str(), rate, frequency, q, gain)), expected) << line;
+        tSample c[5];
+        tBiQuadDesign::get(tBiQuadDesign::translateType(type.c_str()), rate, frequency, q, gain, c[0], c[1],
+                           c[2], c[3], c[4]);
+        EXPECT_EQ(words(c[0], c[1], c[2], c[3], c[4]), expected) << line;
         ++cases;
     }
-    EXPECT_EQ(cases, 24);
-}
-
-TEST(BiQuadCoefficientsTest, IdentitiesOfPassthruPeakAndShelves)
-{
-    EXPECT_EQ(raw(design("passthru", 44100, 100, 1, 3)), (std::vector<int32_t>{0x08000000, 0, 0, 0, 0}));
-
-    BiQuadSection const flat = design("peak", 48000, 1000, 2, 0);
-    EXPECT_EQ(flat.b1, flat.a1);
-    EXPECT_EQ(flat.b2, flat.a2);
-    EXPECT_NEAR(flat.b0.getRaw(), 0x08000000, 8);
-
-    EXPECT_EQ(raw(design("loshelf", 48000, 300, 0.5, 4)), raw(design("loshelf", 48000, 300, 3, 4)));
-    EXPECT_EQ(raw(design("hishelf", 48000, 3000, 0.5, -4)), raw(design("hishelf", 48000, 3000, 3, -4)));
-}
-
-TEST(BiQuadCoefficientsTest, CutUndoesBoostOfSameMagnitude)
-{
-    for (char const* type : {"peak", "loshelf", "hishelf"}) {
-        BiQuadSection const boost = design(type, 48000, 1000, 1.5, 6);
-        BiQuadSection const cut = design(type, 48000, 1000, 1.5, -6);
-        tSample z[4];
-        tSample y;
-        for (int i = 0; i < 2000; ++i) {
-            tSample const x = tSample(i == 0 ? 0.5 : 0.0);
-            y = cut.step(boost.step(x, z[0], z[1]), z[2], z[3]);
-            EXPECT_NEAR(y.toDouble(), i == 0 ? 0.5 : 0.0, 1e-5) << type << " at " << i;
-        }
-    }
+    EXPECT_EQ(cases, 26);
 }
 
 TEST(BiQuadCoefficientsDeathTest, QOfZeroAndUnknownCharacteristicAbort)
@@ -96,4 +87,63 @@ TEST(BiQuadCoefficientsDeathTest, QOfZeroAndUnknownCharacteristicAbort)
     EXPECT_DEATH(
         tBiQuadDesign::get(static_cast<Characteristic>(8), 48000, 1000, 1, 3, c[0], c[1], c[2], c[3], c[4]),
         "Unknown filter type");
+}
+
+TEST(PrecalculatedBiQuadTest, TableHoldsTheDesignedConstants)
+{
+    ASSERT_EQ(c_numPrecalculatedBiQuads, 252u);
+    PrecalculatedBiQuadEntry const& first = c_precalculatedBiQuads[0];
+    EXPECT_STREQ(first.name, "hipass_44100_f15_q700_g0");
+    EXPECT_EQ(words(first.key), (std::vector<int32_t>{99847, -199694, 99847, -199694, 99695}));
+    EXPECT_EQ(words(first.raw),
+              (std::vector<int32_t>{134013000, -268026000, 134013000, -268025696, 133808576}));
+    EXPECT_EQ(first.kernel, &hipass_44100_f15_q700_g0);
+    PrecalculatedBiQuadEntry const* peak = findEntry("peak_44100_f45_q2000_g10000");
+    ASSERT_NE(peak, nullptr);
+    EXPECT_EQ(words(peak->raw),
+              (std::vector<int32_t>{134682160, -268000384, 133323728, -268000384, 133788160}));
+    EXPECT_EQ(c_precalculatedBiQuads[251].kernel, &peak_192000_f11000_q6300_gm2100);
+    EXPECT_NE(findEntry("hishelf_48000_f1300_q0_gm5000"), nullptr);
+    EXPECT_NE(findEntry("loshelf_96000_f450_q700_g4500"), nullptr);
+}
+
+TEST(PrecalculatedBiQuadTest, LookupQuantisesToTenMicroUnits)
+{
+    EXPECT_EQ(lookUp(Characteristic::Peak, 44100, 45, 2, 10), &peak_44100_f45_q2000_g10000);
+    // 16 raw units are about 1.2e-7: below the key resolution.
+    EXPECT_EQ(lookUp(Characteristic::Peak, 44100, 45, 2, 10, 16), &peak_44100_f45_q2000_g10000);
+    EXPECT_EQ(lookUp(Characteristic::Peak, 44000, 45, 2, 10), nullptr) << "no kernel at 44000 Hz";
+    // Equal frequency-to-rate ratios share coefficients; the earlier entry wins.
+    EXPECT_EQ(lookUp(Characteristic::HiPass, 176400, 60, 0.7, 0), &hipass_44100_f15_q700_g0);
+    EXPECT_EQ(lookUp(Characteristic::Passthru, 48000, 1000, 1, 0), nullptr);
+}
+
+// Every kernel against the transposed direct form II with its own constants, across a split period.
+// Where b1 equals a1 the kernel forms z1 = z2 + (x - y) b1 with one product, which may differ from
+// the generic form in the lowest bit.
+TEST(PrecalculatedBiQuadTest, KernelsRunTheDirectFormWithOneProductWhereB1EqualsA1)
+{
+    std::vector<tSample> const input = Testing::noise(512, 7);
+    for (unsigned int i = 0; i < c_numPrecalculatedBiQuads; ++i) {
+        PrecalculatedBiQuadEntry const& e = c_precalculatedBiQuads[i];
+        BiQuadSection const c{tSample(e.raw[0]), tSample(e.raw[1]), tSample(e.raw[2]), tSample(e.raw[3]),
+                              tSample(e.raw[4])};
+        std::vector<tSample> output(input.size());
+        tSample z1, z2, r1, r2;
+        e.kernel(input.data(), output.data(), 200, z1, z2);
+        e.kernel(input.data() + 200, output.data() + 200, 312, z1, z2);
+        for (unsigned int n = 0; n < input.size(); ++n) {
+            tSample const x = input[n];
+            tSample y = r1 + c.b0 * x;
+            if (e.raw[1] == e.raw[3]) {
+                r1 = r2 + (x - y) * c.b1;
+                r2 = c.b2 * x - c.a2 * y;
+            } else {
+                y = c.step(x, r1, r2);
+            }
+            ASSERT_EQ(output[n], y) << e.name << " frame " << n;
+        }
+        EXPECT_EQ(z1, r1) << e.name;
+        EXPECT_EQ(z2, r2) << e.name;
+    }
 }

@@ -1,45 +1,89 @@
 #include "dsp/DriftCompensator.h"
+#include "dsp/TimeStretcher.h"
 
-#include "base/Tracer.h"
+#include "dsp/InputStage.h"
+#include "dsp/StereoWrapper.h"
 #include "dsp/TimeStretchingDriftCompensator.h"
 #include "dsp/TimeStretchingLineInDriftCompensator.h"
 #include "support/LogCapture.h"
-#include "support/StretcherChain.h"
-
-#include <gtest/gtest.h>
-#include <unistd.h>
+#include "support/MemoryAlsaBuffers.h"
+#include "support/TemporaryDirectory.h"
 
 #include <cmath>
-#include <cstdio>
-#include <fstream>
+#include <gtest/gtest.h>
 #include <vector>
 
 using namespace Zelmar;
-using Type = Tools::Hardware::DriftCompensatorType;
 
 namespace {
+
+// A compiled chain "in" -> time stretcher `id` (mono on the left channel, or stereo-wrapped) -> meters,
+// fed the same period on both capture channels.
+class StretcherChain
+{
+public:
+    StretcherChain(Tools::String const& id, bool stereo) : chain(48000)
+    {
+        chain.addModule("input", "in");
+        module = stereo ? chain.addStereoModule("timestretcher", id) : chain.addModule("timestretcher", id);
+        chain.addModule("meter", "m0");
+        chain.addModule("meter", "m1");
+        chain.pullWire(id + "[0]", "in[0]");
+        chain.pullWire("m0[0]", id + "[0]");
+        chain.pullWire(stereo ? id + "[1]" : Tools::String("m1[0]"), "in[1]");
+        if (stereo)
+            chain.pullWire("m1[0]", id + "[1]");
+        chain.compile();
+        std::dynamic_pointer_cast<InputStage>(chain.findModule("in"))->setInput(&capture);
+        if (auto const wrapper = std::dynamic_pointer_cast<StereoWrapper>(module))
+            stretchers = {std::dynamic_pointer_cast<TimeStretcher>(wrapper->getLeft()),
+                          std::dynamic_pointer_cast<TimeStretcher>(wrapper->getRight())};
+        else
+            stretchers = {std::dynamic_pointer_cast<TimeStretcher>(module)};
+    }
+
+    // One period with an order for every stretcher; returns the output of port 0.
+    std::vector<tSample> run(std::vector<tSample> const& period, TimeStretcher::TaskForNextBuffer task)
+    {
+        for (auto& stretcher : stretchers)
+            stretcher->setTaskForNextBuffer(task);
+        return run(period);
+    }
+
+    std::vector<tSample> run(std::vector<tSample> const& period)
+    {
+        capture.getChannel(0).setPeriod(period);
+        capture.getChannel(1).setPeriod(period);
+        chain.process();
+        return output(0);
+    }
+
+    std::vector<tSample> output(unsigned int port) const
+    {
+        AudioBuffer const& out = *module->getOutPort(port);
+        return std::vector<tSample>(out.getRawData(), out.getRawData() + out.getNumSampleFrames());
+    }
+
+    Chain chain;
+    Testing::MemoryAlsaBuffers capture{2};
+    std::shared_ptr<Module> module;
+    std::vector<std::shared_ptr<TimeStretcher>> stretchers;
+};
 
 // Points the logging marker at a scratch path and collects the log entries of each test.
 class DriftCompensatorTest : public ::testing::Test
 {
 protected:
-    void SetUp() override
+    DriftCompensatorTest() { DriftCompensator::setEnableFrameDiffFile(m_marker); }
+    ~DriftCompensatorTest() override
     {
-        // Unique per process: ctest runs tests of this suite in parallel processes.
-        m_marker = ::testing::TempDir() + "drift_comp_info_enabled." + std::to_string(getpid());
-        std::remove(m_marker.c_str());
-        DriftCompensator::setEnableFrameDiffFile(m_marker);
-    }
-
-    void TearDown() override
-    {
-        std::remove(m_marker.c_str());
         DriftCompensator::setEnableFrameDiffFile("/etc/orvandel/drift_comp_info_enabled");
     }
 
-    void writeMarker(char const* content) { std::ofstream(m_marker) << content; }
+    void writeMarker(char const* content) { m_scratch.write("marker", content); }
 
-    std::string m_marker;
+    Testing::TemporaryDirectory m_scratch{"drift-XXXXXX"};
+    std::string const m_marker = m_scratch.path("marker");
     Testing::LogCapture m_log;
 };
 
@@ -50,13 +94,23 @@ public:
 };
 
 // Frames on each output port of the stretcher after one 8-frame period.
-std::vector<unsigned int> runPeriod(Testing::StretcherChain& rig)
+std::vector<unsigned int> runPeriod(StretcherChain& rig)
 {
     rig.run(std::vector<tSample>(8, tSample(0.25)));
     std::vector<unsigned int> frames;
     for (unsigned int port = 0; port < rig.module->getNumOutPorts(); ++port)
         frames.push_back(static_cast<unsigned int>(rig.output(port).size()));
     return frames;
+}
+
+std::vector<tSample> samples(std::vector<double> const& values)
+{
+    return std::vector<tSample>(values.begin(), values.end());
+}
+
+std::vector<tSample> raw(std::vector<int32_t> const& values)
+{
+    return std::vector<tSample>(values.begin(), values.end());
 }
 
 } // namespace
@@ -77,24 +131,15 @@ TEST_F(DriftCompensatorTest, MarkerFileEnablesReportsAndSetsTheirPeriod)
 {
     DriftCompensator quiet;
     EXPECT_FALSE(DriftCompensator::isFrameDiffLoggingEnabled());
-    EXPECT_TRUE(m_log.messages().empty());
-
-    writeMarker("20\n");
-    DriftCompensator shortPeriod;
-    EXPECT_TRUE(DriftCompensator::isFrameDiffLoggingEnabled());
-    EXPECT_EQ(DriftCompensator::getDiffReportDelta(), 500u);
-
-    writeMarker("2000\n");
-    DriftCompensator longPeriod;
-    EXPECT_EQ(DriftCompensator::getDiffReportDelta(), 2000u);
-    ASSERT_EQ(m_log.leveled().size(), 2u);
-    EXPECT_EQ(m_log.leveled()[1], "3 DriftCompensator::enabling logging with every 2000 ms");
-
-    writeMarker("");
-    DriftCompensator empty;
-    EXPECT_TRUE(DriftCompensator::isFrameDiffLoggingEnabled());
-    EXPECT_EQ(DriftCompensator::getDiffReportDelta(), 500u);
-    EXPECT_EQ(DriftCompensator::readLogPeriod(m_marker.c_str()), 0);
+    for (auto const& [content, period] : {std::pair{"20\n", 500u}, {"2000\n", 2000u}, {"", 500u}}) {
+        writeMarker(content);
+        DriftCompensator enabled;
+        EXPECT_TRUE(DriftCompensator::isFrameDiffLoggingEnabled());
+        EXPECT_EQ(DriftCompensator::getDiffReportDelta(), period) << content;
+        EXPECT_EQ(m_log.leveled().back(),
+                  "3 DriftCompensator::enabling logging with every " + std::to_string(period) + " ms");
+    }
+    EXPECT_EQ(m_log.leveled().size(), 3u);
     EXPECT_EQ(DriftCompensator::readLogPeriod("/nonexistent/drift"), 0);
 }
 
@@ -115,27 +160,11 @@ TEST_F(DriftCompensatorTest, ReportsAtMostOncePerPeriodUntilAnyCompensatorStops)
     other.stop();
     EXPECT_FALSE(other.isRunning());
     Averaging fresh;
-    EXPECT_TRUE(DriftCompensator::isFrameDiffLoggingEnabled());
     fresh.stop();
     fresh.reportFrameDelta(9);
     EXPECT_EQ(m_log.messages().size(), 2u) << "only the construction notice";
-
     EXPECT_EQ(other.setFrameDelta(-12), 0);
     EXPECT_EQ(other.getFrameDelta(), -12);
-}
-
-// The clock-steering types are created in their own suites, which provide a device to open.
-TEST_F(DriftCompensatorTest, CreatesTheTimeStretchingTypes)
-{
-    auto const playback = DriftCompensator::create(Type::TimeStretching);
-    auto const* stretching = dynamic_cast<TimeStretchingDriftCompensator*>(playback.get());
-    ASSERT_NE(stretching, nullptr);
-    EXPECT_EQ(stretching->getTimeStretcherModuleID(), "timestretcher");
-    auto const lineIn = DriftCompensator::create(Type::TimeStretchingLineIn);
-    auto const* lineInStretching = dynamic_cast<TimeStretchingLineInDriftCompensator*>(lineIn.get());
-    ASSERT_NE(lineInStretching, nullptr);
-    EXPECT_EQ(lineInStretching->getTimeStretcherModuleID(), "line-in-timestretcher");
-    EXPECT_EQ(DriftCompensator::create(static_cast<Type>(7)), nullptr);
 }
 
 TEST_F(DriftCompensatorTest, SmoothedSignDecidesTheOrder)
@@ -158,7 +187,7 @@ TEST_F(DriftCompensatorTest, SmoothedSignDecidesTheOrder)
 
 TEST_F(DriftCompensatorTest, BothStretchersOfAStereoPairGetTheSameOrder)
 {
-    Testing::StretcherChain rig("timestretcher", true);
+    StretcherChain rig("timestretcher", true);
     TimeStretchingDriftCompensator compensator;
     compensator.initChain(rig.chain);
     for (int call = 0; call < 14; ++call)
@@ -172,7 +201,7 @@ TEST_F(DriftCompensatorTest, BothStretchersOfAStereoPairGetTheSameOrder)
 
 TEST_F(DriftCompensatorTest, LineInCountsFramesOfAMonoStretcher)
 {
-    Testing::StretcherChain rig("line-in-timestretcher", false);
+    StretcherChain rig("line-in-timestretcher", false);
     TimeStretchingLineInDriftCompensator compensator;
     EXPECT_EQ(compensator.getNumSamplesProduced(), 0u);
     compensator.initChain(rig.chain);
@@ -187,7 +216,7 @@ TEST_F(DriftCompensatorTest, LineInCountsFramesOfAMonoStretcher)
 
 TEST_F(DriftCompensatorTest, MissingStretcherIsLoggedAndNotFatal)
 {
-    Testing::StretcherChain rig("timestretcher", true);
+    StretcherChain rig("timestretcher", true);
     TimeStretchingLineInDriftCompensator compensator;
     compensator.initChain(rig.chain);
     EXPECT_EQ(m_log.leveled(),
@@ -212,4 +241,78 @@ TEST_F(DriftCompensatorTest, DeltaLogLineIsThrottledWhenEnabled)
     logging.setFrameDelta(3);
     logging.setFrameDelta(4);
     EXPECT_EQ(m_log.leveled(), std::vector<std::string>{"2 TimeStretchingDriftCompensator: frame delta 3"});
+}
+
+TEST(TimeStretcherTest, ChangesOneFrameWhereTheStepIsSmallest)
+{
+    StretcherChain rig("ts", false);
+    auto const input = samples({0, 5, 5, 9});
+    rig.run(input);
+    EXPECT_EQ(rig.stretchers[0]->findSmallestChangeInBuffer(), 2u);
+    EXPECT_EQ(rig.run(input, TimeStretcher::Skip), samples({0, 5, 9}));
+    EXPECT_EQ(rig.run(input, TimeStretcher::Stretch), samples({0, 5, 5, 5, 9}));
+    // The order is used up by the period it changed.
+    EXPECT_EQ(rig.run(input), input);
+    EXPECT_EQ(rig.run(input, TimeStretcher::None), input);
+
+    // Equal steps: the first pair wins; the last pair is a candidate too.
+    EXPECT_EQ(rig.run(samples({1, 2, 3, 4}), TimeStretcher::Skip), samples({1, 3, 4}));
+    EXPECT_EQ(rig.run(samples({0, 5, 9, 10}), TimeStretcher::Skip), samples({0, 5, 9}));
+    // The jump across the whole range wraps to a step of 2 raw units and so counts as the smallest.
+    EXPECT_EQ(rig.run(raw({INT32_MIN + 1, INT32_MAX, INT32_MAX - 4, 0}), TimeStretcher::Skip),
+              raw({INT32_MIN + 1, INT32_MAX - 4, 0}));
+
+    EXPECT_EQ(rig.run(samples({1, 2}), TimeStretcher::Skip), samples({1}));
+    EXPECT_EQ(rig.run(samples({1, 2}), TimeStretcher::Stretch), samples({1, 1.5, 2}));
+    EXPECT_EQ(rig.stretchers[0]->getNumSamplesProduced(), 4u + 3 + 5 + 4 + 4 + 3 + 3 + 3 + 1 + 3);
+    rig.stretchers[0]->resetNumSamplesProduced();
+    EXPECT_EQ(rig.stretchers[0]->getNumSamplesProduced(), 0u);
+}
+
+TEST(TimeStretcherTest, OneFramePeriodLeavesTheOrderPending)
+{
+    StretcherChain rig("ts", false);
+    EXPECT_EQ(rig.run(samples({0.25}), TimeStretcher::Skip), samples({0.25}));
+    EXPECT_EQ(rig.run({}), std::vector<tSample>{});
+    EXPECT_EQ(rig.run(samples({0, 5, 5, 9})), samples({0, 5, 9}));
+    EXPECT_EQ(rig.run(samples({0, 5, 5, 9})), samples({0, 5, 5, 9}));
+    EXPECT_EQ(rig.stretchers[0]->getNumSamplesProduced(), 1u + 0 + 3 + 4);
+}
+
+TEST(TimeStretcherTest, InsertedValueRoundsTowardZero)
+{
+    StretcherChain rig("ts", false);
+    EXPECT_EQ(rig.run(samples({-1.0, 0.5}), TimeStretcher::Stretch), samples({-1.0, -0.25, 0.5}));
+    // The sum is -2^-27: halving toward zero gives 0, not -2^-27.
+    EXPECT_EQ(rig.run(raw({-3, 2}), TimeStretcher::Stretch), raw({-3, 0, 2}));
+    // The sum wraps in 32 bits before it is halved.
+    EXPECT_EQ(rig.run(raw({INT32_MAX, 1}), TimeStretcher::Stretch), raw({INT32_MAX, -(1 << 30), 1}));
+}
+
+TEST(TimeStretcherTest, OutputStorageNeverMovesEvenForAFullPeriod)
+{
+    std::vector<tSample> const full(Chain::getMaxNumFramesPerProcessCall(), tSample(0.125));
+    for (bool stereo : {false, true}) {
+        StretcherChain rig("ts", stereo);
+        tSample const* const left = rig.module->getOutPort(0)->getRawData();
+        tSample const* const right = rig.module->getOutPort(stereo ? 1 : 0)->getRawData();
+        for (auto task : {TimeStretcher::Stretch, TimeStretcher::Skip, TimeStretcher::Stretch}) {
+            rig.run(full, task);
+            EXPECT_EQ(rig.module->getOutPort(0)->getRawData(), left);
+            EXPECT_EQ(rig.module->getOutPort(stereo ? 1 : 0)->getRawData(), right);
+        }
+        EXPECT_EQ(rig.output(0).size(), full.size() + 1);
+        if (stereo) {
+            EXPECT_EQ(rig.output(1), rig.output(0));
+        }
+    }
+}
+
+TEST(TimeStretcherTest, MovedStorageIsFatal)
+{
+    StretcherChain rig("ts", false);
+    // Without the reserved frame an insertion into a full period has to reallocate.
+    rig.module->getOutPort(0)->getUnderlyingStorage().shrink_to_fit();
+    std::vector<tSample> const full(Chain::getMaxNumFramesPerProcessCall(), tSample(0.125));
+    EXPECT_DEATH(rig.run(full, TimeStretcher::Stretch), "oldOutPtr == getOutPort\\(0\\)->getRawData\\(\\)");
 }

@@ -1,5 +1,6 @@
 #include "dsp/FormatConversion.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <vector>
 
@@ -7,87 +8,84 @@ using namespace Zelmar;
 
 namespace {
 
-std::vector<guint8> to(snd_pcm_format_t format, std::vector<int32_t> const& raws, unsigned int width)
-{
-    std::vector<tSample> in;
-    for (int32_t r : raws)
-        in.push_back(tSample(r));
-    std::vector<guint8> out(raws.size() * width + 1, 0xAA);
-    FormatConversion::convertTo(format, in.data(), out.data(), in.size());
-    EXPECT_EQ(out.back(), 0xAA) << "wrote past the last sample";
-    out.pop_back();
-    return out;
-}
-
-std::vector<int16_t> toS16(std::vector<int32_t> const& raws)
-{
-    auto bytes = to(SND_PCM_FORMAT_S16_LE, raws, 2);
-    std::vector<int16_t> values;
-    for (size_t i = 0; i < bytes.size(); i += 2)
-        values.push_back(int16_t(bytes[i] | (bytes[i + 1] << 8)));
-    return values;
-}
-
-std::vector<uint32_t> toS32(std::vector<int32_t> const& raws)
-{
-    auto bytes = to(SND_PCM_FORMAT_S32_LE, raws, 4);
-    std::vector<uint32_t> values;
-    for (size_t i = 0; i < bytes.size(); i += 4)
-        values.push_back(bytes[i] | bytes[i + 1] << 8 | bytes[i + 2] << 16 | uint32_t(bytes[i + 3]) << 24);
-    return values;
-}
-
-int32_t fromBytes(snd_pcm_format_t format, std::vector<guint8> const& bytes)
-{
-    tSample out[2] = {tSample(int32_t(0x55)), tSample(int32_t(0x55))};
-    FormatConversion::convertFrom(format, bytes.data(), out, 1);
-    EXPECT_EQ(out[1].getRaw(), 0x55);
-    return out[0].getRaw();
-}
-
 constexpr int32_t c_one = 0x08000000;
+constexpr snd_pcm_format_t c_s16 = SND_PCM_FORMAT_S16_LE, c_s24 = SND_PCM_FORMAT_S24_3LE,
+                           c_s32 = SND_PCM_FORMAT_S32_LE;
+
+unsigned int widthOf(snd_pcm_format_t format)
+{
+    return format == c_s16 ? 2 : format == c_s24 ? 3 : 4;
+}
+
+// The words converted in one call, read back as signed little-endian PCM values; a guard byte behind
+// the last sample must stay untouched.
+std::vector<int32_t> convertTo(snd_pcm_format_t format, std::vector<int32_t> const& words)
+{
+    unsigned int const width = widthOf(format);
+    std::vector<tSample> const samples(words.begin(), words.end());
+    std::vector<guint8> bytes(words.size() * width + 1, 0xAA);
+    FormatConversion::convertTo(format, samples.data(), bytes.data(), samples.size());
+    EXPECT_EQ(bytes.back(), 0xAA) << "wrote past the last sample";
+    std::vector<int32_t> values(words.size());
+    for (size_t i = 0; i < words.size(); ++i) {
+        uint32_t value = 0;
+        for (unsigned int b = 0; b < width; ++b)
+            value |= uint32_t(bytes[i * width + b]) << (8 * (b + 4 - width));
+        values[i] = int32_t(value) >> (8 * (4 - width));
+    }
+    return values;
+}
+
+// The PCM values written little-endian and converted back in one call, with a guard sample behind.
+std::vector<int32_t> convertFrom(snd_pcm_format_t format, std::vector<int32_t> const& values)
+{
+    std::vector<guint8> bytes;
+    for (int32_t value : values)
+        for (unsigned int b = 0; b < widthOf(format); ++b)
+            bytes.push_back(guint8(uint32_t(value) >> (8 * b)));
+    std::vector<tSample> samples(values.size() + 1, tSample(0x55));
+    FormatConversion::convertFrom(format, bytes.data(), samples.data(), values.size());
+    EXPECT_EQ(samples.back().getRaw(), 0x55) << "wrote past the last sample";
+    std::vector<int32_t> words(values.size());
+    std::transform(values.begin(), values.end(), samples.begin(), words.begin(),
+                   [](int32_t, tSample sample) { return sample.getRaw(); });
+    return words;
+}
 
 } // namespace
 
-TEST(FormatConversionTest, SixteenBitRoundsHalfUpAndClipsToFullScale)
+TEST(FormatConversionTest, SixteenAndTwentyFourBitsRoundHalfUpAndClipToFullScale)
 {
-    EXPECT_EQ(toS16({c_one / 2, c_one, -c_one, INT32_MIN, 2048, 2047, c_one - 2048, c_one - 2049, -2049}),
-              (std::vector<int16_t>{16384, 32767, -32768, -32768, 1, 0, 32767, 32767, -1}));
-    EXPECT_EQ(toS16({0x7FFFF000, -c_one - 1}), (std::vector<int16_t>{32767, -32768}));
+    EXPECT_EQ(convertTo(c_s16, {c_one / 2, c_one, -c_one, INT32_MIN, 2048, 2047, c_one - 2048, c_one - 2049,
+                                -2049, 0x7FFFF000, -c_one - 1}),
+              (std::vector<int32_t>{16384, 32767, -32768, -32768, 1, 0, 32767, 32767, -1, 32767, -32768}));
+    EXPECT_EQ(convertTo(c_s24, {c_one, -c_one, c_one / 2, 8, 7, -c_one - 9}),
+              (std::vector<int32_t>{0x7FFFFF, -0x800000, 0x400000, 1, 0, -0x800000}));
 }
 
 TEST(FormatConversionTest, ThirtyTwoBitNeitherRoundsNorReachesAllOnes)
 {
-    EXPECT_EQ(toS32({0x07FFFFFF, c_one, 0x7FFFFFFF, -c_one, -c_one - 1, INT32_MIN, 1, -1}),
-              (std::vector<uint32_t>{0x7FFFFFF0, 0x7FFFFFF0, 0x7FFFFFF0, 0x80000000, 0x80000000, 0x80000000,
-                                     0x10, 0xFFFFFFF0}));
-}
-
-TEST(FormatConversionTest, TwentyFourBitPacksThreeBytesAfterRounding)
-{
-    EXPECT_EQ(to(SND_PCM_FORMAT_S24_3LE, {c_one, -c_one, c_one / 2, 8, 7, -c_one - 9}, 3),
-              (std::vector<guint8>{0xFF, 0xFF, 0x7F, 0x00, 0x00, 0x80, 0x00, 0x00, 0x40, 0x01, 0x00, 0x00,
-                                   0x00, 0x00, 0x00, 0x00, 0x00, 0x80}));
+    EXPECT_EQ(convertTo(c_s32, {0x07FFFFFF, c_one, INT32_MAX, -c_one, -c_one - 1, INT32_MIN, 1, -1}),
+              (std::vector<int32_t>{0x7FFFFFF0, 0x7FFFFFF0, 0x7FFFFFF0, INT32_MIN, INT32_MIN, INT32_MIN, 0x10,
+                                    -16}));
 }
 
 TEST(FormatConversionTest, InputSignExtendsAndNeverSaturates)
 {
-    EXPECT_EQ(fromBytes(SND_PCM_FORMAT_S24_3LE, {0x00, 0x00, 0x80}), -c_one);
-    EXPECT_EQ(fromBytes(SND_PCM_FORMAT_S24_3LE, {0xFF, 0xFF, 0x7F}), c_one - 16);
-    EXPECT_EQ(fromBytes(SND_PCM_FORMAT_S16_LE, {0x00, 0x80}), -c_one);
-    EXPECT_EQ(fromBytes(SND_PCM_FORMAT_S16_LE, {0x01, 0x00}), 4096);
-    EXPECT_EQ(fromBytes(SND_PCM_FORMAT_S32_LE, {0xF0, 0xFF, 0xFF, 0x7F}), 0x07FFFFFF);
-    EXPECT_EQ(fromBytes(SND_PCM_FORMAT_S32_LE, {0x0F, 0x00, 0x00, 0x80}), -c_one);
+    EXPECT_EQ(convertFrom(c_s24, {-0x800000, 0x7FFFFF}), (std::vector<int32_t>{-c_one, c_one - 16}));
+    EXPECT_EQ(convertFrom(c_s16, {-32768, 1}), (std::vector<int32_t>{-c_one, 4096}));
+    EXPECT_EQ(convertFrom(c_s32, {0x7FFFFFF0, int32_t(0x8000000F)}),
+              (std::vector<int32_t>{0x07FFFFFF, -c_one}));
 }
 
 TEST(FormatConversionTest, ZeroCountWritesNothing)
 {
-    for (auto format : {SND_PCM_FORMAT_S16_LE, SND_PCM_FORMAT_S24_3LE, SND_PCM_FORMAT_S32_LE}) {
+    for (auto format : {c_s16, c_s24, c_s32}) {
         guint8 out[4] = {1, 2, 3, 4};
         tSample in[1] = {tSample(0.5)};
         FormatConversion::convertTo(format, in, out, 0);
-        EXPECT_EQ(out[0], 1);
         FormatConversion::convertFrom(format, out, in, 0);
+        EXPECT_EQ(out[0], 1);
         EXPECT_EQ(in[0], tSample(0.5));
     }
 }

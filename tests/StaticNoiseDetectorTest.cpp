@@ -1,9 +1,30 @@
 #include "dsp/StaticNoiseDetector.h"
 
+#include "dsp/FilterChHp1.h"
+#include "dsp/ThetaBuffer.h"
+
+#include <algorithm>
 #include <cmath>
 #include <gtest/gtest.h>
 
 using namespace Zelmar;
+
+namespace {
+
+// Peak gain of a cosine after the filter settled; the filter runs on every eighth sample at 44.1 kHz.
+double gainDbAt(double frequency)
+{
+    FilterChHp1 filter;
+    double peak = 0.0;
+    for (int i = 0; i < 24000; ++i) {
+        double const y =
+            filter.step(tSample(0.5 * std::cos(2.0 * M_PI * frequency * i * 8 / 44100))).toDouble();
+        peak = i < 4000 ? 0.0 : std::max(peak, std::fabs(y));
+    }
+    return 20.0 * std::log10(peak / 0.5);
+}
+
+} // namespace
 
 TEST(StaticNoiseDetectorTest, BlockAndAnalysisLengthsFollowTheSampleRate)
 {
@@ -58,4 +79,37 @@ TEST(StaticNoiseDetectorTest, SteadyLevelIsStaticAndFluctuatingLevelIsActive)
     EXPECT_GE(state.deviation, 3.0f);
     EXPECT_EQ(state.averageFastRms, 0.0f);
     EXPECT_NEAR(state.secondsSinceStart, 30.0f, 1e-3);
+}
+
+TEST(FilterChHp1Test, PassesHighFrequenciesAndHasItsCornerAtFiftyHertz)
+{
+    for (auto const& [frequency, db, tolerance] :
+         {std::tuple{50.0, -3.01, 0.05}, {1000.0, 0.0, 0.05}, {44100.0 / 16, 0.0, 0.001}, {5.0, -20.0, 1.0}})
+        EXPECT_NEAR(gainDbAt(frequency), db, tolerance) << frequency;
+    FilterChHp1 filter;
+    tSample y;
+    for (int i = 0; i < 2000; ++i)
+        y = filter.step(tSample(0.25));
+    EXPECT_LT(std::fabs(y.toDouble()), 1e-6) << "DC is removed";
+}
+
+TEST(ThetaBufferTest, StatisticsCoverTheFilledPartAndTheLatestValuesOnceWrapped)
+{
+    ThetaBuffer theta(4);
+    EXPECT_EQ(theta.calcMean(), 0.0f);
+    theta.addValue(1.0f);
+    theta.addValue(2.0f);
+    EXPECT_FLOAT_EQ(theta.calcMean(), 1.5f);
+    EXPECT_EQ(theta.calcDeviation(1.5f), 0.0f) << "fewer than three values";
+    theta.addValue(3.0f);
+    EXPECT_FLOAT_EQ(theta.calcDeviation(2.0f), 1.0f) << "divisor count - 1";
+    theta.addValue(4.0f);
+    theta.addValue(5.0f); // overwrites the 1
+    EXPECT_EQ(theta.getCount(), 4u);
+    EXPECT_FLOAT_EQ(theta.calcMean(), 3.5f);
+    EXPECT_FLOAT_EQ(theta.calcDeviation(3.5f), std::sqrt(5.0f / 3.0f));
+    theta.reset(2);
+    EXPECT_EQ(theta.getCount(), 0u);
+    theta.addValue(-6.0f);
+    EXPECT_FLOAT_EQ(theta.calcMean(), -6.0f);
 }

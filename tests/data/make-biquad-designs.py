@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Writes biquad-designs.txt: reference biquad designs computed in double, then narrowed to single
-precision, scaled by 2^27 and truncated toward zero, for every characteristic and gain sign."""
+precision, scaled by 2^27 and truncated toward zero, for every characteristic and gain sign (the
+shelves ignore Q, so a shelf with another Q must give the same coefficients)."""
 import math
 import struct
 import sys
@@ -54,9 +55,11 @@ CASES = [
     ('notch', 48000, 50, 10.0, 0), ('notch', 176400, 12000, 0.5, 0),
     ('peak', 44100, 45, 2.0, 10), ('peak', 48000, 1000, 1.0, 6), ('peak', 48000, 1000, 1.0, -6),
     ('peak', 96000, 7500, 2.0, -14), ('peak', 48000, 580, 3.0, 0),
-    ('loshelf', 48000, 300, 0.7, 6), ('loshelf', 48000, 300, 0.7, -6), ('loshelf', 44100, 600, 1.0, 5),
+    ('loshelf', 48000, 300, 0.7, 6), ('loshelf', 48000, 300, 0.7, -6), ('loshelf', 48000, 300, 3.0, -6),
+    ('loshelf', 44100, 600, 1.0, 5),
     ('loshelf', 192000, 250, 1.0, 0),
-    ('hishelf', 48000, 3000, 0.7, 3), ('hishelf', 48000, 1300, 0.7, -5), ('hishelf', 88200, 10000, 0.7, 1),
+    ('hishelf', 48000, 3000, 0.7, 3), ('hishelf', 48000, 3000, 0.5, 3), ('hishelf', 48000, 1300, 0.7, -5),
+    ('hishelf', 88200, 10000, 0.7, 1),
     ('hishelf', 44100, 2500, 0.7, -2.5),
 ]
 

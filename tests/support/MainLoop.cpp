@@ -7,7 +7,7 @@ namespace Testing {
 
 bool runMainLoopUntil(std::function<bool()> const& condition, std::chrono::milliseconds timeout)
 {
-    GMainContext* context = g_main_context_default();
+    GMainContext* context = g_main_context_ref_thread_default();
     bool timedOut = false;
     // The timer wakes the blocking iteration, so a condition that never comes true still returns.
     GSource* timer = g_timeout_source_new(static_cast<guint>(timeout.count()));
@@ -23,6 +23,7 @@ bool runMainLoopUntil(std::function<bool()> const& condition, std::chrono::milli
         g_main_context_iteration(context, TRUE);
     g_source_destroy(timer);
     g_source_unref(timer);
+    g_main_context_unref(context);
     return condition();
 }
 

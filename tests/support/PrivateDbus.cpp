@@ -97,20 +97,5 @@ std::string PrivateDbus::getDefaultConfigFile()
     return std::string(PROJECT_SOURCE_DIR) + "/tests/data/private-bus.conf";
 }
 
-ScopedBusAddress::ScopedBusAddress(char const* variable, std::string const& address)
-    : m_variable(variable), m_hadValue(g_getenv(variable) != nullptr),
-      m_previous(m_hadValue ? g_getenv(variable) : "")
-{
-    g_setenv(variable, address.c_str(), TRUE);
-}
-
-ScopedBusAddress::~ScopedBusAddress()
-{
-    if (m_hadValue)
-        g_setenv(m_variable.c_str(), m_previous.c_str(), TRUE);
-    else
-        g_unsetenv(m_variable.c_str());
-}
-
 } // namespace Testing
 } // namespace Zelmar

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tests/support/ScopedVariable.h"
+
 #include <gio/gio.h>
 #include <string>
 
@@ -33,22 +35,8 @@ private:
     std::string m_address;
 };
 
-// Points a bus variable (DBUS_SYSTEM_BUS_ADDRESS, DBUS_SESSION_BUS_ADDRESS) at an address for its
-// lifetime and then restores the previous value. Code that reads the variable afterwards sees the change.
-class ScopedBusAddress
-{
-public:
-    ScopedBusAddress(char const* variable, std::string const& address);
-    ~ScopedBusAddress();
-
-    ScopedBusAddress(ScopedBusAddress const&) = delete;
-    ScopedBusAddress& operator=(ScopedBusAddress const&) = delete;
-
-private:
-    std::string m_variable;
-    bool m_hadValue;
-    std::string m_previous;
-};
+// Points a bus variable (DBUS_SYSTEM_BUS_ADDRESS, DBUS_SESSION_BUS_ADDRESS) at an address for its lifetime.
+using ScopedBusAddress = ScopedVariable;
 
 // What both bus variables hold in the test program outside a ScopedBusAddress: a well-formed address with
 // nothing behind it, so code that reaches for a bus fails at once instead of using the machine's.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <glib.h>
 #include <glib/gstdio.h>
 #include <string>
@@ -8,7 +9,7 @@
 namespace Zelmar {
 namespace Testing {
 
-// A scratch directory for one test, removed with its files (not subdirectories) when it goes.
+// A scratch directory for one test, removed with everything in it when it goes.
 class TemporaryDirectory
 {
 public:
@@ -20,9 +21,8 @@ public:
     }
     ~TemporaryDirectory()
     {
-        for (auto const& name : entries())
-            g_remove(path(name).c_str());
-        g_rmdir(m_path.c_str());
+        std::error_code ignored;
+        std::filesystem::remove_all(m_path, ignored);
     }
     TemporaryDirectory(TemporaryDirectory const&) = delete;
     TemporaryDirectory& operator=(TemporaryDirectory const&) = delete;
