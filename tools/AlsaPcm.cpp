@@ -282,6 +282,13 @@ int AlsaPcm::writeSilence(unsigned int frames)
     });
 }
 
+int AlsaPcm::delay()
+{
+    snd_pcm_sframes_t frames = 0;
+    int const error = snd_pcm_delay(m_pcm, &frames);
+    return error < 0 ? error : int(frames);
+}
+
 int AlsaPcm::start()
 {
     return snd_pcm_start(m_pcm);

@@ -46,6 +46,7 @@ public:
     int writeSilence(unsigned int frames);
     int start() override;
     int stop() override;
+    int delay() override;
     // Blocks until everything written has been played.
     int drain();
 

@@ -23,23 +23,22 @@ uint64_t nowNanoseconds()
 
 } // namespace
 
-LivePeriodLoop::LivePeriodLoop(Stages const& stages, PeriodSource& source, AlsaPcm& playback,
+LivePeriodLoop::LivePeriodLoop(std::unique_ptr<LiveChain> chain, PeriodSource& source, AlsaPcm& playback,
                                Settings const& settings, LiveTelemetry& telemetry)
-    : m_stages(&m_initialStages), m_initialStages(stages), m_source(source), m_playback(playback),
-      m_settings(settings), m_telemetry(telemetry), m_captured(source.makeBuffers()),
-      m_played(playback.makeBuffers())
+    : m_source(source), m_playback(playback), m_settings(settings), m_telemetry(telemetry),
+      m_captured(source.makeBuffers()), m_played(playback.makeBuffers()), m_chain(std::move(chain))
 {
-    stages.input->setInput(m_captured.get());
-    stages.output->setOutput(m_played.get());
+    m_chain->getInput().setInput(m_captured.get());
+    m_chain->getOutput().setOutput(m_played.get());
 }
 
 void LivePeriodLoop::run(std::atomic<bool> const& stopRequested)
 {
     // The sound fades in over the output stage's 100 ms rather than starting with a click.
-    m_stages.load(std::memory_order_acquire)->output->initialMute();
+    m_chain->getOutput().initialMute();
     if (!startDevices())
         return;
-    m_stages.load(std::memory_order_acquire)->output->setMute(false);
+    m_chain->getOutput().setMute(false);
 
     uint64_t frames = 0;
     while (!isOver(frames, stopRequested)) {
@@ -66,7 +65,7 @@ void LivePeriodLoop::run(std::atomic<bool> const& stopRequested)
 // a second at the latest, since a system sound may keep the output open.
 bool LivePeriodLoop::isOver(uint64_t frames, std::atomic<bool> const& stopRequested)
 {
-    OutputStage& output = *m_stages.load(std::memory_order_acquire)->output;
+    OutputStage& output = m_chain->getOutput();
     if (m_fadedOutBy == c_notFading && stopRequested.load(std::memory_order_relaxed)) {
         output.setMute(true);
         m_fadedOutBy = frames + m_settings.sampleRate;
@@ -81,17 +80,51 @@ bool LivePeriodLoop::playPeriod(uint64_t frames)
     uint64_t const started = nowNanoseconds();
     // The chain decides how many frames leave it; an untouched playback period plays none.
     m_played->setNumFrames(0);
-    m_stages.load(std::memory_order_acquire)->chain->process();
+    m_chain->getChain().process();
     m_telemetry.periodTimes.record(nowNanoseconds() - started);
     m_telemetry.frames.store(frames, std::memory_order_relaxed);
     int const written = m_playback.writePeriod(*m_played, m_played->getNumFrames());
-    return written >= 0 || recover(LiveTelemetry::c_playback, written);
+    if (written < 0)
+        return recover(LiveTelemetry::c_playback, written);
+    measureLatency(*m_chain, m_captured->getNumFrames());
+    return true;
+}
+
+// Captured and not read plus written and not played: the two devices' positions apart, which moves only
+// as far as their clocks drift (and the compensator corrects).
+void LivePeriodLoop::measureLatency(LiveChain& chain, unsigned int frames)
+{
+    int const captured = m_source.delay();
+    int const queued = m_playback.delay();
+    // An xrun, which the next transfer reports and recovers from.
+    if (captured < 0 || queued < 0)
+        return;
+    int const latency = captured + queued;
+    if (m_latencyAtStart == c_unmeasured)
+        m_latencyAtStart = latency;
+    int const delta = latency - m_latencyAtStart;
+    m_telemetry.latency.store(latency, std::memory_order_relaxed);
+    m_telemetry.latencyDelta.store(delta, std::memory_order_relaxed);
+    if (latency < m_telemetry.latencyMin.load(std::memory_order_relaxed))
+        m_telemetry.latencyMin.store(latency, std::memory_order_relaxed);
+    if (latency > m_telemetry.latencyMax.load(std::memory_order_relaxed))
+        m_telemetry.latencyMax.store(latency, std::memory_order_relaxed);
+
+    if (!chain.compensatesDrift())
+        return;
+    LiveTelemetry::add<uint64_t>(m_telemetry.compensatedFrames, frames);
+    int const correction = chain.compensate(delta);
+    if (correction > 0)
+        LiveTelemetry::add<uint64_t>(m_telemetry.framesDropped, 1);
+    else if (correction < 0)
+        LiveTelemetry::add<uint64_t>(m_telemetry.framesInserted, 1);
 }
 
 bool LivePeriodLoop::startDevices()
 {
     // Both devices start from scratch: the capture empty, the playback's whole buffer primed with
     // silence, so that it holds as much as it can before the first period arrives.
+    m_latencyAtStart = c_unmeasured;
     if (int const error = m_source.stop(); error < 0)
         return fail(m_source, error);
     if (int const error = m_playback.stop(); error < 0)
@@ -110,11 +143,10 @@ bool LivePeriodLoop::recover(LiveTelemetry::Side side, int error)
     PeriodSource const& device = side == LiveTelemetry::c_capture ? m_source : m_playback;
     if (error != -EPIPE)
         return fail(device, error);
-    auto& xruns = m_telemetry.xruns[side];
-    xruns.store(xruns.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    LiveTelemetry::add<uint32_t>(m_telemetry.xruns[side], 1);
     if (!startDevices())
         return false;
-    m_stages.load(std::memory_order_acquire)->output->initialMute();
+    m_chain->getOutput().initialMute();
     return true;
 }
 
