@@ -1,9 +1,10 @@
 // The live host's period loop in this process, on the tests' own sound card, where its heap calls
-// are counted as for a chain's process().
+// are counted as for a chain's process(), and where its main loop is the test's.
 #include "tools/LivePeriodLoop.h"
 #include "support/HeapWatch.h"
 #include "tools/AlsaPcm.h"
 #include "tools/LiveChain.h"
+#include "tools/MainContext.h"
 
 #include <cstdlib>
 #include <gtest/gtest.h>
@@ -12,7 +13,7 @@
 using namespace Zelmar;
 using namespace Zelmar::Host;
 
-TEST(LivePeriodLoopTest, PeriodsDriftCompensationXrunRecoveryAndTheFadeOutNeverTouchTheHeap)
+TEST(LivePeriodLoopTest, PeriodsDriftCompensationXrunRecoveryAChainSwapAndTheFadeOutNeverTouchTheHeap)
 {
     setenv("ALSA_CONFIG_PATH", ALSA_TEST_CONFIG_DIR "/live-pcm.conf", 1);
     snd_config_update_free_global();
@@ -37,6 +38,16 @@ TEST(LivePeriodLoopTest, PeriodsDriftCompensationXrunRecoveryAndTheFadeOutNeverT
         Testing::watchHeapOnThisThread(false);
         heapCalls = Testing::takeHeapCallsOfWatchedThreads();
     });
+    while (telemetry->frames.load() < 12000)
+        std::this_thread::yield();
+    LiveChain const* const first = &loop.getChain();
+    auto next = std::make_unique<LiveChain>(config, LiveChain::Needs{48000, 2, true});
+    bool swapped = false;
+    ASSERT_TRUE(loop.offer(next, [&] { swapped = true; }));
+    EXPECT_FALSE(loop.offer(next, {})) << "one handover at a time";
+    // The replaced chain is destroyed here, on the main loop.
+    EXPECT_TRUE(dispatchMainContextUntil([&] { return swapped; }, 10.0));
+    EXPECT_NE(&loop.getChain(), first);
     while (telemetry->frames.load() < 30000)
         std::this_thread::yield();
     stop.store(true);

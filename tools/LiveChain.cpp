@@ -9,6 +9,8 @@
 #include "tools/ChainLoader.h"
 #include "tools/ChainStages.h"
 
+#include <cstdio>
+
 namespace Zelmar {
 namespace Host {
 
@@ -43,6 +45,14 @@ LiveChain::LiveChain(std::string const& config, Needs const& needs)
     checkChannels(needs.playbackChannels);
     if (needs.twoClocks)
         createCompensator();
+    if (needs.twoClocks && !m_compensator) {
+        std::fprintf(
+            stderr,
+            "orvandeldsp: warning: config %s has no \"line-in-timestretcher\" or \"timestretcher\": drift "
+            "between the capture and playback clocks is not compensated\n",
+            config.c_str());
+        std::fflush(stderr);
+    }
 }
 
 LiveChain::~LiveChain() = default;

@@ -30,7 +30,8 @@ public:
     };
 
     // Throws ToolError (a config mistake) for a config that fails to load, fails the checks `check`
-    // makes, or needs another rate or channel count.
+    // makes, or needs another rate or channel count. With two clocks and no time stretcher it warns
+    // on stderr that the drift between them is not compensated.
     LiveChain(std::string const& config, Needs const& needs);
     ~LiveChain();
 

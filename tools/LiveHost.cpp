@@ -2,14 +2,19 @@
 
 #include "dsp/OutputStage.h"
 #include "tools/AlsaPcm.h"
+#include "tools/ChainReloader.h"
 #include "tools/FileFeed.h"
 #include "tools/LiveChain.h"
 #include "tools/LivePeriodLoop.h"
 #include "tools/LiveTelemetry.h"
 #include "tools/RealtimeHost.h"
+#include "tools/ServedChain.h"
 #include "tools/ToolError.h"
 
+#include <csignal>
 #include <cstdio>
+#include <functional>
+#include <glib-unix.h>
 #include <memory>
 
 namespace Zelmar {
@@ -38,17 +43,30 @@ void keepDriftLogsOffTheAudioThread()
     DriftCompensator::setEnableFrameDiffFile("");
 }
 
-void warnIfDriftIsNotCompensated(LiveChain const& chain, LiveChain::Needs const& needs)
+// SIGHUP reloads the config, as it does daemons. It is ignored until the run can take a new chain:
+// the config is being read then anyway.
+class HangupWatch
 {
-    if (!needs.twoClocks || chain.compensatesDrift())
-        return;
-    std::fprintf(
-        stderr,
-        "orvandeldsp: warning: config %s has no \"line-in-timestretcher\" or \"timestretcher\": drift "
-        "between the capture and playback clocks is not compensated\n",
-        chain.getConfig().c_str());
-    std::fflush(stderr);
-}
+public:
+    HangupWatch() : m_source(g_unix_signal_add(SIGHUP, &HangupWatch::onHangup, this)) {}
+    ~HangupWatch() { g_source_remove(m_source); }
+
+    HangupWatch(HangupWatch const&) = delete;
+    HangupWatch& operator=(HangupWatch const&) = delete;
+
+    void setHandler(std::function<void()> handler) { m_handler = std::move(handler); }
+
+private:
+    static gboolean onHangup(gpointer self)
+    {
+        if (auto const& handler = static_cast<HangupWatch*>(self)->m_handler)
+            handler();
+        return G_SOURCE_CONTINUE;
+    }
+
+    guint m_source;
+    std::function<void()> m_handler;
+};
 
 AlsaPcm::Setup deviceSetup(LiveHost::Options const& options, unsigned int rate, unsigned int channels)
 {
@@ -109,6 +127,7 @@ void LiveHost::run(Options const& options)
 {
     snd_lib_error_set_handler(&ignoreAlsaMessage);
     keepDriftLogsOffTheAudioThread();
+    HangupWatch hangup;
     std::unique_ptr<FileFeed> feed;
     if (!options.input.empty())
         feed = std::make_unique<FileFeed>(options.input, options.periodFrames);
@@ -120,23 +139,30 @@ void LiveHost::run(Options const& options)
     needs.sampleRate = rate;
     needs.twoClocks = !feed;
     auto chain = std::make_unique<LiveChain>(options.config, needs);
-    warnIfDriftIsNotCompensated(*chain, needs);
+    // A new config must fit the devices as they are opened now.
+    needs.playbackChannels = chain->getOutput().getNumInPorts();
 
     std::unique_ptr<AlsaPcm> capture;
     if (!feed)
         capture = std::make_unique<AlsaPcm>(options.capture, SND_PCM_STREAM_CAPTURE,
                                             deviceSetup(options, rate, c_captureChannels));
     AlsaPcm playback(options.playback, SND_PCM_STREAM_PLAYBACK,
-                     deviceSetup(options, rate, chain->getOutput().getNumInPorts()));
+                     deviceSetup(options, rate, needs.playbackChannels));
 
     auto const telemetry = std::make_unique<LiveTelemetry>();
     PeriodSource& source = feed ? static_cast<PeriodSource&>(*feed) : *capture;
-    Chain& served = chain->getChain();
     LivePeriodLoop loop(std::move(chain), source, playback, {options.periodFrames, rate, options.frames},
                         *telemetry);
     if (feed)
         feed->begin();
-    RealtimeHost host(served, options.bus);
+    RealtimeHost host(loop.getChain().getChain(), std::nullopt);
+    std::unique_ptr<ServedChain> served;
+    if (options.bus)
+        served = std::make_unique<ServedChain>(loop.getChain().getChain(), *options.bus);
+    ChainReloader reloader(loop, needs, served.get());
+    hangup.setHandler([&reloader] { reloader.reload(""); });
+    if (served)
+        served->announce();
     host.play(loop, options.priority);
 
     std::string failure = loop.describeFailure();

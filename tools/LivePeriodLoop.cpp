@@ -26,19 +26,39 @@ uint64_t nowNanoseconds()
 LivePeriodLoop::LivePeriodLoop(std::unique_ptr<LiveChain> chain, PeriodSource& source, AlsaPcm& playback,
                                Settings const& settings, LiveTelemetry& telemetry)
     : m_source(source), m_playback(playback), m_settings(settings), m_telemetry(telemetry),
-      m_captured(source.makeBuffers()), m_played(playback.makeBuffers()), m_chain(std::move(chain))
+      m_captured(source.makeBuffers()), m_played(playback.makeBuffers()), m_chains(std::move(chain))
 {
-    m_chain->getInput().setInput(m_captured.get());
-    m_chain->getOutput().setOutput(m_played.get());
+    attach(m_chains.getCurrent());
+}
+
+void LivePeriodLoop::attach(LiveChain& chain)
+{
+    chain.getInput().setInput(m_captured.get());
+    chain.getOutput().setOutput(m_played.get());
+}
+
+bool LivePeriodLoop::offer(std::unique_ptr<LiveChain>& next, std::function<void()> onSwapped)
+{
+    if (isSwapping())
+        return false;
+    attach(*next);
+    return m_chains.offer(next, std::move(onSwapped));
 }
 
 void LivePeriodLoop::run(std::atomic<bool> const& stopRequested)
 {
+    runPeriods(stopRequested);
+    m_telemetry.state.store(LiveTelemetry::c_stopped, std::memory_order_relaxed);
+}
+
+void LivePeriodLoop::runPeriods(std::atomic<bool> const& stopRequested)
+{
     // The sound fades in over the output stage's 100 ms rather than starting with a click.
-    m_chain->getOutput().initialMute();
+    m_chains.getCurrent().getOutput().initialMute();
     if (!startDevices())
         return;
-    m_chain->getOutput().setMute(false);
+    m_chains.getCurrent().getOutput().setMute(false);
+    m_telemetry.state.store(LiveTelemetry::c_running, std::memory_order_relaxed);
 
     uint64_t frames = 0;
     while (!isOver(frames, stopRequested)) {
@@ -65,28 +85,53 @@ void LivePeriodLoop::run(std::atomic<bool> const& stopRequested)
 // a second at the latest, since a system sound may keep the output open.
 bool LivePeriodLoop::isOver(uint64_t frames, std::atomic<bool> const& stopRequested)
 {
-    OutputStage& output = m_chain->getOutput();
+    OutputStage& output = m_chains.getCurrent().getOutput();
     if (m_fadedOutBy == c_notFading && stopRequested.load(std::memory_order_relaxed)) {
         output.setMute(true);
         m_fadedOutBy = frames + m_settings.sampleRate;
+        m_telemetry.state.store(LiveTelemetry::c_stopping, std::memory_order_relaxed);
     }
     bool const fadedOut = m_fadedOutBy != c_notFading && (output.isMuting() || frames >= m_fadedOutBy);
     return fadedOut || (m_settings.maxFrames && frames >= m_settings.maxFrames);
 }
 
+// A chain handed over takes over once the one playing has faded out, as at the end of a run; a run
+// that is ending keeps the one it has.
+LiveChain& LivePeriodLoop::chainForPeriod(uint64_t frames)
+{
+    LiveChain& current = m_chains.getCurrent();
+    if (m_fadedOutBy != c_notFading || !m_chains.hasOffer())
+        return current;
+    if (m_swapBy == c_notFading) {
+        current.getOutput().setMute(true);
+        m_swapBy = frames + m_settings.sampleRate;
+        m_telemetry.state.store(LiveTelemetry::c_swapping, std::memory_order_relaxed);
+        return current;
+    }
+    if (!current.getOutput().isMuting() && frames < m_swapBy)
+        return current;
+    m_swapBy = c_notFading;
+    LiveChain& next = m_chains.swap();
+    next.getOutput().initialMute();
+    next.getOutput().setMute(false);
+    m_telemetry.state.store(LiveTelemetry::c_running, std::memory_order_relaxed);
+    return next;
+}
+
 // Takes the captured period through the chain to the playback; false when the playback failed.
 bool LivePeriodLoop::playPeriod(uint64_t frames)
 {
+    LiveChain& chain = chainForPeriod(frames);
     uint64_t const started = nowNanoseconds();
     // The chain decides how many frames leave it; an untouched playback period plays none.
     m_played->setNumFrames(0);
-    m_chain->getChain().process();
+    chain.getChain().process();
     m_telemetry.periodTimes.record(nowNanoseconds() - started);
     m_telemetry.frames.store(frames, std::memory_order_relaxed);
     int const written = m_playback.writePeriod(*m_played, m_played->getNumFrames());
     if (written < 0)
         return recover(LiveTelemetry::c_playback, written);
-    measureLatency(*m_chain, m_captured->getNumFrames());
+    measureLatency(chain, m_captured->getNumFrames());
     return true;
 }
 
@@ -146,7 +191,7 @@ bool LivePeriodLoop::recover(LiveTelemetry::Side side, int error)
     LiveTelemetry::add<uint32_t>(m_telemetry.xruns[side], 1);
     if (!startDevices())
         return false;
-    m_chain->getOutput().initialMute();
+    m_chains.getCurrent().getOutput().initialMute();
     return true;
 }
 

@@ -19,12 +19,24 @@ struct LiveTelemetry
         c_playback
     };
 
+    enum State : uint8_t
+    {
+        c_starting,
+        c_running,
+        // Fading out for a new chain.
+        c_swapping,
+        // Fading out before the end.
+        c_stopping,
+        c_stopped
+    };
+
     // Single writer: a plain load and store instead of a read-modify-write.
     template <class T> static void add(std::atomic<T>& counter, T amount)
     {
         counter.store(counter.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
     }
 
+    std::atomic<State> state{c_starting};
     // Frames that went through the chain.
     std::atomic<uint64_t> frames{0};
     std::atomic<uint32_t> xruns[2] = {};

@@ -31,7 +31,7 @@ bool nameHasOwner(GDBusConnection* connection, char const* name)
 
 } // namespace
 
-ServedChain::ServedChain(Chain& chain, GBusType bus) : m_connection(ControlBus::connect(bus))
+ServedChain::ServedChain(Chain& chain, GBusType bus) : m_bus(bus), m_connection(ControlBus::connect(bus))
 {
     try {
         // A second run would otherwise only learn from a timeout that the first one has the name.
@@ -39,22 +39,36 @@ ServedChain::ServedChain(Chain& chain, GBusType bus) : m_connection(ControlBus::
             throw ToolError(ToolError::c_ioFailure, std::string(ChainService::c_busName) +
                                                         " is already served on " + ControlBus::describe(bus) +
                                                         " (is another realtime run going?)");
-        m_service = std::make_unique<ChainService>(chain, m_connection);
-        // The config file has configured the chain: looped sounds play from the start, without waiting
-        // for a first set of parameters as they do in the player.
-        std::unique_ptr<GVariant, decltype(&g_variant_unref)> const nothingNew(
-            g_variant_ref_sink(g_variant_new_array(G_VARIANT_TYPE("(sss)"), nullptr, 0)), g_variant_unref);
-        m_service->handleSetParameters(nothingNew.get());
-        waitForName(bus);
+        startService(chain);
+        waitForName();
     } catch (...) {
         m_service.reset();
         g_object_unref(m_connection);
         throw;
     }
-    // Scripts wait for this line before they send anything.
+}
+
+void ServedChain::announce() const
+{
     std::printf("orvandeldsp: serving %s on %s\n", ChainService::c_busName,
-                ControlBus::describe(bus).c_str());
+                ControlBus::describe(m_bus).c_str());
     std::fflush(stdout);
+}
+
+void ServedChain::serve(Chain& chain)
+{
+    m_service.reset();
+    startService(chain);
+}
+
+void ServedChain::startService(Chain& chain)
+{
+    m_service = std::make_unique<ChainService>(chain, m_connection);
+    // The config file has configured the chain: looped sounds play from the start, without waiting
+    // for a first set of parameters as they do in the player.
+    std::unique_ptr<GVariant, decltype(&g_variant_unref)> const nothingNew(
+        g_variant_ref_sink(g_variant_new_array(G_VARIANT_TYPE("(sss)"), nullptr, 0)), g_variant_unref);
+    m_service->handleSetParameters(nothingNew.get());
 }
 
 ServedChain::~ServedChain()
@@ -63,7 +77,7 @@ ServedChain::~ServedChain()
     g_object_unref(m_connection);
 }
 
-void ServedChain::waitForName(GBusType bus)
+void ServedChain::waitForName()
 {
     bool timedOut = false;
     guint const timeout = g_timeout_add(
@@ -79,7 +93,7 @@ void ServedChain::waitForName(GBusType bus)
         g_source_remove(timeout);
     if (!m_service->isServiceReady())
         throw ToolError(ToolError::c_ioFailure, std::string("could not own ") + ChainService::c_busName +
-                                                    " on " + ControlBus::describe(bus) +
+                                                    " on " + ControlBus::describe(m_bus) +
                                                     " (taken, or not allowed by the bus's policy)");
 }
 
