@@ -31,7 +31,6 @@ public:
 
 private:
     void startService(Chain& chain);
-    void waitForName();
 
     GBusType m_bus;
     GDBusConnection* m_connection;
