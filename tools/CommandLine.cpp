@@ -8,9 +8,12 @@
 #include "tools/ChainReport.h"
 #include "tools/ControlBus.h"
 #include "tools/GraphDrawing.h"
+#include "tools/HostClient.h"
+#include "tools/HostService.h"
 #include "tools/LiveHost.h"
 #include "tools/OfflineHost.h"
 #include "tools/ResponseHost.h"
+#include "tools/StatusReport.h"
 #include "tools/ToolError.h"
 
 #include <algorithm>
@@ -41,6 +44,8 @@ constexpr char const* c_usage =
     "                         [--frames N] [--priority N] [--bus system|session | --no-service] [--quiet]\n"
     "       orvandeldsp set   [--bus system|session] MODULE KEY VALUE | --file PARAMS.txt\n"
     "       orvandeldsp sound [--bus system|session] play N | loop N INTERVAL_MS | stop ID\n"
+    "       orvandeldsp status [--bus system|session] [--json]\n"
+    "       orvandeldsp reload [--bus system|session] [--config FILE]\n"
     "       orvandeldsp check [--config FILE]\n"
     "       orvandeldsp graph [--config FILE] [--format png|svg|pdf] -o OUTPUT\n"
     "       orvandeldsp response [--config FILE] [--rate HZ] [--level DBFS] [--points N] [--from HZ]\n"
@@ -51,7 +56,8 @@ constexpr char const* c_usage =
 constexpr unsigned int c_checkSampleRate = 48000;
 
 constexpr char const* c_shortUsage =
-    "usage: orvandeldsp run|live|check|graph|response|set|sound [OPTIONS] (see orvandeldsp --help)";
+    "usage: orvandeldsp run|live|check|graph|response|set|sound|status|reload [OPTIONS] (see orvandeldsp "
+    "--help)";
 
 ToolError usageError(std::string const& problem)
 {
@@ -123,6 +129,8 @@ double parsePpm(char const* text)
 }
 
 constexpr char const* c_busHelp = "the bus the chain is served on (default: system as root, else session)";
+constexpr char const* c_liveBusHelp =
+    "the bus the live run is served on (default: system as root, else session)";
 
 GBusType parseBus(gchar const* name)
 {
@@ -493,12 +501,16 @@ int setCommand(int argc, char** argv)
         throw usageError("set needs MODULE KEY VALUE or --file PARAMS.txt, options first");
 
     GBusType const busType = parseBus(bus);
-    if (file) {
-        auto const settings = ChainClient::readSettings(file);
-        ChainClient(busType).setParameters(settings);
-    } else {
-        ChainClient(busType).setParameter({argv[1], argv[2], argv[3]});
-    }
+    auto const settings = file ? ChainClient::readSettings(file)
+                               : std::vector<ChainClient::Setting>{{argv[1], argv[2], argv[3]}};
+    ChainClient client(busType);
+    // A live run lists its chain's modules; a player does not, and gets the settings unchecked.
+    if (auto const modules = HostClient(busType).findModules())
+        client.knowModules(*modules);
+    if (file)
+        client.setParameters(settings);
+    else
+        client.setParameter(settings.front());
     return 0;
 }
 
@@ -534,24 +546,83 @@ int soundCommand(int argc, char** argv)
     return 0;
 }
 
+int statusCommand(int argc, char** argv)
+{
+    gchar* bus = nullptr;
+    gboolean json = FALSE;
+    GOptionEntry const entries[] = {
+        {"bus", 0, 0, G_OPTION_ARG_STRING, &bus, c_liveBusHelp, "system|session"},
+        {"json", 'j', 0, G_OPTION_ARG_NONE, &json, "print one JSON object, for scripts", nullptr},
+        {}};
+    OptionParser parser("",
+                        "Shows what a live run is doing: devices, frames, xruns, load, latency and drift, "
+                        "meters, clipping and the chain's modules, at most a second old.");
+    parser.add(entries);
+    parser.parse(argc, argv);
+    std::unique_ptr<gchar, decltype(&g_free)> const busOwner(bus, g_free);
+    if (argc != 1)
+        throw usageError("status takes no arguments");
+
+    GVariant* const status = HostClient(parseBus(bus)).getStatus();
+    if (json)
+        StatusReport::printJson(status, stdout);
+    else
+        StatusReport::print(status, stdout);
+    g_variant_unref(status);
+    return 0;
+}
+
+int reloadCommand(int argc, char** argv)
+{
+    gchar* bus = nullptr;
+    gchar* config = nullptr;
+    GOptionEntry const entries[] = {{"bus", 0, 0, G_OPTION_ARG_STRING, &bus, c_liveBusHelp, "system|session"},
+                                    {"config", 'c', 0, G_OPTION_ARG_FILENAME, &config,
+                                     "load this config instead of reading the one playing again", "FILE"},
+                                    {}};
+    OptionParser parser("",
+                        "Loads a live run's config again, or another one, and fades over to it once it has "
+                        "passed the checks check makes; returns when the new chain plays.");
+    parser.add(entries);
+    parser.parse(argc, argv);
+    std::unique_ptr<gchar, decltype(&g_free)> const busOwner(bus, g_free), configOwner(config, g_free);
+    if (argc != 1)
+        throw usageError("reload takes no file arguments; name the config with --config");
+
+    // The run reads the file from its own working directory, not the caller's.
+    std::string path;
+    if (config) {
+        gchar* const absolute = g_canonicalize_filename(config, nullptr);
+        path = absolute;
+        g_free(absolute);
+    }
+    HostClient(parseBus(bus)).reload(path);
+    return 0;
+}
+
 int dispatch(int argc, char** argv)
 {
     if (argc < 2)
         throw usageError("no command given");
     std::string const command = argv[1];
     if (command == "--help" || command == "-h") {
-        std::printf("%s\n"
-                    "  run    runs INPUT.wav through the chain into OUTPUT.wav\n"
-                    "  live   runs the chain live from a capture device or a file to a playback device\n"
-                    "  check  loads the config and lists its modules in signal-flow order\n"
-                    "  graph  draws the chain's signal flow with Graphviz dot\n"
-                    "  response  measures the chain's frequency response, as CSV or a gnuplot picture\n"
-                    "  set    sets parameters of a chain served by run --realtime or live\n"
-                    "  sound  plays, loops or stops system sounds on a served chain\n\n"
-                    "The default config is %s\n"
-                    "run --realtime and live serve the chain as %s on the system bus as root, else on the\n"
-                    "session bus, for as long as they play; set and sound reach it on the same bus.\n",
-                    c_usage, BundledConfigs::defaultConfig().c_str(), ChainService::c_busName);
+        std::printf(
+            "%s\n"
+            "  run    runs INPUT.wav through the chain into OUTPUT.wav\n"
+            "  live   runs the chain live from a capture device or a file to a playback device\n"
+            "  check  loads the config and lists its modules in signal-flow order\n"
+            "  graph  draws the chain's signal flow with Graphviz dot\n"
+            "  response  measures the chain's frequency response, as CSV or a gnuplot picture\n"
+            "  set    sets parameters of a chain served by run --realtime or live\n"
+            "  sound  plays, loops or stops system sounds on a served chain\n"
+            "  status shows what a live run is doing\n"
+            "  reload makes a live run load its config again, or another one\n\n"
+            "The default config is %s\n"
+            "run --realtime and live serve the chain as %s on the system bus as root, else on the\n"
+            "session bus, for as long as they play; set and sound reach it on the same bus. live also\n"
+            "serves %s there, for status and reload (or send it SIGHUP).\n",
+            c_usage, BundledConfigs::defaultConfig().c_str(), ChainService::c_busName,
+            HostService::c_busName);
         return 0;
     }
     if (command == "--version") {
@@ -577,6 +648,10 @@ int dispatch(int argc, char** argv)
         return setCommand(commandArgc, commandArgv);
     if (command == "sound")
         return soundCommand(commandArgc, commandArgv);
+    if (command == "status")
+        return statusCommand(commandArgc, commandArgv);
+    if (command == "reload")
+        return reloadCommand(commandArgc, commandArgv);
     throw usageError("unknown command " + command);
 }
 

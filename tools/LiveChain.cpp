@@ -2,6 +2,7 @@
 
 #include "dsp/Chain.h"
 #include "dsp/InputStage.h"
+#include "dsp/Meter.h"
 #include "dsp/OutputStage.h"
 #include "dsp/Resampler.h"
 #include "dsp/StereoWrapper.h"
@@ -39,7 +40,7 @@ bool isStretcher(std::shared_ptr<Module> const& module)
 LiveChain::LiveChain(std::string const& config, Needs const& needs)
     : m_config(config), m_chain(ChainLoader::load(config, needs.sampleRate)),
       m_input(&theOnlyStage<InputStage>(*m_chain, config, "input")),
-      m_output(&theOnlyStage<OutputStage>(*m_chain, config, "output"))
+      m_output(&theOnlyStage<OutputStage>(*m_chain, config, "output")), m_meters(findStages<Meter>(*m_chain))
 {
     checkRate(needs.sampleRate);
     checkChannels(needs.playbackChannels);

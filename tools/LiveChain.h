@@ -4,11 +4,13 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace Zelmar {
 
 class Chain;
 class InputStage;
+class Meter;
 class OutputStage;
 
 namespace Host {
@@ -46,6 +48,8 @@ public:
     std::string const& getCompensatorName() const { return m_compensatorName; }
 
     bool compensatesDrift() const { return m_compensator != nullptr; }
+    // The chain's meter modules, whose peaks any thread may take.
+    std::vector<Meter*> const& getMeters() const { return m_meters; }
     // Audio thread, once a period: reports how far the latency has moved since the devices started.
     // Returns the correction ordered for the next period: +1 a frame dropped, -1 one inserted, 0 none.
     int compensate(int latencyDelta)
@@ -64,6 +68,7 @@ private:
     OutputStage* m_output;
     std::unique_ptr<DriftCompensator> m_compensator;
     std::string m_compensatorName;
+    std::vector<Meter*> m_meters;
 };
 
 } // namespace Host

@@ -4,6 +4,7 @@
 #include "tools/AlsaPcm.h"
 #include "tools/ChainReloader.h"
 #include "tools/FileFeed.h"
+#include "tools/HostService.h"
 #include "tools/LiveChain.h"
 #include "tools/LivePeriodLoop.h"
 #include "tools/LiveTelemetry.h"
@@ -161,8 +162,14 @@ void LiveHost::run(Options const& options)
         served = std::make_unique<ServedChain>(loop.getChain().getChain(), *options.bus);
     ChainReloader reloader(loop, needs, served.get());
     hangup.setHandler([&reloader] { reloader.reload(""); });
-    if (served)
+    std::unique_ptr<HostService> status;
+    if (served) {
+        status = std::make_unique<HostService>(
+            *options.bus,
+            HostService::Run{source.describe(), playback.describe(), rate, options.periodFrames}, loop,
+            *telemetry, reloader);
         served->announce();
+    }
     host.play(loop, options.priority);
 
     std::string failure = loop.describeFailure();

@@ -126,8 +126,11 @@ bool LivePeriodLoop::playPeriod(uint64_t frames)
     // The chain decides how many frames leave it; an untouched playback period plays none.
     m_played->setNumFrames(0);
     chain.getChain().process();
-    m_telemetry.periodTimes.record(nowNanoseconds() - started);
+    uint64_t const busy = nowNanoseconds() - started;
+    m_telemetry.periodTimes.record(busy);
+    LiveTelemetry::add(m_telemetry.busyNanoseconds, busy);
     m_telemetry.frames.store(frames, std::memory_order_relaxed);
+    m_telemetry.clippedSamples.store(m_played->getClippedSamples(), std::memory_order_relaxed);
     int const written = m_playback.writePeriod(*m_played, m_played->getNumFrames());
     if (written < 0)
         return recover(LiveTelemetry::c_playback, written);

@@ -42,6 +42,10 @@ struct LiveTelemetry
     std::atomic<uint32_t> xruns[2] = {};
     // From the capture handing over a period to the chain having filled the playback's.
     PeriodTimeHistogram periodTimes;
+    // The sum of the period times, for the load over any stretch of the run.
+    std::atomic<uint64_t> busyNanoseconds{0};
+    // Samples beyond the playback format's full scale, clipped on their way to the device.
+    std::atomic<uint64_t> clippedSamples{0};
 
     // Frames between capture and playback (captured and not read, plus written and not played), and
     // how far that has moved since the devices last started.
