@@ -8,7 +8,7 @@
 namespace Zelmar {
 namespace Testing {
 
-// A scratch directory for one test, removed with its files (not subdirectories) when it goes.
+// A scratch directory for one test, removed with everything in it when it goes.
 class TemporaryDirectory
 {
 public:
@@ -18,12 +18,7 @@ public:
         m_path = path;
         g_free(path);
     }
-    ~TemporaryDirectory()
-    {
-        for (auto const& name : entries())
-            g_remove(path(name).c_str());
-        g_rmdir(m_path.c_str());
-    }
+    ~TemporaryDirectory() { removeTree(m_path); }
     TemporaryDirectory(TemporaryDirectory const&) = delete;
     TemporaryDirectory& operator=(TemporaryDirectory const&) = delete;
 
@@ -60,6 +55,20 @@ public:
     }
 
 private:
+    // Symbolic links are removed, not followed.
+    static void removeTree(std::string const& path)
+    {
+        if (g_file_test(path.c_str(), G_FILE_TEST_IS_DIR) &&
+            !g_file_test(path.c_str(), G_FILE_TEST_IS_SYMLINK)) {
+            if (GDir* dir = g_dir_open(path.c_str(), 0, nullptr)) {
+                while (char const* name = g_dir_read_name(dir))
+                    removeTree(path + "/" + name);
+                g_dir_close(dir);
+            }
+        }
+        g_remove(path.c_str());
+    }
+
     std::string m_path;
 };
 
