@@ -230,7 +230,8 @@ TEST_F(OrvandeldspLiveTest, ADeviceThatFailsEndsTheRunWithOneLineAfterTheSummary
     for (auto const& args :
          {live({"--capture", "livetest", "--input", path("in.wav"), "--playback", "livetest"}),
           live({"--capture", "livetest"}), live({"-p", "1281", "--capture", "x", "--playback", "y"}),
-          live({"--bus", "session", "--capture", "x", "--playback", "y"})})
+          live({"--bus", "session", "--capture", "x", "--playback", "y"}),
+          live({"--capture", "", "--playback", "y"})})
         expectFailure(runTool(args), 2, "orvandeldsp: ", true);
 }
 

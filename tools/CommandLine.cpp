@@ -316,6 +316,9 @@ int liveCommand(int argc, char** argv)
         throw usageError("live needs either --capture PCM or --input FILE");
     if (!playback)
         throw usageError("live needs --playback PCM");
+    // As an unset variable of a service's environment file leaves them.
+    if ((capture && !*capture) || !*playback)
+        throw usageError("--capture and --playback need a PCM name, not an empty one");
     if (rate < 0 || (rate > 0 && rate < 1000) || rate > 768000)
         throw usageError("--rate must be between 1000 and 768000 Hz");
     if (period < 1 || period > int(Chain::getMaxNumFramesPerProcessCall()))
