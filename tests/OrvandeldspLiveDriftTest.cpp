@@ -30,6 +30,11 @@ struct DriftCase
     char const* xrunSide;
 };
 
+void PrintTo(DriftCase const& c, std::ostream* out)
+{
+    *out << c.ppm << " ppm" << (c.compensated ? ", compensated" : "");
+}
+
 class OrvandeldspLiveDriftTest : public ToolTest, public testing::WithParamInterface<DriftCase>
 {
 protected:

@@ -1,54 +1,10 @@
 // The orvandeldsp-live service as cmake --install puts it in place, with the bus policies it needs:
 // where systemd and the system bus look for them, and a unit that systemd-analyze verify accepts.
-#include "support/TemporaryDirectory.h"
-
-#include <gtest/gtest.h>
-#include <string>
-#include <sys/wait.h>
-#include <vector>
+#include "support/ToolRun.h"
 
 namespace {
 
-using Zelmar::Testing::TemporaryDirectory;
-
-struct Run
-{
-    int status = -1;
-    std::string err;
-};
-
-// The command's exit status and stderr; `destdir` is the installer's DESTDIR when not empty.
-Run run(std::vector<std::string> const& args, std::string const& destdir = "")
-{
-    std::vector<char*> argv;
-    for (auto const& arg : args)
-        argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    gchar** env = g_get_environ();
-    if (!destdir.empty())
-        env = g_environ_setenv(env, "DESTDIR", destdir.c_str(), TRUE);
-    gchar* err = nullptr;
-    gint wait = 0;
-    Run result;
-    if (g_spawn_sync(nullptr, argv.data(), env, GSpawnFlags(G_SPAWN_SEARCH_PATH | G_SPAWN_STDOUT_TO_DEV_NULL),
-                     nullptr, nullptr, nullptr, &err, &wait, nullptr) &&
-        WIFEXITED(wait))
-        result.status = WEXITSTATUS(wait);
-    result.err = err ? err : "";
-    g_free(err);
-    g_strfreev(env);
-    return result;
-}
-
-std::string contents(std::string const& path)
-{
-    gchar* text = nullptr;
-    if (!g_file_get_contents(path.c_str(), &text, nullptr, nullptr))
-        return "";
-    std::string const result = text;
-    g_free(text);
-    return result;
-}
+using namespace Zelmar::Testing;
 
 bool isFile(std::string const& path)
 {
@@ -73,11 +29,11 @@ TEST(OrvandeldspServiceTest, InstallsWhereSystemdAndTheSystemBusLookForUsrAndUsr
         SCOPED_TRACE(c.prefix);
         TemporaryDirectory destdir;
         std::string const root = destdir.path();
-        auto const installed =
-            run({CMAKE_COMMAND, "--install", PROJECT_BINARY_DIR, "--prefix", c.prefix}, root);
+        auto const installed = runProgram(
+            {CMAKE_COMMAND, "--install", PROJECT_BINARY_DIR, "--prefix", c.prefix}, {{"DESTDIR", root}});
         ASSERT_EQ(installed.status, 0) << installed.err;
 
-        std::string const unit = contents(root + c.unitDirectory + "/orvandeldsp-live.service");
+        std::string const unit = destdir.read(c.unitDirectory + "/orvandeldsp-live.service");
         EXPECT_NE(unit.find("\nExecStart=" + c.prefix +
                             "/bin/orvandeldsp live --config /etc/orvandeldsp/live.xml "),
                   std::string::npos)
@@ -104,10 +60,11 @@ TEST(OrvandeldspServiceTest, SystemdAnalyzeVerifiesTheInstalledUnit)
     g_free(analyze);
     // Into a prefix of its own, so that the unit names a tool that is there.
     TemporaryDirectory prefix;
-    auto const installed = run({CMAKE_COMMAND, "--install", PROJECT_BINARY_DIR, "--prefix", prefix.path()});
+    auto const installed =
+        runProgram({CMAKE_COMMAND, "--install", PROJECT_BINARY_DIR, "--prefix", prefix.path()});
     ASSERT_EQ(installed.status, 0) << installed.err;
-    auto const verified =
-        run({"systemd-analyze", "verify", prefix.path() + "/lib/systemd/system/orvandeldsp-live.service"});
+    auto const verified = runProgram(
+        {"systemd-analyze", "verify", prefix.path() + "/lib/systemd/system/orvandeldsp-live.service"});
     EXPECT_EQ(verified.status, 0) << verified.err;
     // It warns of what it ignores (an unknown key, a bad value) and still succeeds.
     EXPECT_EQ(verified.err.find("orvandeldsp-live.service"), std::string::npos) << verified.err;
