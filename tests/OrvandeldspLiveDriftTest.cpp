@@ -26,8 +26,6 @@ struct DriftCase
 {
     double ppm;
     bool compensated;
-    // Fast capture overruns its buffer, slow capture lets the playback run dry.
-    char const* xrunSide;
 };
 
 void PrintTo(DriftCase const& c, std::ostream* out)
@@ -44,14 +42,14 @@ protected:
     // Stereo through the line-in's time stretcher, or straight through.
     std::string config(bool compensated) const
     {
-        std::string const stretched = R"(<stereo-module type="timestretcher" id="line-in-timestretcher"/>
-  <cable out="in" in="line-in-timestretcher"/>
-  <cable out="line-in-timestretcher" in="out"/>)";
-        return writeConfig("drift.xml", R"(<dsp>
+        return compensated ? writeConfig("drift.xml", R"(<dsp>
   <module type="input" id="in"/>
+  <stereo-module type="timestretcher" id="line-in-timestretcher"/>
   <module type="output" id="out"><parameter id="interleave-pattern" type="string">01</parameter></module>
-  )" + (compensated ? stretched : R"(<cable out="in" in="out"/>)") +
-                                            "\n</dsp>\n");
+  <cable out="in" in="line-in-timestretcher"/>
+  <cable out="line-in-timestretcher" in="out"/>
+</dsp>)")
+                           : PROJECT_SOURCE_DIR "/tests/data/passthrough.xml";
     }
 };
 
@@ -91,7 +89,8 @@ TEST_P(OrvandeldspLiveDriftTest, AnHourOfDriftRunsWithoutXrunOnlyWhenCompensated
         EXPECT_NEAR(correction, c.ppm, 0.1);
         EXPECT_FALSE(warned) << result.err;
     } else {
-        EXPECT_GT(xruns[std::string(c.xrunSide) == "playback"], 0u) << result.out;
+        // Fast capture overruns its buffer, slow capture lets the playback run dry.
+        EXPECT_GT(xruns[c.ppm > 0 ? 0 : 1], 0u) << result.out;
         EXPECT_NE(result.out.find("; drift not compensated"), std::string::npos) << result.out;
         EXPECT_TRUE(warned) << result.err;
         EXPECT_EQ(result.err.find(warning), result.err.rfind(warning)) << "warned once: " << result.err;
@@ -99,9 +98,8 @@ TEST_P(OrvandeldspLiveDriftTest, AnHourOfDriftRunsWithoutXrunOnlyWhenCompensated
 }
 
 INSTANTIATE_TEST_SUITE_P(Drift, OrvandeldspLiveDriftTest,
-                         testing::Values(DriftCase{100, true, "capture"}, DriftCase{-100, true, "playback"},
-                                         DriftCase{100, false, "capture"},
-                                         DriftCase{-100, false, "playback"}),
+                         testing::Values(DriftCase{100, true}, DriftCase{-100, true}, DriftCase{100, false},
+                                         DriftCase{-100, false}),
                          [](testing::TestParamInfo<DriftCase> const& info) {
                              return std::string(info.param.ppm > 0 ? "CaptureFast" : "CaptureSlow") +
                                     (info.param.compensated ? "Compensated" : "Uncompensated");
