@@ -23,11 +23,9 @@ private:
     std::shared_ptr<void> m_slot;
 };
 
-template <class Signature>
-class Slot;
+template <class Signature> class Slot;
 
-template <class... Args>
-class Slot<void(Args...)>
+template <class... Args> class Slot<void(Args...)>
 {
 public:
     explicit Slot(std::function<void(Args...)> handler) : m_handler(std::move(handler)) {}
@@ -37,13 +35,11 @@ private:
     std::function<void(Args...)> m_handler;
 };
 
-template <class Signature>
-class Signal;
+template <class Signature> class Signal;
 
 // Multi-slot signal. It holds its slots weakly, so dropping the Connection disconnects the handler.
 // Connecting and emitting may happen on different control threads; never use it on the audio thread.
-template <class... Args>
-class Signal<void(Args...)>
+template <class... Args> class Signal<void(Args...)>
 {
 public:
     using tSlot = Slot<void(Args...)>;
@@ -58,16 +54,15 @@ public:
             (*slot)(args...);
     }
 
-    std::size_t getNumConnections()
-    {
-        return liveSlots().size();
-    }
+    std::size_t getNumConnections() { return liveSlots().size(); }
 
 private:
     Connection add(std::function<void(Args...)> handler, bool atFront)
     {
         auto slot = std::make_shared<tSlot>(std::move(handler));
         std::lock_guard<std::mutex> lock(m_mutex);
+        // A signal that seldom fires would otherwise keep every dropped slot's memory for good.
+        m_slots.remove_if([](std::weak_ptr<tSlot> const& entry) { return entry.expired(); });
         if (atFront)
             m_slots.push_front(slot);
         else

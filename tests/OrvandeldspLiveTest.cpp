@@ -23,6 +23,8 @@ constexpr size_t c_fadeLate = 10;
 // The test card's square wave, in S32_LE.
 constexpr int32_t c_squareLevel = 0x20000000;
 std::string const c_passthrough = PROJECT_SOURCE_DIR "/tests/data/passthrough.xml";
+// With a time stretcher, so that a capture run has nothing to warn about.
+std::string const c_compensated = PROJECT_SOURCE_DIR "/configs/drift.xml";
 
 // Left-justified 32-bit words to raw samples of a format and back.
 std::string encode(std::vector<int32_t> const& words, snd_pcm_format_t format)
@@ -87,6 +89,27 @@ protected:
     std::vector<int32_t> played(snd_pcm_format_t format = SND_PCM_FORMAT_S32_LE) const
     {
         return decode(m_scratch.read("out.raw"), format);
+    }
+    // Stereo through a gain "volume" of `gain` dB.
+    static std::string volumeConfig(char const* gain)
+    {
+        return std::string(R"(<dsp>
+  <module type="input" id="in"/>
+  <stereo-module type="gain" id="volume"><parameter id="gain" type="double">)") +
+               gain + R"(</parameter></stereo-module>
+  <module type="output" id="out"><parameter id="interleave-pattern" type="string">01</parameter></module>
+  <cable out="in" in="volume"/>
+  <cable out="volume" in="out"/>
+</dsp>)";
+    }
+    void waitUntilPlayed(int32_t level) const
+    {
+        auto const played = [&] {
+            auto const levels = leftLevels(this->played());
+            return std::find(levels.begin(), levels.end(), level) != levels.end();
+        };
+        for (auto const end = Clock::now() + 10s; !played() && Clock::now() < end;)
+            std::this_thread::sleep_for(20ms);
     }
     std::string const m_out = path("out.raw");
 };
@@ -195,7 +218,7 @@ TEST_F(OrvandeldspLiveTest, ADeviceThatFailsEndsTheRunWithOneLineAfterTheSummary
     for (auto const& c : cases) {
         SCOPED_TRACE(c.err);
         auto const result = runTool(
-            live({"-c", c_passthrough, "-r", c.rate, "--capture", c.capture, "--playback", c.playback}));
+            live({"-c", c_compensated, "-r", c.rate, "--capture", c.capture, "--playback", c.playback}));
         EXPECT_EQ(result.status, 1);
         // The tool's one line; the library's log entries read "orvandeldsp [level]".
         EXPECT_EQ(result.err.find("orvandeldsp: "), result.err.rfind("orvandeldsp: ")) << result.err;
@@ -207,7 +230,8 @@ TEST_F(OrvandeldspLiveTest, ADeviceThatFailsEndsTheRunWithOneLineAfterTheSummary
     for (auto const& args :
          {live({"--capture", "livetest", "--input", path("in.wav"), "--playback", "livetest"}),
           live({"--capture", "livetest"}), live({"-p", "1281", "--capture", "x", "--playback", "y"}),
-          live({"--bus", "session", "--capture", "x", "--playback", "y"})})
+          live({"--bus", "session", "--capture", "x", "--playback", "y"}),
+          live({"--capture", "", "--playback", "y"})})
         expectFailure(runTool(args), 2, "orvandeldsp: ", true);
 }
 
@@ -215,26 +239,12 @@ TEST_F(OrvandeldspLiveTest, SetChangesTheLiveSoundAndSigtermFadesItOut)
 {
     PrivateDbus bus;
     ScopedBusAddress session("DBUS_SESSION_BUS_ADDRESS", bus.getAddress());
-    std::string const config = writeConfig("volume.xml", R"(<dsp>
-  <module type="input" id="in"/>
-  <stereo-module type="gain" id="volume"><parameter id="gain" type="double">0</parameter></stereo-module>
-  <module type="output" id="out"><parameter id="interleave-pattern" type="string">01</parameter></module>
-  <cable out="in" in="volume"/>
-  <cable out="volume" in="out"/>
-</dsp>)");
+    std::string const config = writeConfig("volume.xml", volumeConfig("0"));
     // Paced by the wall clock at real-time priority, with a buffer of eight periods to spare.
     BackgroundTool run({"live", "--bus", "session", "-c", config, "--periods", "8", "--capture", "livetest",
                         "--playback", "livetest:RECORD=" + m_out},
                        bus.getAddress());
     ASSERT_EQ(run.readLine(10s), "orvandeldsp: serving com.orvandeldsp.Chain on the session bus");
-    auto const waitUntilPlayed = [&](int32_t level) {
-        auto const played = [&] {
-            auto const levels = leftLevels(this->played());
-            return std::find(levels.begin(), levels.end(), level) != levels.end();
-        };
-        for (auto const end = Clock::now() + 10s; !played() && Clock::now() < end;)
-            std::this_thread::sleep_for(20ms);
-    };
     waitUntilPlayed(c_squareLevel);
     auto const set = runTool({"set", "--bus", "session", "volume", "gain", "-12"});
     ASSERT_EQ(set.status, 0) << set.err;
@@ -268,3 +278,61 @@ TEST_F(OrvandeldspLiveTest, SetChangesTheLiveSoundAndSigtermFadesItOut)
 }
 
 } // namespace
+
+namespace {
+
+// The next line on the tool's stderr that begins with `start`, passing over others (warnings, log
+// entries); "" when none comes within the timeout.
+std::string nextErrorLine(BackgroundTool& run, std::string const& start)
+{
+    for (auto const end = Clock::now() + 10s; Clock::now() < end;) {
+        std::string const line = run.readErrorLine(1s);
+        if (line.rfind(start, 0) == 0)
+            return line;
+    }
+    return "";
+}
+
+} // namespace
+
+TEST_F(OrvandeldspLiveTest, SighupReloadsTheConfigFadingOverAndLeavesTheSoundAloneWhenItFails)
+{
+    std::string const config = writeConfig("volume.xml", volumeConfig("0"));
+    BackgroundTool run({"live", "--no-service", "-c", config, "--periods", "8", "--capture", "livetest",
+                        "--playback", "livetest:RECORD=" + m_out},
+                       c_noBusAddress, true);
+    waitUntilPlayed(c_squareLevel);
+    writeConfig("volume.xml", "<dsp>\n  <module type=\"input\" id=\"in\">\n</dsp>\n");
+    run.signal(SIGHUP);
+    EXPECT_EQ(nextErrorLine(run, "orvandeldsp: reload")
+                  .rfind("orvandeldsp: reload refused: config " + config + ": malformed XML at line 3", 0),
+              0u);
+    writeConfig("volume.xml", volumeConfig("-12"));
+    run.signal(SIGHUP);
+    EXPECT_EQ(run.readLine(10s), "orvandeldsp: reloaded config " + config);
+    waitUntilPlayed(c_squareLevel / 4);
+    run.signal(SIGTERM);
+    ASSERT_EQ(run.wait(10s), 0);
+    EXPECT_NE(run.readLine(1s).find("xruns: capture 0, playback 0;"), std::string::npos);
+
+    // Full level, a fade to silence and back in to a quarter: the refused reload left no dip.
+    auto const levels = leftLevels(played());
+    auto const lastFull =
+        size_t(std::find(levels.rbegin(), levels.rend(), c_squareLevel).base() - levels.begin());
+    auto const firstQuarter =
+        size_t(std::find(levels.begin(), levels.end(), c_squareLevel / 4) - levels.begin());
+    ASSERT_LT(firstQuarter, levels.size());
+    size_t starts = 0;
+    for (size_t f = 1; f < levels.size(); ++f)
+        starts += levels[f - 1] == 0 && levels[f] != 0;
+    EXPECT_EQ(starts, 2u) << "the start and the new chain's";
+    auto const silent = size_t(std::find(levels.begin() + long(lastFull), levels.end(), 0) - levels.begin());
+    auto const sounding = size_t(
+        std::find_if(levels.begin() + long(silent), levels.end(), [](int32_t level) { return level != 0; }) -
+        levels.begin());
+    EXPECT_GE(silent - lastFull, c_fadeFrames - 2) << "the old chain faded out";
+    EXPECT_LE(silent - lastFull, c_fadeFrames + c_fadeLate);
+    EXPECT_LE(sounding - silent, 2 * c_period) << "the new chain took over at the next period";
+    EXPECT_GE(firstQuarter - sounding, c_fadeFrames - 2) << "the new chain faded in";
+    EXPECT_LE(firstQuarter - sounding, c_fadeFrames + c_fadeLate);
+}

@@ -87,6 +87,7 @@ void AlsaPcm::configure(Setup const& setup)
     snd_pcm_hw_params_get_buffer_size(params.get(), &bufferFrames);
     m_bufferFrames = static_cast<unsigned int>(bufferFrames);
 
+    m_periodFrames = setup.periodFrames;
     setSoftwareParameters(setup.periodFrames);
     if (!m_mmap)
         allocateInterleavedPeriod();
@@ -231,8 +232,9 @@ template <class Copy> int AlsaPcm::moveFrames(unsigned int frames, Copy const& c
             count = m_interleavedFrames;
         snd_pcm_sframes_t moved = 0;
         if (m_mmap) {
-            // More than the buffer holds goes in several steps.
-            if (int const error = waitForFrames(std::min<snd_pcm_uframes_t>(count, m_bufferFrames)))
+            // Up to a period at a time, as readi and writei move frames: a device wakes its host once a
+            // period, so waiting for room for more would spin until the period after.
+            if (int const error = waitForFrames(std::min<snd_pcm_uframes_t>(count, m_periodFrames)))
                 return error;
             snd_pcm_channel_area_t const* areas = nullptr;
             snd_pcm_uframes_t offset = 0;
@@ -278,6 +280,13 @@ int AlsaPcm::writeSilence(unsigned int frames)
                                   unsigned int count) {
         snd_pcm_areas_silence(areas, offset, m_channels, count, m_deviceFormat);
     });
+}
+
+int AlsaPcm::delay()
+{
+    snd_pcm_sframes_t frames = 0;
+    int const error = snd_pcm_delay(m_pcm, &frames);
+    return error < 0 ? error : int(frames);
 }
 
 int AlsaPcm::start()

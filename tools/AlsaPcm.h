@@ -46,6 +46,7 @@ public:
     int writeSilence(unsigned int frames);
     int start() override;
     int stop() override;
+    int delay() override;
     // Blocks until everything written has been played.
     int drain();
 
@@ -73,6 +74,7 @@ private:
     snd_pcm_format_t m_deviceFormat = SND_PCM_FORMAT_UNKNOWN;
     unsigned int m_deviceSampleBytes = 0;
     unsigned int m_bufferFrames = 0;
+    unsigned int m_periodFrames = 0;
     // readi/writei go through this interleaved period, described as channel areas like an mmap buffer.
     std::vector<uint8_t> m_interleaved;
     unsigned int m_interleavedFrames = 0;

@@ -84,6 +84,14 @@ void AlsaPeriodBuffers::setNumFrames(unsigned int frames)
         channel.m_numFrames = frames;
 }
 
+uint64_t AlsaPeriodBuffers::getClippedSamples() const
+{
+    uint64_t clipped = 0;
+    for (auto const& channel : m_channels)
+        clipped += channel.getClippedSamples();
+    return clipped;
+}
+
 void AlsaPeriodBuffers::fromDevice(snd_pcm_channel_area_t const* areas, snd_pcm_uframes_t offset,
                                    unsigned int first, unsigned int frames)
 {

@@ -22,6 +22,8 @@ public:
     unsigned int getNumChannels() const { return static_cast<unsigned int>(m_channels.size()); }
     unsigned int getNumFrames() const { return m_channels.front().getNumFrames(); }
     void setNumFrames(unsigned int frames);
+    // Samples the chain delivered beyond the format's range, on all channels so far.
+    uint64_t getClippedSamples() const;
 
     // Frames [first, first + frames) of the period from or to the device's frames at `offset`.
     void fromDevice(snd_pcm_channel_area_t const* areas, snd_pcm_uframes_t offset, unsigned int first,

@@ -14,6 +14,15 @@ namespace {
 // Long enough for a loaded device, short enough that a wedged service does not hang a script.
 constexpr gint c_callTimeoutMs = 10000;
 
+// "a, b, c", or "none".
+std::string listed(std::vector<std::string> const& names)
+{
+    std::string list;
+    for (auto const& name : names)
+        list += (list.empty() ? "" : ", ") + name;
+    return list.empty() ? "none" : list;
+}
+
 std::string trimmed(std::string const& text)
 {
     size_t const first = text.find_first_not_of(" \t\r");
@@ -52,8 +61,31 @@ GVariant* ChainClient::call(char const* method, GVariant* arguments, GVariantTyp
     throw ToolError(ToolError::c_ioFailure, message);
 }
 
+void ChainClient::refuseWhatTheChainLacks(Setting const& setting) const
+{
+    if (!m_modules)
+        return;
+    std::vector<std::string> ids;
+    for (auto const& module : *m_modules) {
+        if (module.id != setting.module) {
+            ids.push_back(module.id);
+            continue;
+        }
+        for (auto const& key : module.parameterKeys) {
+            if (key == setting.key)
+                return;
+        }
+        throw ToolError(ToolError::c_ioFailure, "module " + setting.module +
+                                                    " of the served chain has no parameter " + setting.key +
+                                                    " (it has " + listed(module.parameterKeys) + ")");
+    }
+    throw ToolError(ToolError::c_ioFailure,
+                    "the served chain has no module " + setting.module + " (it has " + listed(ids) + ")");
+}
+
 void ChainClient::setParameter(Setting const& setting)
 {
+    refuseWhatTheChainLacks(setting);
     g_variant_unref(call(
         "SetParameter",
         g_variant_new("(sss)", setting.module.c_str(), setting.key.c_str(), setting.value.c_str()), nullptr));
@@ -61,6 +93,8 @@ void ChainClient::setParameter(Setting const& setting)
 
 void ChainClient::setParameters(std::vector<Setting> const& settings)
 {
+    for (auto const& setting : settings)
+        refuseWhatTheChainLacks(setting);
     GVariantBuilder builder;
     g_variant_builder_init(&builder, G_VARIANT_TYPE("a(sss)"));
     for (auto const& setting : settings)

@@ -1,6 +1,9 @@
 #pragma once
 
+#include "tools/HostClient.h"
+
 #include <gio/gio.h>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,6 +29,10 @@ public:
     ChainClient(ChainClient const&) = delete;
     ChainClient& operator=(ChainClient const&) = delete;
 
+    // From here on a setting for a module or key the chain does not have is refused before anything is
+    // sent (a ToolError naming it), where without the list the service would pass over it.
+    void knowModules(std::vector<HostClient::Module> const& modules) { m_modules = modules; }
+
     void setParameter(Setting const& setting);
     // All in one call, so every module named receives its new set at once.
     void setParameters(std::vector<Setting> const& settings);
@@ -41,9 +48,11 @@ public:
 private:
     // The reply, which the caller unrefs; a failed call throws.
     GVariant* call(char const* method, GVariant* arguments, GVariantType const* replyType);
+    void refuseWhatTheChainLacks(Setting const& setting) const;
 
     GBusType m_bus;
     GDBusConnection* m_connection;
+    std::optional<std::vector<HostClient::Module>> m_modules;
 };
 
 } // namespace Host

@@ -8,10 +8,13 @@
 #include "tools/ChainReport.h"
 #include "tools/ControlBus.h"
 #include "tools/GraphDrawing.h"
+#include "tools/HostClient.h"
+#include "tools/HostService.h"
 #include "tools/LiveHost.h"
 #include "tools/ModuleReference.h"
 #include "tools/OfflineHost.h"
 #include "tools/ResponseHost.h"
+#include "tools/StatusReport.h"
 #include "tools/ToolError.h"
 
 #include <algorithm>
@@ -42,6 +45,8 @@ constexpr char const* c_usage =
     "                         [--frames N] [--priority N] [--bus system|session | --no-service] [--quiet]\n"
     "       orvandeldsp set   [--bus system|session] MODULE KEY VALUE | --file PARAMS.txt\n"
     "       orvandeldsp sound [--bus system|session] play N | loop N INTERVAL_MS | stop ID\n"
+    "       orvandeldsp status [--bus system|session] [--json]\n"
+    "       orvandeldsp reload [--bus system|session] [--config FILE]\n"
     "       orvandeldsp check [--config FILE] [--rate HZ]\n"
     "       orvandeldsp types [TYPE | --markdown]\n"
     "       orvandeldsp graph [--config FILE] [--format png|svg|pdf] -o OUTPUT\n"
@@ -53,7 +58,8 @@ constexpr char const* c_usage =
 constexpr unsigned int c_checkSampleRate = 48000;
 
 constexpr char const* c_shortUsage =
-    "usage: orvandeldsp run|live|check|types|graph|response|set|sound [OPTIONS] (see orvandeldsp --help)";
+    "usage: orvandeldsp run|live|check|types|graph|response|set|sound|status|reload [OPTIONS] (see "
+    "orvandeldsp --help)";
 
 ToolError usageError(std::string const& problem)
 {
@@ -125,6 +131,8 @@ double parsePpm(char const* text)
 }
 
 constexpr char const* c_busHelp = "the bus the chain is served on (default: system as root, else session)";
+constexpr char const* c_liveBusHelp =
+    "the bus the live run is served on (default: system as root, else session)";
 
 GBusType parseBus(gchar const* name)
 {
@@ -316,6 +324,9 @@ int liveCommand(int argc, char** argv)
         throw usageError("live needs either --capture PCM or --input FILE");
     if (!playback)
         throw usageError("live needs --playback PCM");
+    // As an unset variable of a service's environment file leaves them.
+    if ((capture && !*capture) || !*playback)
+        throw usageError("--capture and --playback need a PCM name, not an empty one");
     if (rate < 0 || (rate > 0 && rate < 1000) || rate > 768000)
         throw usageError("--rate must be between 1000 and 768000 Hz");
     if (period < 1 || period > int(Chain::getMaxNumFramesPerProcessCall()))
@@ -529,12 +540,16 @@ int setCommand(int argc, char** argv)
         throw usageError("set needs MODULE KEY VALUE or --file PARAMS.txt, options first");
 
     GBusType const busType = parseBus(bus);
-    if (file) {
-        auto const settings = ChainClient::readSettings(file);
-        ChainClient(busType).setParameters(settings);
-    } else {
-        ChainClient(busType).setParameter({argv[1], argv[2], argv[3]});
-    }
+    auto const settings = file ? ChainClient::readSettings(file)
+                               : std::vector<ChainClient::Setting>{{argv[1], argv[2], argv[3]}};
+    ChainClient client(busType);
+    // A live run lists its chain's modules; a player does not, and gets the settings unchecked.
+    if (auto const modules = HostClient(busType).findModules())
+        client.knowModules(*modules);
+    if (file)
+        client.setParameters(settings);
+    else
+        client.setParameter(settings.front());
     return 0;
 }
 
@@ -570,6 +585,60 @@ int soundCommand(int argc, char** argv)
     return 0;
 }
 
+int statusCommand(int argc, char** argv)
+{
+    gchar* bus = nullptr;
+    gboolean json = FALSE;
+    GOptionEntry const entries[] = {
+        {"bus", 0, 0, G_OPTION_ARG_STRING, &bus, c_liveBusHelp, "system|session"},
+        {"json", 'j', 0, G_OPTION_ARG_NONE, &json, "print one JSON object, for scripts", nullptr},
+        {}};
+    OptionParser parser("",
+                        "Shows what a live run is doing: devices, frames, xruns, load, latency and drift, "
+                        "meters, clipping and the chain's modules, at most a second old.");
+    parser.add(entries);
+    parser.parse(argc, argv);
+    std::unique_ptr<gchar, decltype(&g_free)> const busOwner(bus, g_free);
+    if (argc != 1)
+        throw usageError("status takes no arguments");
+
+    GVariant* const status = HostClient(parseBus(bus)).getStatus();
+    if (json)
+        StatusReport::printJson(status, stdout);
+    else
+        StatusReport::print(status, stdout);
+    g_variant_unref(status);
+    return 0;
+}
+
+int reloadCommand(int argc, char** argv)
+{
+    gchar* bus = nullptr;
+    gchar* config = nullptr;
+    GOptionEntry const entries[] = {{"bus", 0, 0, G_OPTION_ARG_STRING, &bus, c_liveBusHelp, "system|session"},
+                                    {"config", 'c', 0, G_OPTION_ARG_FILENAME, &config,
+                                     "load this config instead of reading the one playing again", "FILE"},
+                                    {}};
+    OptionParser parser("",
+                        "Loads a live run's config again, or another one, and fades over to it once it has "
+                        "passed the checks check makes; returns when the new chain plays.");
+    parser.add(entries);
+    parser.parse(argc, argv);
+    std::unique_ptr<gchar, decltype(&g_free)> const busOwner(bus, g_free), configOwner(config, g_free);
+    if (argc != 1)
+        throw usageError("reload takes no file arguments; name the config with --config");
+
+    // The run reads the file from its own working directory, not the caller's.
+    std::string path;
+    if (config) {
+        gchar* const absolute = g_canonicalize_filename(config, nullptr);
+        path = absolute;
+        g_free(absolute);
+    }
+    HostClient(parseBus(bus)).reload(path);
+    return 0;
+}
+
 int dispatch(int argc, char** argv)
 {
     if (argc < 2)
@@ -585,11 +654,15 @@ int dispatch(int argc, char** argv)
             "  graph     draws the chain's signal flow with Graphviz dot\n"
             "  response  measures the chain's frequency response, as CSV or a gnuplot picture\n"
             "  set       sets parameters of a chain served by run --realtime or live\n"
-            "  sound     plays, loops or stops system sounds on a served chain\n\n"
+            "  sound     plays, loops or stops system sounds on a served chain\n"
+            "  status    shows what a live run is doing\n"
+            "  reload    makes a live run load its config again, or another one\n\n"
             "The default config is %s\n"
             "run --realtime and live serve the chain as %s on the system bus as root, else on the\n"
-            "session bus, for as long as they play; set and sound reach it on the same bus.\n",
-            c_usage, BundledConfigs::defaultConfig().c_str(), ChainService::c_busName);
+            "session bus, for as long as they play; set and sound reach it on the same bus. live also\n"
+            "serves %s there, for status and reload (or send it SIGHUP).\n",
+            c_usage, BundledConfigs::defaultConfig().c_str(), ChainService::c_busName,
+            HostService::c_busName);
         return 0;
     }
     if (command == "--version") {
@@ -617,6 +690,10 @@ int dispatch(int argc, char** argv)
         return setCommand(commandArgc, commandArgv);
     if (command == "sound")
         return soundCommand(commandArgc, commandArgv);
+    if (command == "status")
+        return statusCommand(commandArgc, commandArgv);
+    if (command == "reload")
+        return reloadCommand(commandArgc, commandArgv);
     throw usageError("unknown command " + command);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <gio/gio.h>
 #include <string>
 
@@ -16,6 +17,11 @@ public:
     static std::string describe(GBusType type);
     // A private connection of the caller's own; throws ToolError (I/O failure) when there is no bus.
     static GDBusConnection* connect(GBusType type);
+    // Whether another connection owns `name`; false when the bus does not answer.
+    static bool hasOwner(GDBusConnection* connection, char const* name);
+    // Runs the thread's main context until `owned` holds; throws ToolError when the bus has not given
+    // `name` within a few seconds.
+    static void waitUntilOwned(std::function<bool()> const& owned, char const* name, GBusType type);
 };
 
 } // namespace Host

@@ -24,6 +24,9 @@ public:
 
     static unsigned int bytesPerSample(snd_pcm_format_t format);
 
+    // Samples write() has clipped to the format's range so far.
+    uint64_t getClippedSamples() const { return m_clippedSamples; }
+
     uint8_t* bytes() { return m_bytes.data(); }
     uint8_t const* bytes() const { return m_bytes.data(); }
     unsigned int getBytesPerSample() const { return m_bytesPerSample; }
@@ -32,6 +35,7 @@ private:
     snd_pcm_format_t m_format;
     unsigned int m_bytesPerSample;
     std::vector<uint8_t> m_bytes;
+    uint64_t m_clippedSamples = 0;
 };
 
 } // namespace Host

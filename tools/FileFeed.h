@@ -39,6 +39,7 @@ public:
     int readPeriod(AlsaPeriodBuffers& capture, unsigned int frames) override;
     int start() override { return 0; }
     int stop() override { return 0; }
+    int delay() override { return 0; }
     std::string const& describe() const override { return m_description; }
     std::unique_ptr<AlsaPeriodBuffers> makeBuffers() const override;
 

@@ -21,6 +21,9 @@ public:
     // Starts delivering; stop() drops what is pending and makes ready for the next start().
     virtual int start() = 0;
     virtual int stop() = 0;
+    // Frames the device holds between its converter and the host (captured and not read yet, or
+    // written and not played yet), or a negative error; 0 for a file, which has no clock.
+    virtual int delay() = 0;
 
     // "capture PCM hw:0,0" or "input song.wav", for messages.
     virtual std::string const& describe() const = 0;

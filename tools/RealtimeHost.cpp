@@ -45,8 +45,10 @@ RealtimeHost::RealtimeHost(Chain& chain, std::optional<GBusType> bus)
     m_signalSources[0] = g_unix_signal_add(SIGINT, &requestStop, &m_stopRequested);
     m_signalSources[1] = g_unix_signal_add(SIGTERM, &requestStop, &m_stopRequested);
     try {
-        if (bus)
+        if (bus) {
             m_served = std::make_unique<ServedChain>(chain, *bus);
+            m_served->announce();
+        }
     } catch (...) {
         removeSignalSources();
         throw;

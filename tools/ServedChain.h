@@ -15,17 +15,24 @@ namespace Host {
 class ServedChain
 {
 public:
-    // Returns once the service owns its name, having said so on stdout.
-    // Throws ToolError when there is no bus or the name is taken.
+    // Returns once the service owns its name. Throws ToolError when there is no bus or the name is taken.
     ServedChain(Chain& chain, GBusType bus);
     ~ServedChain();
 
     ServedChain(ServedChain const&) = delete;
     ServedChain& operator=(ServedChain const&) = delete;
 
-private:
-    void waitForName(GBusType bus);
+    // Says on stdout that the chain is served: scripts wait for this line before they send anything.
+    void announce() const;
+    // Serves another chain instead, which a reload has made. The name is released and taken again, so a
+    // call in between finds no chain, as it would during a restart; repeating sounds end with the old
+    // chain.
+    void serve(Chain& chain);
 
+private:
+    void startService(Chain& chain);
+
+    GBusType m_bus;
     GDBusConnection* m_connection;
     std::unique_ptr<ChainService> m_service;
 };

@@ -3,16 +3,21 @@
  * scale (left positive first, right negative first, 96 frames a cycle). Playback is recorded to a raw
  * file exactly as the host handed it over. The device's position follows a clock running `speed` times
  * wall time, checked every quarter period; speed 0 never waits (capture always holds a period, playback
- * takes everything at once). A host that falls behind the clock gets an xrun.
- * Config fields: capture, record (paths, "" for none), speed (real), rate (0: 8000 to 192000 Hz),
- * format ("": S16_LE, S24_3LE, S24_LE or S32_LE), mmap (also offer mmap access), and the stream
- * positions, in frames since open, at which the device fails once: xrun (-EPIPE), vanish (gone:
- * -ENODEV) and suspend (-ESTRPIPE); -1 for never. */
+ * takes everything at once). With `virtual` set it follows instead a clock that every virtual device of
+ * the process shares, which stands still while the host works and, when the host waits for a device,
+ * jumps to the moment that device has a period for it: an hour of two devices' clocks in seconds. A
+ * device's own clock runs `ppm` parts per million fast (or slow, below 0) against the clock it follows.
+ * A host that falls behind its devices gets an xrun.
+ * Config fields: capture, record (paths, "" for none), speed (real), virtual (bool), ppm (real), rate
+ * (0: 8000 to 192000 Hz), format ("": S16_LE, S24_3LE, S24_LE or S32_LE), mmap (also offer mmap
+ * access), and the stream positions, in frames since open, at which the device fails once: xrun
+ * (-EPIPE), vanish (gone: -ENODEV) and suspend (-ESTRPIPE); -1 for never. */
 #include <alsa/asoundlib.h>
 #include <alsa/pcm_external.h>
 
 #include <errno.h>
 #include <fcntl.h>
+#include <math.h>
 #include <poll.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -31,12 +36,17 @@ typedef struct
     int captureFd;
     int recordFd;
     double speed;
+    int virtualClock;
+    double ppm;
+    /* Frames per second of this device's clock from start: the rate, off by its ppm. */
+    double framesPerSecond;
     long long xrunAt, vanishAt, suspendAt;
     /* Frames moved before the last prepare, so that failure positions count from open. */
     long long framesBeforePrepare;
     snd_pcm_uframes_t lastPosition;
     long long generated;
     struct timespec started;
+    long long virtualStarted;
     int running;
     unsigned char chunk[MAX_CHUNK_BYTES];
 } TestPcm;
@@ -50,13 +60,46 @@ static void freeTestPcm(TestPcm* pcm)
     free(pcm);
 }
 
-static long long clockFrames(const TestPcm* pcm)
+/* The shared clock of the virtual devices, in nanoseconds. A host drives its devices from one thread. */
+static long long g_virtualNanoseconds;
+
+static double elapsedSeconds(const TestPcm* pcm)
 {
+    if (pcm->virtualClock)
+        return 1e-9 * (double)(g_virtualNanoseconds - pcm->virtualStarted);
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     double const seconds =
         (double)(now.tv_sec - pcm->started.tv_sec) + 1e-9 * (double)(now.tv_nsec - pcm->started.tv_nsec);
-    return (long long)(seconds * pcm->speed * pcm->io.rate);
+    return seconds * pcm->speed;
+}
+
+static long long clockFrames(const TestPcm* pcm)
+{
+    return (long long)floor(elapsedSeconds(pcm) * pcm->framesPerSecond);
+}
+
+/* Moves the shared clock on to the first nanosecond at which the device's position reaches `frames`. */
+static void advanceVirtualClockTo(const TestPcm* pcm, long long frames)
+{
+    if (clockFrames(pcm) >= frames)
+        return;
+    g_virtualNanoseconds =
+        pcm->virtualStarted + (long long)floor(1e9 * (double)frames / pcm->framesPerSecond);
+    while (clockFrames(pcm) < frames)
+        ++g_virtualNanoseconds;
+}
+
+/* A host waits for room for a period, or for the last frame to be played while draining. */
+static long long framesAwaited(const TestPcm* pcm)
+{
+    snd_pcm_ioplug_t const* io = &pcm->io;
+    long long const appl = (long long)io->appl_ptr;
+    if (io->stream == SND_PCM_STREAM_CAPTURE)
+        return appl + (long long)io->period_size;
+    if (io->state == SND_PCM_STATE_DRAINING)
+        return appl;
+    return appl + (long long)io->period_size - (long long)io->buffer_size;
 }
 
 /* The hardware position since prepare, or -EPIPE once the host has fallen behind the clock. */
@@ -67,7 +110,9 @@ static snd_pcm_sframes_t position(TestPcm* pcm)
     int const playback = io->stream == SND_PCM_STREAM_PLAYBACK;
     if (!pcm->running)
         return (snd_pcm_sframes_t)pcm->lastPosition;
-    long long hw = pcm->speed > 0.0 ? clockFrames(pcm) : playback ? appl : appl + (long long)io->period_size;
+    long long hw = pcm->speed > 0.0 || pcm->virtualClock ? clockFrames(pcm)
+                   : playback                            ? appl
+                                                         : appl + (long long)io->period_size;
     if (playback && hw > appl) {
         if (io->state != SND_PCM_STATE_DRAINING)
             return -EPIPE;
@@ -108,8 +153,10 @@ static int testStart(snd_pcm_ioplug_t* io)
 {
     TestPcm* pcm = io->private_data;
     clock_gettime(CLOCK_MONOTONIC, &pcm->started);
+    pcm->virtualStarted = g_virtualNanoseconds;
+    pcm->framesPerSecond = io->rate * (1.0 + 1e-6 * pcm->ppm);
     pcm->running = 1;
-    if (pcm->speed <= 0.0)
+    if (pcm->speed <= 0.0 || pcm->virtualClock)
         return 0;
     double const tick = (double)io->period_size / (4.0 * pcm->speed * io->rate);
     struct timespec const interval = {(time_t)tick, (long)((tick - (double)(time_t)tick) * 1e9)};
@@ -132,14 +179,18 @@ static int testPrepare(snd_pcm_ioplug_t* io)
     return 0;
 }
 
-/* Every tick wakes the host, which looks at the position itself. */
+/* Every tick wakes the host, which looks at the position itself. A virtual device is ready at once: the
+ * time the host waits for passes on the spot. */
 static int testPollRevents(snd_pcm_ioplug_t* io, struct pollfd* pfd, unsigned int nfds,
                            unsigned short* revents)
 {
     TestPcm* pcm = io->private_data;
     uint64_t ticks;
     (void)nfds;
-    if (pcm->speed > 0.0 && read(pfd[0].fd, &ticks, sizeof ticks) < 0 && errno != EAGAIN)
+    if (pcm->virtualClock && pcm->running)
+        advanceVirtualClockTo(pcm, framesAwaited(pcm));
+    else if (pcm->speed > 0.0 && !pcm->virtualClock && read(pfd[0].fd, &ticks, sizeof ticks) < 0 &&
+             errno != EAGAIN)
         return -errno;
     *revents = io->stream == SND_PCM_STREAM_PLAYBACK ? POLLOUT : POLLIN;
     return 0;
@@ -155,15 +206,23 @@ static void capture(TestPcm* pcm, snd_pcm_uframes_t frames, unsigned int width)
     for (size_t done = 0; pcm->captureFd >= 0 && done < bytes; done += (size_t)got)
         if ((got = read(pcm->captureFd, pcm->chunk + done, bytes - done)) <= 0)
             return;
-    /* Left-justified 32-bit words, cut to the format's width; S24_LE keeps them sign-extended. */
+    /* Left-justified 32-bit words, cut to the format's width; S24_LE keeps them sign-extended. The
+     * words' low bytes are copied as they lie, little-endian as every host of the tests is. */
     unsigned int const shift = (unsigned int)(32 - snd_pcm_format_width(io->format));
+    uint32_t const high = (uint32_t)(0x20000000 >> shift), low = (uint32_t)(-0x20000000 >> shift);
     for (unsigned char* out = pcm->chunk; pcm->captureFd < 0 && out < pcm->chunk + bytes; ++pcm->generated)
-        for (unsigned int c = 0; c < io->channels; ++c, out += width) {
-            int32_t const level = (pcm->generated / 48 + c) % 2 ? -0x20000000 : 0x20000000;
-            uint32_t const value = (uint32_t)(level >> shift);
-            for (unsigned int b = 0; b < width; ++b)
-                out[b] = (unsigned char)(value >> (8 * b));
-        }
+        for (unsigned int c = 0; c < io->channels; ++c, out += width)
+            memcpy(out, (pcm->generated / 48 + c) % 2 ? &low : &high, width);
+}
+
+/* Whether the areas are one interleaved block, as the host's own buffer and an interleaved mmap are. */
+static int isInterleaved(const snd_pcm_channel_area_t* areas, unsigned int channels, unsigned int width)
+{
+    for (unsigned int c = 0; c < channels; ++c)
+        if (areas[c].addr != areas[0].addr || areas[c].first != c * width * 8 ||
+            areas[c].step != channels * width * 8)
+            return 0;
+    return 1;
 }
 
 static snd_pcm_sframes_t testTransfer(snd_pcm_ioplug_t* io, const snd_pcm_channel_area_t* areas,
@@ -175,18 +234,24 @@ static snd_pcm_sframes_t testTransfer(snd_pcm_ioplug_t* io, const snd_pcm_channe
     int const playback = io->stream == SND_PCM_STREAM_PLAYBACK;
     if (size > MAX_CHUNK_BYTES / frameBytes)
         size = MAX_CHUNK_BYTES / frameBytes;
+    if (playback && pcm->recordFd < 0)
+        return (snd_pcm_sframes_t)size;
     if (!playback)
         capture(pcm, size, width);
-    for (snd_pcm_uframes_t f = 0; f < size; ++f) {
-        for (unsigned int c = 0; c < io->channels; ++c) {
-            unsigned char* device =
-                (unsigned char*)areas[c].addr + (areas[c].first + (offset + f) * areas[c].step) / 8;
-            unsigned char* packed = pcm->chunk + f * frameBytes + c * width;
-            memcpy(playback ? packed : device, playback ? device : packed, width);
+    if (isInterleaved(areas, io->channels, width)) {
+        unsigned char* device = (unsigned char*)areas[0].addr + offset * frameBytes;
+        memcpy(playback ? pcm->chunk : device, playback ? device : pcm->chunk, size * frameBytes);
+    } else {
+        for (snd_pcm_uframes_t f = 0; f < size; ++f) {
+            for (unsigned int c = 0; c < io->channels; ++c) {
+                unsigned char* device =
+                    (unsigned char*)areas[c].addr + (areas[c].first + (offset + f) * areas[c].step) / 8;
+                unsigned char* packed = pcm->chunk + f * frameBytes + c * width;
+                memcpy(playback ? packed : device, playback ? device : packed, width);
+            }
         }
     }
-    if (playback && pcm->recordFd >= 0 &&
-        write(pcm->recordFd, pcm->chunk, size * frameBytes) != (ssize_t)(size * frameBytes))
+    if (playback && write(pcm->recordFd, pcm->chunk, size * frameBytes) != (ssize_t)(size * frameBytes))
         return -EIO;
     return (snd_pcm_sframes_t)size;
 }
@@ -235,9 +300,9 @@ SND_PCM_PLUGIN_DEFINE_FUNC(livetest)
 {
     snd_config_iterator_t i, next;
     const char *capturePath = "", *recordPath = "", *formatName = "";
-    double speed = 1.0;
+    double speed = 1.0, ppm = 0.0;
     long rate = 0, xrun = -1, vanish = -1, suspend = -1;
-    int mmap = 0;
+    int mmap = 0, virtualClock = 0;
     (void)root;
     snd_config_for_each(i, next, conf)
     {
@@ -250,6 +315,8 @@ SND_PCM_PLUGIN_DEFINE_FUNC(livetest)
             (strcmp(key, "record") == 0 && snd_config_get_string(entry, &recordPath) == 0) ||
             (strcmp(key, "format") == 0 && snd_config_get_string(entry, &formatName) == 0) ||
             (strcmp(key, "speed") == 0 && snd_config_get_ireal(entry, &speed) == 0) ||
+            (strcmp(key, "ppm") == 0 && snd_config_get_ireal(entry, &ppm) == 0) ||
+            (strcmp(key, "virtual") == 0 && (virtualClock = snd_config_get_bool(entry)) >= 0) ||
             (strcmp(key, "rate") == 0 && snd_config_get_integer(entry, &rate) == 0) ||
             (strcmp(key, "xrun") == 0 && snd_config_get_integer(entry, &xrun) == 0) ||
             (strcmp(key, "vanish") == 0 && snd_config_get_integer(entry, &vanish) == 0) ||
@@ -267,6 +334,8 @@ SND_PCM_PLUGIN_DEFINE_FUNC(livetest)
     if (!pcm)
         return -ENOMEM;
     pcm->speed = speed;
+    pcm->virtualClock = virtualClock;
+    pcm->ppm = ppm;
     pcm->xrunAt = xrun;
     pcm->vanishAt = vanish;
     pcm->suspendAt = suspend;
@@ -279,9 +348,10 @@ SND_PCM_PLUGIN_DEFINE_FUNC(livetest)
     pcm->io.flags = SND_PCM_IOPLUG_FLAG_BOUNDARY_WA;
     pcm->io.callback = &c_callbacks;
     pcm->io.private_data = pcm;
-    /* Paced: a timer ticking every quarter period. Never waiting: an event that stays raised. */
-    pcm->io.poll_fd = speed > 0.0 ? timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)
-                                  : eventfd(1, EFD_NONBLOCK | EFD_CLOEXEC);
+    /* Paced: a timer ticking every quarter period. Never waiting or virtual: an event that stays raised. */
+    pcm->io.poll_fd = speed > 0.0 && !virtualClock
+                          ? timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)
+                          : eventfd(1, EFD_NONBLOCK | EFD_CLOEXEC);
     pcm->io.poll_events = POLLIN;
     int const missingFile = (*capturePath && pcm->captureFd < 0 && stream == SND_PCM_STREAM_CAPTURE) ||
                             (*recordPath && pcm->recordFd < 0 && stream == SND_PCM_STREAM_PLAYBACK);

@@ -60,12 +60,12 @@ class OrvandeldspCrossTargetTest : public ToolTest
 protected:
     ToolResult run(std::string const& program, std::string const& prefix, RunCase const& r)
     {
-        std::vector<std::string> args{"run", "-q", "-c", c_configs + r.config};
+        std::vector<std::string> args{program, "run", "-q", "-c", c_configs + r.config};
         args.insert(args.end(), r.options.begin(), r.options.end());
         if (r.writesFlac)
             args.insert(args.end(), {"--encode", path(prefix + ".flac")});
         args.insert(args.end(), {path(r.input), path(prefix + ".wav")});
-        return runProgram(program, args);
+        return runProgram(args);
     }
 
     void expectSameFile(std::string const& reference, std::string const& built)

@@ -17,11 +17,12 @@ namespace Testing {
 using Clock = std::chrono::steady_clock;
 
 // Killed and reaped whatever happens to the test. It inherits the test's environment, with the session
-// bus at `busAddress` and the sounds the build makes.
+// bus at `busAddress` and the sounds the build makes, and its stderr unless `readErrors` asks for it.
 class BackgroundTool
 {
 public:
-    BackgroundTool(std::vector<std::string> const& args, std::string const& busAddress)
+    BackgroundTool(std::vector<std::string> const& args, std::string const& busAddress,
+                   bool readErrors = false)
     {
         std::vector<char*> argv{const_cast<char*>(ORVANDELDSP_TOOL)};
         for (auto const& arg : args)
@@ -31,7 +32,7 @@ public:
         env = g_environ_setenv(env, "DBUS_SESSION_BUS_ADDRESS", busAddress.c_str(), TRUE);
         env = g_environ_setenv(env, "ORVANDELDSP_SOUNDS_DIR", GENERATED_SOUNDS_DIR, TRUE);
         g_spawn_async_with_pipes(nullptr, argv.data(), env, G_SPAWN_DO_NOT_REAP_CHILD, nullptr, nullptr,
-                                 &m_pid, nullptr, &m_out, nullptr, nullptr);
+                                 &m_pid, nullptr, &m_out, readErrors ? &m_err : nullptr, nullptr);
         g_strfreev(env);
     }
     ~BackgroundTool()
@@ -40,26 +41,15 @@ public:
             kill(m_pid, SIGKILL);
             waitpid(m_pid, nullptr, 0);
         }
-        if (m_out >= 0)
-            close(m_out);
+        for (int const fd : {m_out, m_err}) {
+            if (fd >= 0)
+                close(fd);
+        }
     }
 
-    // The next line on its stdout, or what came of it when none ends within the timeout.
-    std::string readLine(std::chrono::milliseconds timeout)
-    {
-        std::string line;
-        auto const end = Clock::now() + timeout;
-        char c = 0;
-        while (Clock::now() < end) {
-            pollfd ready{m_out, POLLIN, 0};
-            if (poll(&ready, 1, 50) <= 0)
-                continue;
-            if (read(m_out, &c, 1) != 1 || c == '\n')
-                break;
-            line += c;
-        }
-        return line;
-    }
+    // The next line on its stdout (or stderr), or what came of it when none ends within the timeout.
+    std::string readLine(std::chrono::milliseconds timeout) { return readLineOf(m_out, timeout); }
+    std::string readErrorLine(std::chrono::milliseconds timeout) { return readLineOf(m_err, timeout); }
 
     void signal(int number) { kill(m_pid, number); }
 
@@ -78,8 +68,25 @@ public:
     }
 
 private:
+    static std::string readLineOf(int fd, std::chrono::milliseconds timeout)
+    {
+        std::string line;
+        auto const end = Clock::now() + timeout;
+        char c = 0;
+        while (Clock::now() < end) {
+            pollfd ready{fd, POLLIN, 0};
+            if (poll(&ready, 1, 50) <= 0)
+                continue;
+            if (read(fd, &c, 1) != 1 || c == '\n')
+                break;
+            line += c;
+        }
+        return line;
+    }
+
     GPid m_pid = 0;
     int m_out = -1;
+    int m_err = -1;
 };
 
 } // namespace Testing

@@ -9,6 +9,7 @@
 #include <sndfile.h>
 #include <string>
 #include <sys/wait.h>
+#include <utility>
 #include <vector>
 
 namespace Zelmar {
@@ -21,18 +22,25 @@ struct ToolResult
     std::string err;
 };
 
-inline ToolResult runProgram(std::string const& program, std::vector<std::string> const& args)
+// Runs a program (looked up on PATH) with `environment` added to the test's own.
+inline ToolResult runProgram(std::vector<std::string> const& argv,
+                             std::vector<std::pair<std::string, std::string>> const& environment = {})
 {
-    std::vector<char*> argv{const_cast<char*>(program.c_str())};
-    for (auto const& arg : args)
-        argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
+    std::vector<char*> pointers;
+    for (auto const& arg : argv)
+        pointers.push_back(const_cast<char*>(arg.c_str()));
+    pointers.push_back(nullptr);
+    gchar** env = g_get_environ();
+    for (auto const& [name, value] : environment)
+        env = g_environ_setenv(env, name.c_str(), value.c_str(), TRUE);
     gchar* out = nullptr;
     gchar* err = nullptr;
     gint wait = 0;
     ToolResult result;
-    if (!g_spawn_sync(nullptr, argv.data(), nullptr, G_SPAWN_DEFAULT, nullptr, nullptr, &out, &err, &wait,
-                      nullptr))
+    bool const ran = g_spawn_sync(nullptr, pointers.data(), env, G_SPAWN_SEARCH_PATH, nullptr, nullptr, &out,
+                                  &err, &wait, nullptr);
+    g_strfreev(env);
+    if (!ran)
         return result;
     // A signal (a crash or an abort) leaves the status at -1, which no test expects.
     if (WIFEXITED(wait))
@@ -46,7 +54,9 @@ inline ToolResult runProgram(std::string const& program, std::vector<std::string
 
 inline ToolResult runTool(std::vector<std::string> const& args)
 {
-    return runProgram(ORVANDELDSP_TOOL, args);
+    std::vector<std::string> argv{ORVANDELDSP_TOOL};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return runProgram(argv);
 }
 
 // The run ended with `status` and its stderr holds `message` (begins with it, when `atStart`).

@@ -1,0 +1,236 @@
+// The host service of `orvandeldsp live` on a private bus, used as a user would: status, the module list
+// that set checks against, and reload, on the tests' own sound card.
+#include "support/BackgroundTool.h"
+#include "support/PrivateDbus.h"
+
+#include <cmath>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <sstream>
+
+namespace {
+
+using namespace Zelmar::Testing;
+using namespace std::chrono_literals;
+
+constexpr double c_period = 1024;
+
+// The left channel boosted by 12 dB to exactly full scale, which the output conversion clips; the
+// right one as it comes.
+std::string const c_clippingConfig = R"(<dsp>
+  <module type="input" id="in"/>
+  <module type="meter" id="level"/>
+  <module type="gain" id="boost"><parameter id="gain" type="double">12</parameter></module>
+  <module type="output" id="out"><parameter id="interleave-pattern" type="string">01</parameter></module>
+  <cable out="in[0]" in="level[0]"/>
+  <cable out="in[0]" in="boost[0]"/>
+  <cable out="boost[0]" in="out[0]"/>
+  <cable out="in[1]" in="out[1]"/>
+</dsp>
+)";
+
+// The number after `"key":` in a JSON object.
+double jsonNumber(std::string const& json, std::string const& key)
+{
+    auto const at = json.find("\"" + key + "\":");
+    return at == std::string::npos ? NAN : std::strtod(json.c_str() + at + key.size() + 3, nullptr);
+}
+
+class OrvandeldspHostServiceTest : public ToolTest
+{
+protected:
+    void SetUp() override
+    {
+        setenv("ALSA_CONFIG_PATH", ALSA_TEST_CONFIG_DIR "/live-pcm.conf", 1);
+        // Each reload serves the chain anew, which the library notes at level 3.
+        setenv("ORVANDELDSP_TRACE_LEVEL", "4", 1);
+        // GLib's slice allocator would keep freed blocks of its own, counted as heap in use.
+        setenv("G_SLICE", "always-malloc", 1);
+    }
+    void TearDown() override
+    {
+        for (char const* variable : {"ALSA_CONFIG_PATH", "ORVANDELDSP_TRACE_LEVEL", "G_SLICE"})
+            unsetenv(variable);
+        g_object_unref(m_connection);
+    }
+
+    // `live` serving `config` on the private bus until the test ends, its buffer eight periods long.
+    void startLive(std::string const& config, std::string const& capture = "livetest",
+                   std::string const& playback = "livetest")
+    {
+        m_run = std::make_unique<BackgroundTool>(
+            std::vector<std::string>{"live", "--bus", "session", "--priority", "0", "-c", config, "--periods",
+                                     "8", "--capture", capture, "--playback", playback},
+            m_bus.getAddress());
+        ASSERT_EQ(m_run->readLine(10s), "orvandeldsp: serving com.orvandeldsp.Chain on the session bus");
+    }
+    static ToolResult tool(std::vector<std::string> args)
+    {
+        args.insert(args.begin() + 1, {"--bus", "session"});
+        return runTool(args);
+    }
+    // `status --json` once `ready` accepts it; the service refreshes its figures once a second.
+    static std::string waitForStatus(std::function<bool(std::string const&)> const& ready)
+    {
+        std::string json;
+        for (auto const end = Clock::now() + 10s; Clock::now() < end; std::this_thread::sleep_for(50ms)) {
+            if (ready(json = tool({"status", "--json"}).out))
+                return json;
+        }
+        ADD_FAILURE() << "the status never got ready: " << json;
+        return json;
+    }
+
+    PrivateDbus m_bus;
+    ScopedBusAddress m_session{"DBUS_SESSION_BUS_ADDRESS", m_bus.getAddress()};
+    GDBusConnection* m_connection = m_bus.connect();
+    std::unique_ptr<BackgroundTool> m_run;
+};
+
+TEST_F(OrvandeldspHostServiceTest, StatusShowsTheRunItsChainMetersAndClippingForPeopleAndScripts)
+{
+    std::string const config = writeConfig("clipping.xml", c_clippingConfig);
+    startLive(config);
+    auto const json = waitForStatus([](std::string const& json) { return jsonNumber(json, "frames") > 0; });
+    for (std::string const& expected :
+         {"{\"state\":\"running\",\"config\":\"" + config +
+              "\",\"input\":\"capture PCM livetest\",\"playback\":\"playback PCM livetest\",\"rate\":48000,"
+              "\"period_frames\":1024,",
+          std::string("\"capture_xruns\":0,\"playback_xruns\":0,"),
+          std::string("\"drift_compensator\":\"\",\"drift_correction\":0,\"meters\":[{\"id\":\"level\","),
+          std::string(
+              "\"modules\":[{\"id\":\"in\",\"type\":\"input\",\"parameters\":[]},{\"id\":\"level\",\"type\":"
+              "\"meter\",\"parameters\":[]},{\"id\":\"boost\",\"type\":\"gain\",\"parameters\":[\"gain\"]},"
+              "{\"id\":\"out\",\"type\":\"output\",\"parameters\":[\"interleave-pattern\"]}],\"reloads\":"
+              "0,")})
+        EXPECT_NE(json.find(expected), std::string::npos) << expected << "\n" << json;
+    // The test card's square wave is at a quarter of full scale.
+    EXPECT_NEAR(jsonNumber(json, "peak_dbfs"), 20.0 * std::log10(0.25), 0.01) << json;
+    // The left channel's positive half waves reach 1.0 and clip; its negative ones reach -1.0, which the
+    // formats hold. Frames and clipped samples are read a period apart at most.
+    EXPECT_NEAR(jsonNumber(json, "clipped_samples"), jsonNumber(json, "frames") / 2, c_period) << json;
+    EXPECT_NEAR(jsonNumber(json, "latency"), 8 * c_period, c_period) << json;
+
+    // Every value starts in one column, right of the longest label.
+    auto const block = tool({"status"});
+    ASSERT_EQ(block.status, 0) << block.err;
+    std::string const valueColumn = "clipped samples  ";
+    std::istringstream lines(block.out);
+    for (std::string line; std::getline(lines, line);)
+        EXPECT_EQ(line.find_first_not_of(' ', line.find("  ")), valueColumn.size()) << line;
+    EXPECT_NE(block.out.find("\nmodule boost     gain: gain\n"), std::string::npos) << block.out;
+}
+
+TEST_F(OrvandeldspHostServiceTest, ChangesAreAnnouncedAtMostOnceASecond)
+{
+    startLive(writeConfig("clipping.xml", c_clippingConfig));
+    unsigned int signals = 0;
+    guint const subscription = g_dbus_connection_signal_subscribe(
+        m_connection, nullptr, "org.freedesktop.DBus.Properties", "PropertiesChanged",
+        "/com/orvandeldsp/Host", nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+        [](GDBusConnection*, gchar const*, gchar const*, gchar const*, gchar const*, GVariant*,
+           gpointer count) { ++*static_cast<unsigned int*>(count); },
+        &signals, nullptr);
+    // The frames change all the time; a refresh every second, each announced once, may land late by up
+    // to a second, so a window of three seconds sees two to five of them.
+    for (auto const end = Clock::now() + 3s; Clock::now() < end;) {
+        if (!g_main_context_iteration(nullptr, FALSE))
+            std::this_thread::sleep_for(5ms);
+    }
+    g_dbus_connection_signal_unsubscribe(m_connection, subscription);
+    EXPECT_GE(signals, 2u);
+    EXPECT_LE(signals, 5u);
+}
+
+TEST_F(OrvandeldspHostServiceTest, SetRefusesAModuleOrKeyTheServedChainDoesNotHave)
+{
+    startLive(writeConfig("clipping.xml", c_clippingConfig));
+    std::string const noModule =
+        "orvandeldsp: the served chain has no module bost (it has in, level, boost, out)\n";
+    struct Case
+    {
+        std::vector<std::string> args;
+        std::string err;
+    } const cases[] = {
+        {{"set", "boost", "gain", "6"}, ""},
+        {{"set", "bost", "gain", "6"}, noModule},
+        {{"set", "boost", "gian", "6"},
+         "orvandeldsp: module boost of the served chain has no parameter gian (it has gain)\n"},
+        {{"set", "level", "gain", "6"},
+         "orvandeldsp: module level of the served chain has no parameter gain (it has none)\n"},
+        {{"set", "--file", m_scratch.write("settings.txt", "boost gain -3\nbost gain -3\n")}, noModule},
+    };
+    for (auto const& c : cases) {
+        SCOPED_TRACE(c.args[1]);
+        auto const result = tool(c.args);
+        EXPECT_EQ(result.status, c.err.empty() ? 0 : 1);
+        EXPECT_EQ(result.err, c.err);
+    }
+}
+
+TEST_F(OrvandeldspHostServiceTest, ReloadRefusesWhatDoesNotLoadCheckOrFitAndPlaysWhatDoes)
+{
+    startLive(writeConfig("clipping.xml", c_clippingConfig));
+    std::string const stereoIn = R"(<dsp><module type="input" id="in"/><module type="output" id="out">)";
+    std::string const stereoOut =
+        stereoIn + R"(<parameter id="interleave-pattern" type="string">01</parameter>)";
+    struct Case
+    {
+        char const* name;
+        std::string text;
+        std::string problem;
+    } const cases[] = {
+        {"malformed.xml", "<dsp>\n<module type=\"input\" id=\"in\">\n</dsp>\n", "malformed XML at line 3"},
+        {"lost.xml",
+         stereoOut + R"(</module><module type="gain" id="lost"/><cable out="in" in="out"/></dsp>)",
+         "module lost leads to no sink"},
+        {"three.xml", stereoIn + R"(<parameter id="interleave-pattern" type="string">012</parameter></module>
+           <cable out="in[0]" in="out[0]"/><cable out="in[1]" in="out[1]"/><cable out="in[0]" in="out[2]"/></dsp>)",
+         "the output stage has 3 channels, the playback device runs with 2"},
+    };
+    for (auto const& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string const broken = writeConfig(c.name, c.text);
+        auto const result = tool({"reload", "--config", broken});
+        EXPECT_EQ(result.status, 2);
+        EXPECT_EQ(result.err.rfind("orvandeldsp: reload refused: config " + broken + ": " + c.problem, 0), 0u)
+            << result.err;
+        EXPECT_TRUE(isOneLine(result.err)) << result.err;
+    }
+    std::string const plain =
+        writeConfig("plain.xml", stereoOut + R"(</module><cable out="in" in="out"/></dsp>)");
+    auto const reload = tool({"reload", "--config", plain});
+    EXPECT_EQ(reload.status, 0) << reload.err;
+    auto const json = waitForStatus([](std::string const& json) { return jsonNumber(json, "reloads") == 1; });
+    EXPECT_NE(json.find("\"config\":\"" + plain + "\""), std::string::npos) << json;
+    EXPECT_NE(json.find("\"capture_xruns\":0,\"playback_xruns\":0,"), std::string::npos) << json;
+}
+
+TEST_F(OrvandeldspHostServiceTest, AHundredReloadsInARowLeaveTheHeapAndResidentMemoryFlat)
+{
+    // The shipped live config, on virtual clocks: the periods run as fast as they can be processed.
+    startLive(PROJECT_SOURCE_DIR "/configs/live-line-in.xml", "livetest:VIRTUAL=1,PPM=100",
+              "livetest:VIRTUAL=1");
+    double reloads = 0;
+    auto const reloadAndMeasure = [&](int more) {
+        for (; more > 0; --more, ++reloads) {
+            GError* error = nullptr;
+            GVariant* const reply = g_dbus_connection_call_sync(
+                m_connection, "com.orvandeldsp.Host", "/com/orvandeldsp/Host", "com.orvandeldsp.Host",
+                "Reload", g_variant_new("(s)", ""), nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
+            EXPECT_NE(reply, nullptr) << error->message;
+            reply ? g_variant_unref(reply) : g_error_free(error);
+        }
+        return waitForStatus([&](std::string const& json) { return jsonNumber(json, "reloads") == reloads; });
+    };
+    // The first reloads warm up what stays: the bus's buffers, the allocator's free lists. A chain left
+    // behind would take some 40 kB, its service a few; the bus's own bookkeeping varies by a few kB.
+    auto const warm = reloadAndMeasure(10);
+    auto const after = reloadAndMeasure(90);
+    EXPECT_LT(jsonNumber(after, "heap_bytes"), jsonNumber(warm, "heap_bytes") + 64 * 1024) << warm << "\n"
+                                                                                           << after;
+    EXPECT_LT(jsonNumber(after, "resident_bytes"), jsonNumber(warm, "resident_bytes") + 512 * 1024);
+}
+
+} // namespace

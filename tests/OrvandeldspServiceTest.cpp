@@ -1,0 +1,71 @@
+// The orvandeldsp-live service as cmake --install puts it in place, with the bus policies it needs:
+// where systemd and the system bus look for them, and a unit that systemd-analyze verify accepts.
+#include "support/ToolRun.h"
+
+namespace {
+
+using namespace Zelmar::Testing;
+
+bool isFile(std::string const& path)
+{
+    return g_file_test(path.c_str(), G_FILE_TEST_IS_REGULAR);
+}
+
+} // namespace
+
+TEST(OrvandeldspServiceTest, InstallsWhereSystemdAndTheSystemBusLookForUsrAndUsrLocal)
+{
+    struct Case
+    {
+        std::string prefix;
+        std::string unitDirectory;
+        // The system bus reads /usr/share/dbus-1/system.d and /etc/dbus-1/system.d, not /usr/local.
+        std::string policyDirectory;
+    } const cases[] = {
+        {"/usr", "/usr/lib/systemd/system", "/usr/share/dbus-1/system.d"},
+        {"/usr/local", "/usr/local/lib/systemd/system", "/etc/dbus-1/system.d"},
+    };
+    for (auto const& c : cases) {
+        SCOPED_TRACE(c.prefix);
+        TemporaryDirectory destdir;
+        std::string const root = destdir.path();
+        auto const installed = runProgram(
+            {CMAKE_COMMAND, "--install", PROJECT_BINARY_DIR, "--prefix", c.prefix}, {{"DESTDIR", root}});
+        ASSERT_EQ(installed.status, 0) << installed.err;
+
+        std::string const unit = destdir.read(c.unitDirectory + "/orvandeldsp-live.service");
+        EXPECT_NE(unit.find("\nExecStart=" + c.prefix +
+                            "/bin/orvandeldsp live --config /etc/orvandeldsp/live.xml "),
+                  std::string::npos)
+            << unit;
+        // The installed tool and its sounds and configs, where the unit and the tool look for them.
+        std::string const sounds = c.prefix + "/share/orvandel-1.0/sounds";
+        EXPECT_NE(unit.find("\nEnvironment=ORVANDELDSP_SOUNDS_DIR=" + sounds + "\n"), std::string::npos)
+            << unit;
+        EXPECT_TRUE(isFile(root + c.prefix + "/bin/orvandeldsp"));
+        EXPECT_TRUE(isFile(root + sounds + "/touch.flac"));
+        EXPECT_TRUE(isFile(root + c.prefix + "/share/orvandeldsp-1.0/configs/live-line-in.xml"));
+        for (char const* policy : {"/com.orvandeldsp.Chain.conf", "/com.orvandeldsp.Host.conf"})
+            EXPECT_TRUE(isFile(root + c.policyDirectory + policy)) << policy;
+        for (char const* config : {"/etc/orvandeldsp/live.xml", "/etc/orvandeldsp/live.env"})
+            EXPECT_TRUE(isFile(root + config)) << config;
+    }
+}
+
+TEST(OrvandeldspServiceTest, SystemdAnalyzeVerifiesTheInstalledUnit)
+{
+    gchar* const analyze = g_find_program_in_path("systemd-analyze");
+    if (!analyze)
+        GTEST_SKIP() << "systemd-analyze is not installed here, so the unit is not verified";
+    g_free(analyze);
+    // Into a prefix of its own, so that the unit names a tool that is there.
+    TemporaryDirectory prefix;
+    auto const installed =
+        runProgram({CMAKE_COMMAND, "--install", PROJECT_BINARY_DIR, "--prefix", prefix.path()});
+    ASSERT_EQ(installed.status, 0) << installed.err;
+    auto const verified = runProgram(
+        {"systemd-analyze", "verify", prefix.path() + "/lib/systemd/system/orvandeldsp-live.service"});
+    EXPECT_EQ(verified.status, 0) << verified.err;
+    // It warns of what it ignores (an unknown key, a bad value) and still succeeds.
+    EXPECT_EQ(verified.err.find("orvandeldsp-live.service"), std::string::npos) << verified.err;
+}
