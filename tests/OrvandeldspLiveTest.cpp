@@ -305,7 +305,7 @@ TEST_F(OrvandeldspLiveTest, SighupReloadsTheConfigFadingOverAndLeavesTheSoundAlo
     writeConfig("volume.xml", "<dsp>\n  <module type=\"input\" id=\"in\">\n</dsp>\n");
     run.signal(SIGHUP);
     EXPECT_EQ(nextErrorLine(run, "orvandeldsp: reload")
-                  .rfind("orvandeldsp: reload refused: config " + config + ": malformed XML at line 3", 0),
+                  .rfind("orvandeldsp: reload refused: config " + config + ":3:7: malformed XML", 0),
               0u);
     writeConfig("volume.xml", volumeConfig("-12"));
     run.signal(SIGHUP);

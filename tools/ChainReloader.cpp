@@ -9,6 +9,20 @@
 namespace Zelmar {
 namespace Host {
 
+namespace {
+
+// A refusal stays one line, in the log and in the D-Bus error: the first problem, and how to see all.
+std::string refusal(std::string const& problems, std::string const& path)
+{
+    auto const end = problems.find('\n');
+    if (end == std::string::npos)
+        return "reload refused: " + problems;
+    return "reload refused: " + problems.substr(0, end) + " (and more: orvandeldsp check --config " + path +
+           " lists them all)";
+}
+
+} // namespace
+
 ChainReloader::ChainReloader(LivePeriodLoop& loop, LiveChain::Needs const& needs, ServedChain* served)
     : m_loop(loop), m_needs(needs), m_served(served)
 {
@@ -40,7 +54,7 @@ void ChainReloader::reload(std::string const& config, Done done)
     try {
         next = std::make_unique<LiveChain>(path, m_needs);
     } catch (ToolError const& e) {
-        finish({e.getExitStatus(), std::string("reload refused: ") + e.what()});
+        finish({e.getExitStatus(), refusal(e.what(), path)});
         return;
     }
     // From here on `set` reaches the new chain, which takes its changes with it when it starts to play.
