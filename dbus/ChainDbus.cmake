@@ -11,8 +11,6 @@ add_custom_command(
   DEPENDS ${ORVANDELDSP_CHAIN_DBUS_XML}
   COMMENT "Generating the chain service skeleton from com.orvandeldsp.Chain.xml"
   VERBATIM)
-target_sources(orvandeldsp PRIVATE ${ORVANDELDSP_CHAIN_DBUS_OUT}/ChainDbus.c ${ORVANDELDSP_CHAIN_DBUS_OUT}/ChainDbus.h)
+target_sources(orvandeldsp-objects PRIVATE ${ORVANDELDSP_CHAIN_DBUS_OUT}/ChainDbus.c ${ORVANDELDSP_CHAIN_DBUS_OUT}/ChainDbus.h)
 # Generated code is not held to the project's warning flags.
 set_source_files_properties(${ORVANDELDSP_CHAIN_DBUS_OUT}/ChainDbus.c PROPERTIES COMPILE_OPTIONS "-w")
-install(FILES ${ORVANDELDSP_CHAIN_DBUS_OUT}/ChainDbus.h
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${ORVANDELDSP_INCLUDE_SUBDIR}/dbus)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/String.h"
+#include "dsp/Export.h"
 
 #include <FLAC/stream_decoder.h>
 #include <atomic>
@@ -17,7 +18,7 @@ namespace Zelmar {
 // Relative file names are read from the "sounds" folder of /usr/share/orvandel-1.0. Tests and host
 // tools point elsewhere with setSoundsDirectory() or the environment variable ORVANDELDSP_SOUNDS_DIR,
 // either naming the folder that holds the files themselves; the setter wins over the variable.
-class RomplerData
+class ORVANDELDSP_EXPORT RomplerData
 {
 public:
     // Playback steps have 10 fraction bits; 44100 Hz content advances 44100 x 1024 per second.
