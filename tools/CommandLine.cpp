@@ -2,7 +2,7 @@
 
 #include "dsp/Chain.h"
 #include "dsp/ChainService.h"
-#include "tools/BundledConfigs.h"
+#include "dsp/RomplerData.h"
 #include "tools/ChainClient.h"
 #include "tools/ChainLoader.h"
 #include "tools/ChainReport.h"
@@ -12,6 +12,7 @@
 #include "tools/ModuleReference.h"
 #include "tools/OfflineHost.h"
 #include "tools/ResponseHost.h"
+#include "tools/ToolData.h"
 #include "tools/ToolError.h"
 
 #include <algorithm>
@@ -97,7 +98,7 @@ private:
 
 std::string describeConfigDefault()
 {
-    return "the dsp config file (default: " + BundledConfigs::defaultConfig() + ")";
+    return "the dsp config file (default: " + ToolData::defaultConfig() + ")";
 }
 
 snd_pcm_format_t parsePcmFormat(char const* name)
@@ -155,7 +156,7 @@ void checkRate(gint rate)
 
 std::string configOrDefault(gchar const* config)
 {
-    return config ? config : BundledConfigs::defaultConfig();
+    return config ? config : ToolData::defaultConfig();
 }
 
 int runCommand(int argc, char** argv)
@@ -589,7 +590,7 @@ int dispatch(int argc, char** argv)
             "The default config is %s\n"
             "run --realtime and live serve the chain as %s on the system bus as root, else on the\n"
             "session bus, for as long as they play; set and sound reach it on the same bus.\n",
-            c_usage, BundledConfigs::defaultConfig().c_str(), ChainService::c_busName);
+            c_usage, ToolData::defaultConfig().c_str(), ChainService::c_busName);
         return 0;
     }
     if (command == "--version") {
@@ -628,6 +629,7 @@ int CommandLine::run(int argc, char** argv)
     // Numbers in the summary and the meters read the same whatever the user's locale.
     setlocale(LC_NUMERIC, "C");
     g_set_prgname(c_programName);
+    RomplerData::setSoundsDirectory(ToolData::soundsDirectory());
     try {
         return dispatch(argc, argv);
     } catch (ToolError const& e) {

@@ -1,39 +1,54 @@
-#include "tools/BundledConfigs.h"
+#include "tools/ToolData.h"
 
 #include <glib.h>
+#include <memory>
 
 namespace Zelmar {
 namespace Host {
 
 namespace {
 
+using tText = std::unique_ptr<gchar, decltype(&g_free)>;
+
+std::string programDirectory()
+{
+    tText const executable(g_file_read_link("/proc/self/exe", nullptr), g_free);
+    if (!executable)
+        return "";
+    tText const directory(g_path_get_dirname(executable.get()), g_free);
+    return directory.get();
+}
+
 bool runsFromBuildTree()
 {
-    gchar* executable = g_file_read_link("/proc/self/exe", nullptr);
-    if (!executable)
-        return false;
-    gchar* directory = g_path_get_dirname(executable);
-    gchar* canonicalBuildDir = g_canonicalize_filename(ORVANDELDSP_TOOL_BUILD_DIR, nullptr);
-    bool const inBuildTree = g_strcmp0(directory, canonicalBuildDir) == 0;
-    g_free(canonicalBuildDir);
-    g_free(directory);
-    g_free(executable);
-    return inBuildTree;
+    tText const buildDirectory(g_canonicalize_filename(ORVANDELDSP_TOOL_BUILD_DIR, nullptr), g_free);
+    return programDirectory() == buildDirectory.get();
+}
+
+// <data>/<folder> beside the program, or where the build meant to install it.
+std::string installedFolder(char const* folder)
+{
+    std::string const beside = programDirectory() + "/" ORVANDELDSP_DATA_FROM_PROGRAM "/" + folder;
+    if (g_file_test(beside.c_str(), G_FILE_TEST_IS_DIR)) {
+        tText const canonical(g_canonicalize_filename(beside.c_str(), nullptr), g_free);
+        return canonical.get();
+    }
+    return std::string(ORVANDELDSP_INSTALLED_DATA_DIR "/") + folder;
 }
 
 } // namespace
 
-std::string BundledConfigs::directory()
+std::string ToolData::configsDirectory()
 {
-    std::string const source = ORVANDELDSP_SOURCE_CONFIG_DIR;
-    std::string const installed = ORVANDELDSP_INSTALLED_CONFIG_DIR;
-    bool const fromBuildTree = runsFromBuildTree();
-    std::string const first = fromBuildTree ? source : installed;
-    std::string const second = fromBuildTree ? installed : source;
-    if (g_file_test((first + "/default.xml").c_str(), G_FILE_TEST_IS_REGULAR) ||
-        !g_file_test((second + "/default.xml").c_str(), G_FILE_TEST_IS_REGULAR))
-        return first;
-    return second;
+    return runsFromBuildTree() ? ORVANDELDSP_SOURCE_CONFIG_DIR : installedFolder("configs");
+}
+
+std::string ToolData::soundsDirectory()
+{
+    char const* const chosen = g_getenv("ORVANDELDSP_SOUNDS_DIR");
+    if (chosen && *chosen)
+        return chosen;
+    return runsFromBuildTree() ? ORVANDELDSP_BUILD_SOUNDS_DIR : installedFolder("sounds");
 }
 
 } // namespace Host

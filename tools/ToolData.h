@@ -5,13 +5,17 @@
 namespace Zelmar {
 namespace Host {
 
-// Where the configs shipped with the tool are: the source tree's for a tool run from its build
-// directory, the installed ones otherwise; the other place is the fallback.
-class BundledConfigs
+// Where the tool finds the configs and sounds shipped with it: in the source and build trees when it
+// runs from its build directory, else in the data folder beside the installed program (found from
+// the program's own place, so an install moved to another prefix still finds them), else where the
+// build meant to install them.
+class ToolData
 {
 public:
-    static std::string directory();
-    static std::string defaultConfig() { return directory() + "/default.xml"; }
+    static std::string configsDirectory();
+    static std::string defaultConfig() { return configsDirectory() + "/default.xml"; }
+    // ORVANDELDSP_SOUNDS_DIR when it is set: the variable belongs to the tool, never to the library.
+    static std::string soundsDirectory();
 };
 
 } // namespace Host
