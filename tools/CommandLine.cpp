@@ -14,6 +14,7 @@
 #include "tools/ResponseHost.h"
 #include "tools/ToolData.h"
 #include "tools/ToolError.h"
+#include "tools/ToolLog.h"
 
 #include <algorithm>
 #include <clocale>
@@ -61,13 +62,15 @@ ToolError usageError(std::string const& problem)
     return ToolError(ToolError::c_badInput, problem + "\n" + c_shortUsage);
 }
 
-// Options of one command, parsed with GOption so that `COMMAND --help` lists them.
+// Options of one command, parsed with GOption so that `COMMAND --help` lists them. Every command
+// takes --verbose, which shows the library's informational log lines too.
 class OptionParser
 {
 public:
     OptionParser(char const* parameters, char const* summary) : m_context(g_option_context_new(parameters))
     {
         g_option_context_set_summary(m_context, summary);
+        add(m_common);
     }
     ~OptionParser() { g_option_context_free(m_context); }
     OptionParser(OptionParser const&) = delete;
@@ -90,10 +93,15 @@ public:
             g_error_free(error);
             throw usageError(message);
         }
+        ToolLog::setVerbose(m_verbose);
     }
 
 private:
     GOptionContext* m_context;
+    gboolean m_verbose = FALSE;
+    GOptionEntry const m_common[2] = {{"verbose", 'v', 0, G_OPTION_ARG_NONE, &m_verbose,
+                                       "show the library's informational log lines too", nullptr},
+                                      {}};
 };
 
 std::string describeConfigDefault()
@@ -629,6 +637,7 @@ int CommandLine::run(int argc, char** argv)
     // Numbers in the summary and the meters read the same whatever the user's locale.
     setlocale(LC_NUMERIC, "C");
     g_set_prgname(c_programName);
+    ToolLog::install();
     RomplerData::setSoundsDirectory(ToolData::soundsDirectory());
     try {
         return dispatch(argc, argv);
