@@ -93,10 +93,23 @@ public:
             g_error_free(error);
             throw usageError(message);
         }
+        dropEndOfOptions(argc, argv);
         ToolLog::setVerbose(m_verbose);
     }
 
 private:
+    // GOption stops at "--" but leaves it among the arguments.
+    static void dropEndOfOptions(int& argc, char** argv)
+    {
+        char** const end = argv + argc;
+        char** const marker =
+            std::find_if(argv + 1, end, [](char const* arg) { return std::strcmp(arg, "--") == 0; });
+        if (marker == end)
+            return;
+        std::copy(marker + 1, end, marker);
+        --argc;
+    }
+
     GOptionContext* m_context;
     gboolean m_verbose = FALSE;
     GOptionEntry const m_common[2] = {{"verbose", 'v', 0, G_OPTION_ARG_NONE, &m_verbose,
