@@ -32,7 +32,11 @@ GDBusConnection* ControlBus::connect(GBusType type)
     }
     if (connection)
         return connection;
-    std::string const why = error ? error->message : "unknown error";
+    // A bus that does not accept this user closes the connection before saying why.
+    std::string const why = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CLOSED)
+                                ? "it closed the connection, so it does not accept this user"
+                            : error ? error->message
+                                    : "unknown error";
     g_clear_error(&error);
     throw ToolError(ToolError::c_ioFailure, "cannot reach " + describe(type) + ": " + why);
 }

@@ -15,18 +15,43 @@ namespace {
 // Owning a name is one round trip to the bus; this only guards against a bus that never answers.
 constexpr guint c_nameTimeoutMs = 5000;
 
-bool nameHasOwner(GDBusConnection* connection, char const* name)
+// RequestName's answers, and the flag that makes it answer at once instead of queueing.
+constexpr guint32 c_doNotQueue = 4;
+constexpr guint32 c_primaryOwner = 1;
+
+// Asks for the name once and gives it back, so that a name taken by another run and a bus policy that
+// refuses it are told apart at once; the service then owns it for good.
+void tryName(GDBusConnection* connection, GBusType bus)
 {
+    std::string const where = std::string(ChainService::c_busName) + " on " + ControlBus::describe(bus);
+    GError* error = nullptr;
     GVariant* reply = g_dbus_connection_call_sync(
-        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameHasOwner",
-        g_variant_new("(s)", name), G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-    // Without an answer the request for the name itself tells whether it can be had.
-    if (!reply)
-        return false;
-    gboolean owned = FALSE;
-    g_variant_get(reply, "(b)", &owned);
+        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
+        g_variant_new("(su)", ChainService::c_busName, c_doNotQueue), G_VARIANT_TYPE("(u)"),
+        G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
+    if (!reply) {
+        bool const refused = g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED);
+        g_dbus_error_strip_remote_error(error);
+        std::string const why = error->message;
+        g_error_free(error);
+        if (refused && bus == G_BUS_TYPE_SYSTEM)
+            throw ToolError(ToolError::c_ioFailure,
+                            "not allowed to own " + where +
+                                ": run as root (the bus's policy com.orvandeldsp.Chain.conf allows root)");
+        if (refused)
+            throw ToolError(ToolError::c_ioFailure, "not allowed to own " + where + " by the bus's policy");
+        throw ToolError(ToolError::c_ioFailure, "could not own " + where + ": " + why);
+    }
+    guint32 answer = 0;
+    g_variant_get(reply, "(u)", &answer);
     g_variant_unref(reply);
-    return owned;
+    if (answer != c_primaryOwner)
+        throw ToolError(ToolError::c_ioFailure, std::string(ChainService::c_busName) +
+                                                    " is already served on " + ControlBus::describe(bus) +
+                                                    " (is another realtime run going?)");
+    g_dbus_connection_call_sync(
+        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "ReleaseName",
+        g_variant_new("(s)", ChainService::c_busName), nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
 }
 
 } // namespace
@@ -34,11 +59,8 @@ bool nameHasOwner(GDBusConnection* connection, char const* name)
 ServedChain::ServedChain(Chain& chain, GBusType bus) : m_connection(ControlBus::connect(bus))
 {
     try {
-        // A second run would otherwise only learn from a timeout that the first one has the name.
-        if (nameHasOwner(m_connection, ChainService::c_busName))
-            throw ToolError(ToolError::c_ioFailure, std::string(ChainService::c_busName) +
-                                                        " is already served on " + ControlBus::describe(bus) +
-                                                        " (is another realtime run going?)");
+        // A second run or a refusing policy would otherwise only show as a timeout.
+        tryName(m_connection, bus);
         m_service = std::make_unique<ChainService>(chain, m_connection);
         // The config file has configured the chain: looped sounds play from the start, without waiting
         // for a first set of parameters as they do in the player.
