@@ -148,26 +148,18 @@ TEST_F(OrvandeldspToolTest, ResultsDoNotDependOnThePeriod)
 }
 
 // Integer PCM is read in blocks of many periods and written the same way; a period that does not
-// divide the blocks, a third input channel to skip and an output of more than one block check the
-// seams.
+// divide the blocks and an output of more than one block check the seams.
 TEST_F(OrvandeldspToolTest, LongInputsCrossTheReadAndWriteBlocksIntact)
 {
     size_t const frames = 50000;
-    auto const words = testWords(3 * frames);
     std::vector<int32_t> input;
-    for (int32_t w : words)
+    for (int32_t w : testWords(2 * frames))
         input.push_back(int32_t(uint32_t(w) & 0xFFFFFF00u));
-    writeSound(path("in.wav"), SF_FORMAT_PCM_24, 3, input);
+    writeSound(path("in.wav"), SF_FORMAT_PCM_24, 2, input);
     auto const result = runTool(
         {"run", "--quiet", "--period", "1000", "-c", c_passthroughConfig, path("in.wav"), path("out.wav")});
     ASSERT_EQ(result.status, 0) << result.err;
-    Sound const output = readSound(path("out.wav"));
-    ASSERT_EQ(output.samples.size(), 2 * frames);
-    size_t mismatches = 0;
-    for (size_t f = 0; f < frames; ++f)
-        mismatches +=
-            (output.samples[2 * f] != input[3 * f]) + (output.samples[2 * f + 1] != input[3 * f + 1]);
-    EXPECT_EQ(mismatches, 0u);
+    EXPECT_EQ(readSound(path("out.wav")).samples, input);
 }
 
 TEST_F(OrvandeldspToolTest, PrintsSummaryAndMeters)

@@ -87,6 +87,8 @@ void LiveHost::run(Options const& options)
     auto& input = theOnlyStage<InputStage>(*chain, options.config, "input");
     auto& output = theOnlyStage<OutputStage>(*chain, options.config, "output");
     checkRates(input, options.config, feed.get(), rate);
+    if (feed)
+        checkInputChannels(options.input, feed->getNumChannels(), input);
     unsigned int const outChannels = output.getNumInPorts();
     if (outChannels == 0)
         throw configError(options.config, "the output stage has no channels (empty interleave-pattern)");

@@ -67,5 +67,10 @@ void ToolLog::setVerbose(bool verbose)
     s_verbose.store(verbose);
 }
 
+void ToolLog::warn(std::string const& message)
+{
+    std::fprintf(stderr, "orvandeldsp: warning: %s\n", message.c_str());
+}
+
 } // namespace Host
 } // namespace Zelmar

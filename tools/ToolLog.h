@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 namespace Zelmar {
 namespace Host {
 
@@ -12,6 +14,8 @@ public:
     // Once, before anything logs.
     static void install();
     static void setVerbose(bool verbose);
+    // The tool's own warnings, shown like the library's: "orvandeldsp: warning: ...".
+    static void warn(std::string const& message);
 };
 
 } // namespace Host
