@@ -13,6 +13,7 @@
 #include "tools/EncodedOutput.h"
 #include "tools/FileAudioBuffers.h"
 #include "tools/RealtimeHost.h"
+#include "tools/ResamplerTail.h"
 #include "tools/SoundFileReader.h"
 #include "tools/SoundFileWriter.h"
 #include "tools/ThresholdDirectory.h"
@@ -240,6 +241,7 @@ void OfflineHost::run(Options const& options)
     if (options.realtime)
         realtime = std::make_unique<RealtimeHost>(*chain, options.bus);
 
+    ResamplerTail tail(input, capture, sampleRate, chainRate);
     bool const showingProgress = options.progress && !options.quiet;
     gint64 const start = g_get_monotonic_time();
     gint64 lastProgress = start;
@@ -253,6 +255,7 @@ void OfflineHost::run(Options const& options)
         for (auto const& feature : features)
             feature->beforePeriod();
         chain->process();
+        tail.afterPeriod(frames);
         writer->writePeriod(playback, playback.getChannel(0).getNumFrames());
         framesIn += frames;
         for (auto const& feature : features)
@@ -270,6 +273,7 @@ void OfflineHost::run(Options const& options)
     } else
         while (playPeriod() > 0) {
         }
+    tail.flush(*chain, playback, *writer);
     for (auto const& feature : features)
         feature->finish();
     checkLength(*chain, framesIn, writer->getNumFramesWritten(), sampleRate != chainRate);
