@@ -39,7 +39,7 @@ int subtypeFor(snd_pcm_format_t format)
     }
 }
 
-// A packed little-endian sample of `width` bytes as the 32-bit word libsndfile scales from.
+// A packed little-endian sample of `width` bytes, left-justified in 32 bits.
 int32_t leftJustified(uint8_t const* sample, unsigned int width)
 {
     uint32_t word = 0;
@@ -84,7 +84,7 @@ char const* SoundFileWriter::describeContainer(int container)
 }
 
 SoundFileWriter::SoundFileWriter(Format const& format, unsigned int maxPeriodFrames)
-    : m_bytesPerSample(FileAudioChannel::bytesPerSample(format.samples)),
+    : m_bytesPerSample(FileAudioChannel::bytesPerSample(format.samples)), m_numChannels(format.numChannels),
       m_raw(format.container == SF_FORMAT_WAV),
       m_periodBytes(size_t(maxPeriodFrames) * format.numChannels * m_bytesPerSample)
 {
@@ -103,15 +103,20 @@ SoundFileWriter::SoundFileWriter(std::string const& path, Format const& format, 
 SoundFileWriter::SoundFileWriter(int fd, Format const& format, unsigned int maxPeriodFrames)
     : SoundFileWriter(format, maxPeriodFrames)
 {
-    // libsndfile writes the length into the header at the end, which only a file can take.
-    if (!isRegularFile(fd) && format.container != SF_FORMAT_FLAC) {
-        close(fd);
-        throw ToolError(ToolError::c_badInput,
-                        std::string(describeContainer(format.container)) +
-                            " cannot be streamed to standard output, which is not a file "
-                            "(use --type flac, or name an output file)");
+    // libsndfile completes the header at the end, which only a file can take.
+    if (isRegularFile(fd)) {
+        open(fd, format);
+        return;
     }
-    open(fd, format);
+    if (format.container == SF_FORMAT_FLAC) {
+        m_stream = std::make_unique<FlacStreamWriter>(fd, format.numChannels, 8 * m_bytesPerSample,
+                                                      format.sampleRate);
+        return;
+    }
+    close(fd);
+    throw ToolError(ToolError::c_badInput, std::string(describeContainer(format.container)) +
+                                               " cannot be streamed to standard output, which is not a file "
+                                               "(use --type flac, or name an output file)");
 }
 
 SoundFileWriter::~SoundFileWriter()
@@ -155,15 +160,29 @@ void SoundFileWriter::flush()
         return;
     }
     sf_count_t const samples = bytes / m_bytesPerSample;
-    for (sf_count_t i = 0; i < samples; ++i)
-        m_words[size_t(i)] = leftJustified(m_interleaved.data() + i * m_bytesPerSample, m_bytesPerSample);
+    if (m_stream) {
+        toWords(size_t(samples), 32 - 8 * m_bytesPerSample);
+        m_stream->write(m_words.data(), unsigned(samples / m_numChannels));
+        return;
+    }
+    toWords(size_t(samples), 0);
     if (sf_write_int(m_file, m_words.data(), samples) != samples)
         fail(sf_strerror(m_file));
+}
+
+void SoundFileWriter::toWords(size_t samples, unsigned int shift)
+{
+    for (size_t i = 0; i < samples; ++i)
+        m_words[i] = leftJustified(m_interleaved.data() + i * m_bytesPerSample, m_bytesPerSample) >> shift;
 }
 
 void SoundFileWriter::commit()
 {
     flush();
+    if (m_stream) {
+        m_stream->finish();
+        return;
+    }
     int const closed = sf_close(m_file);
     m_file = nullptr;
     if (closed != 0)

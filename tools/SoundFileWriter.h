@@ -1,6 +1,7 @@
 #pragma once
 
 #include "tools/FileAudioBuffers.h"
+#include "tools/FlacStreamWriter.h"
 #include "tools/PendingFile.h"
 
 #include <memory>
@@ -12,8 +13,8 @@ namespace Zelmar {
 namespace Host {
 
 // A WAV, FLAC, AIFF or CAF file written under a temporary name beside its destination and renamed by
-// commit(), so a failed run never leaves a partial file where the user expects a result; or a stream
-// written to a descriptor as it is made (standard output), for the containers that can be streamed.
+// commit(), so a failed run never leaves a partial file where the user expects a result; or written to
+// a descriptor as it is made (standard output): any type into a file, only FLAC into a pipe.
 class SoundFileWriter
 {
 public:
@@ -31,7 +32,7 @@ public:
     static char const* describeContainer(int container);
 
     SoundFileWriter(std::string const& path, Format const& format, unsigned int maxPeriodFrames);
-    // Streams to `fd`, which it closes; throws ToolError when the container cannot be streamed there.
+    // Writes to `fd`, which it closes; throws ToolError when the container cannot be streamed there.
     SoundFileWriter(int fd, Format const& format, unsigned int maxPeriodFrames);
     ~SoundFileWriter();
 
@@ -47,12 +48,17 @@ private:
     SoundFileWriter(Format const& format, unsigned int maxPeriodFrames);
     void open(int fd, Format const& format);
     void flush();
+    void toWords(size_t samples, unsigned int shift);
     [[noreturn]] void fail(std::string const& what) const;
 
     std::unique_ptr<PendingFile> m_pending;
+    // One of the two.
     SNDFILE* m_file = nullptr;
+    std::unique_ptr<FlacStreamWriter> m_stream;
     unsigned int m_bytesPerSample;
-    // WAV takes the packed little-endian samples as they are; other containers take 32-bit words.
+    unsigned int m_numChannels;
+    // WAV takes the packed little-endian samples as they are; other containers take 32-bit words,
+    // libsndfile left-justified, libFLAC the samples' values.
     bool m_raw;
     // Several periods are collected before each write: one write call per period costs more than
     // the copy.
