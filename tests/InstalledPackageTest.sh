@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs the build into a scratch prefix and moves it, then uses it as an outside project would:
 # the installed minimal-host example is built with find_package(orvandeldsp) and with pkg-config and
-# runs a chain, every installed header compiles, the library exports no internals, and the moved
-# tool still finds its sounds. Last, a /usr prefix must give the library /usr/share/orvandel-1.0.
+# runs a chain, every installed header compiles, the library exports no internals, the man page and
+# the completion are there, and the moved tool still finds its sounds. Last, a /usr prefix must give the library /usr/share/orvandel-1.0.
 # Usage: InstalledPackageTest.sh SOURCE_DIR BUILD_DIR TEST_SIGNAL_PROGRAM
 set -euo pipefail
 source_dir=$1
@@ -19,6 +19,9 @@ export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
 example=$prefix/share/doc/orvandeldsp/examples/minimal-host
 config=$prefix/share/orvandel-1.0/configs/default.xml
 
+for installed in share/man/man1/orvandeldsp.1 share/bash-completion/completions/orvandeldsp; do
+  [ -f "$prefix/$installed" ] || fail "$installed is not installed"
+done
 for internal in base/Tracer.h base/HardwaredClient.h dsp/RingBuffer.h dsp/OneWriterOneReaderRingBuffer.h dbus/ChainDbus.h; do
   [ ! -e "$prefix/include/orvandeldsp-1.0/$internal" ] || fail "$internal is installed"
 done
