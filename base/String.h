@@ -1,5 +1,7 @@
 #pragma once
 
+#include "dsp/Export.h"
+
 #include <cstddef>
 #include <ostream>
 #include <sstream>
@@ -10,7 +12,7 @@ namespace Zelmar {
 namespace Tools {
 
 // The library's text type: bytes with value semantics, plus message templates with "%0", "%1", ... and "%%".
-class String
+class ORVANDELDSP_EXPORT String
 {
 public:
     String() = default;
@@ -44,8 +46,7 @@ public:
 
     // Fills a template: "%N" is argument N written as a stream writes it, "%%" is "%".
     // A malformed template yields a warning text followed by the raw template, logged at message level.
-    template <class... Args>
-    static String format(String const& messageTemplate, Args const&... args)
+    template <class... Args> static String format(String const& messageTemplate, Args const&... args)
     {
         std::vector<std::string> written{toText(args)...};
         return formatWritten(messageTemplate, written);
@@ -53,8 +54,7 @@ public:
 
     static String formatWritten(String const& messageTemplate, std::vector<std::string> const& arguments);
 
-    template <class T>
-    static std::string toText(T const& value)
+    template <class T> static std::string toText(T const& value)
     {
         std::ostringstream os;
         os << value;

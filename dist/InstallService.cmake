@@ -15,12 +15,14 @@ else()
 endif()
 
 set(BINDIR "${CMAKE_INSTALL_PREFIX}/${ORVANDELDSP_BINDIR}")
-set(SOUNDS_DIR "${CMAKE_INSTALL_PREFIX}/${ORVANDELDSP_DATADIR}/orvandel-1.0/sounds")
 set(unit "${ORVANDELDSP_DIST_BUILD_DIR}/orvandeldsp-live.service")
 configure_file("${ORVANDELDSP_SOURCE_DIR}/dist/orvandeldsp-live.service.in" "${unit}" @ONLY)
 file(INSTALL "${unit}" DESTINATION "${CMAKE_INSTALL_PREFIX}/lib/systemd/system")
 file(INSTALL "${ORVANDELDSP_SOURCE_DIR}/dbus/com.orvandeldsp.Chain.conf"
   "${ORVANDELDSP_SOURCE_DIR}/dbus/com.orvandeldsp.Host.conf" DESTINATION "${policyDir}")
+if(NOT policyDir MATCHES "^/(usr/share|etc)/dbus-1/system.d$")
+  message(STATUS "To serve on the system bus, copy ${policyDir}/com.orvandeldsp.*.conf to /etc/dbus-1/system.d/")
+endif()
 
 foreach(pair "dist/live.env:live.env" "configs/live-line-in.xml:live.xml")
   string(REPLACE ":" ";" pair "${pair}")

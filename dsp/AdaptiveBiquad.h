@@ -1,12 +1,13 @@
 #pragma once
 
 #include "dsp/BiQuad.h"
+#include "dsp/Export.h"
 #include "dsp/VolumeAdaptiveModule.h"
 
 namespace Zelmar {
 
 // A biquad whose "gain" is a curve over the device volume in dB, for example more bass at low volume.
-class AdaptiveBiquad : public VolumeAdaptiveModule<BiQuad>
+class ORVANDELDSP_EXPORT AdaptiveBiquad : public VolumeAdaptiveModule<BiQuad>
 {
 public:
     explicit AdaptiveBiquad(Tools::String const& id);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "dsp/Export.h"
 #include "dsp/Limiter.h"
 #include "dsp/VolumeAdaptiveModule.h"
 
@@ -7,7 +8,7 @@ namespace Zelmar {
 
 // A limiter whose "threshold" is a curve over the device volume in dB. Unlike the adaptive biquad it
 // reports the threshold last applied, as a number, among its parameters.
-class AdaptiveLimiter : public VolumeAdaptiveModule<Limiter>
+class ORVANDELDSP_EXPORT AdaptiveLimiter : public VolumeAdaptiveModule<Limiter>
 {
 public:
     explicit AdaptiveLimiter(Tools::String const& id);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "dsp/Export.h"
 #include "dsp/FixedPoint.h"
 
 #include <cstdint>
@@ -7,7 +8,7 @@
 namespace Zelmar {
 
 // One channel of the host's ALSA period buffers; the host converts to and from its PCM format.
-class AlsaChannel
+class ORVANDELDSP_EXPORT AlsaChannel
 {
 public:
     virtual void setSample(unsigned int frame, tSample const& value) = 0;
@@ -28,7 +29,7 @@ protected:
 
 // The host's period buffers, handed to InputStage::setInput and OutputStage::setOutput.
 // The wrapper owns its channels; they live as long as it does.
-class AlsaAudioBuffersWrapperBase
+class ORVANDELDSP_EXPORT AlsaAudioBuffersWrapperBase
 {
 public:
     virtual ~AlsaAudioBuffersWrapperBase() = default;

@@ -2,6 +2,7 @@
 
 #include "base/Expiration.h"
 #include "dsp/DriftCompensator.h"
+#include "dsp/Export.h"
 #include "dsp/FixedPointClosedLoopControl.h"
 
 #include <alsa/asoundlib.h>
@@ -10,7 +11,7 @@ namespace Zelmar {
 
 // Steers the codec's clock through the integer mixer control "Drift compensator" on the "default"
 // control device: every 100 ms the frame delta runs through a PID controller limited to +-1000.
-class AlsaDriftCompensator : public DriftCompensator
+class ORVANDELDSP_EXPORT AlsaDriftCompensator : public DriftCompensator
 {
 public:
     static char const* const s_controlName;

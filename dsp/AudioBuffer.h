@@ -1,5 +1,6 @@
 #pragma once
 
+#include "dsp/Export.h"
 #include "dsp/FixedPoint.h"
 
 #include <memory>
@@ -10,7 +11,7 @@ namespace Zelmar {
 
 // One mono block of samples. The element count is the number of frames of the current period;
 // the reserved capacity is sized once at compile time so that processing never reallocates.
-class AudioBuffer
+class ORVANDELDSP_EXPORT AudioBuffer
 {
 public:
     using tStorage = std::vector<tSample>;
@@ -24,7 +25,10 @@ public:
     tSample* getRawData() { return m_samples.data(); }
     tSample const* getRawData() const { return m_samples.data(); }
     unsigned int getNumSampleFrames() const { return static_cast<unsigned int>(m_samples.size()); }
-    unsigned int getNumSampleFramesCapacity() const { return static_cast<unsigned int>(m_samples.capacity()); }
+    unsigned int getNumSampleFramesCapacity() const
+    {
+        return static_cast<unsigned int>(m_samples.capacity());
+    }
     tStorage& getUnderlyingStorage() { return m_samples; }
 
     void silence();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "dsp/BiQuadSection.h"
+#include "dsp/Export.h"
 #include "dsp/Module.h"
 #include "dsp/precalculated/PrecalculatedBiQuad.h"
 
@@ -9,7 +10,7 @@ namespace Zelmar {
 // One second-order section on one signal. Parameters: "type" (a characteristic name), "frequency" (Hz),
 // "q" and "gain" (dB). Runs a precalculated kernel when one matches the design, else the generic loop.
 // Passes audio through until the first parameter set; the state survives parameter changes.
-class BiQuad : public Module
+class ORVANDELDSP_EXPORT BiQuad : public Module
 {
 public:
     class ParameterSet : public Module::ParameterSet, public BiQuadSection

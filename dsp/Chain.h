@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/String.h"
+#include "dsp/Export.h"
 #include "dsp/HiddenVolumeManager.h"
 #include "dsp/Module.h"
 
@@ -14,7 +15,7 @@ namespace Zelmar {
 // The processing graph. Wires are kept as port-portSpec text ("moduleid[portnum]") until compile() turns
 // them into buffer bindings, decides which inputs run in place and sorts the modules by signal flow.
 // Building and compiling happen on the control thread; process() runs on the audio thread.
-class Chain
+class ORVANDELDSP_EXPORT Chain
 {
 public:
     using tModuleList = std::list<std::shared_ptr<Module>>;

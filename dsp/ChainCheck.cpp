@@ -1,5 +1,6 @@
 #include "dsp/ChainCheck.h"
 
+#include "base/PrintableText.h"
 #include "dsp/ConfigDocument.h"
 #include "dsp/IllegalArgumentException.h"
 #include "dsp/Module.h"
@@ -365,7 +366,8 @@ std::string ChainCheck::Problem::describe() const
     std::string text = file + ":";
     if (line > 0)
         text += std::to_string(line) + ":" + std::to_string(column) + ":";
-    return text + (severity == Warning ? " warning: " : " ") + message;
+    // Ids, values and XML errors come from the file; whatever bytes it holds, the report stays readable.
+    return text + (severity == Warning ? " warning: " : " ") + Tools::printableLine(message);
 }
 
 std::vector<ChainCheck::Problem> ChainCheck::check(std::string const& path, unsigned int sampleRate)

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "dsp/Export.h"
+
 #include <string>
 #include <vector>
 
@@ -9,7 +11,7 @@ namespace Zelmar {
 // would end the process on, throw for or assert on while compiling, and what it would take otherwise
 // than the file most likely means (errors), and what it ignores (warnings). Nothing is built and
 // nothing is configured, so a host calls it first and gets messages instead of an ended process.
-class ChainCheck
+class ORVANDELDSP_EXPORT ChainCheck
 {
 public:
     struct Problem

@@ -1,6 +1,7 @@
 #include "dsp/ChainParser.h"
 
 #include "base/Assert.h"
+#include "base/PrintableText.h"
 #include "dsp/Chain.h"
 
 #include <cstring>
@@ -16,8 +17,9 @@ ChainParser::ChainParser(Chain& chain, Tools::String const& path) : m_chain(chai
         g_log(Tools::c_logDomain, G_LOG_LEVEL_ERROR, "Could not open dsp config file: %s\n", error->message);
 
     GMarkupParser const callbacks = {&ChainParser::startElementCB, &ChainParser::endElementCB,
-                                      &ChainParser::elementTextCB, nullptr, nullptr};
-    GMarkupParseContext* context = g_markup_parse_context_new(&callbacks, GMarkupParseFlags(0), this, nullptr);
+                                     &ChainParser::elementTextCB, nullptr, nullptr};
+    GMarkupParseContext* context =
+        g_markup_parse_context_new(&callbacks, GMarkupParseFlags(0), this, nullptr);
     // The end-of-document check is deliberately not requested: a file that stops inside an open
     // element is accepted.
     bool const parsed = g_markup_parse_context_parse(context, text, gssize(length), &error);
@@ -27,8 +29,10 @@ ChainParser::ChainParser(Chain& chain, Tools::String const& path) : m_chain(chai
         g_clear_error(&error);
         std::rethrow_exception(m_pendingException);
     }
+    // GMarkup quotes the offending text, which may hold any bytes of the file.
     if (!parsed)
-        g_log(Tools::c_logDomain, G_LOG_LEVEL_ERROR, "Could not parse dsp config file: %s\n", error->message);
+        g_log(Tools::c_logDomain, G_LOG_LEVEL_ERROR, "Could not parse dsp config file: %s\n",
+              Tools::printableLine(error->message).c_str());
 }
 
 void ChainParser::applyDelayedParameters()
@@ -53,7 +57,8 @@ void ChainParser::startElement(Tools::String const& element, char const** names,
     if (element == "module" || element == "stereo-module") {
         Tools::String const type = findAttribute(names, values, "type");
         Tools::String const id = findAttribute(names, values, "id");
-        m_currentModule = element == "module" ? m_chain.addModule(type, id) : m_chain.addStereoModule(type, id);
+        m_currentModule =
+            element == "module" ? m_chain.addModule(type, id) : m_chain.addStereoModule(type, id);
         m_currentParameters.clear();
     } else if (element == "parameter") {
         m_currentParameterKey = findAttribute(names, values, "id");
@@ -82,8 +87,7 @@ void ChainParser::elementText(Tools::String const& text)
         m_currentParameters.set(m_currentParameterKey, text);
 }
 
-template <class F>
-void ChainParser::guarded(F&& step, GError** error)
+template <class F> void ChainParser::guarded(F&& step, GError** error)
 {
     try {
         step();

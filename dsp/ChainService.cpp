@@ -1,5 +1,6 @@
 #include "dsp/ChainService.h"
 
+#include "base/DbusService.h"
 #include "base/SystemSoundCheck.h"
 #include "base/Tracer.h"
 #include "dbus/ChainDbus.h"
@@ -59,6 +60,11 @@ ChainService::~ChainService()
 {
     for (gulong const id : m_connections)
         g_signal_handler_disconnect(m_service->getSkeleton(), id);
+}
+
+bool ChainService::isServiceReady() const
+{
+    return m_service->isNameOwned();
 }
 
 void ChainService::connectSignals()

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "base/DbusService.h"
+#include "dsp/Export.h"
 #include "dsp/SystemSound.h"
 #include "dsp/SystemSoundsPlayer.h"
 
@@ -12,11 +12,14 @@
 namespace Zelmar {
 
 class Chain;
+namespace Tools {
+class DbusService;
+}
 
 // Serves a running chain on D-Bus as "com.orvandeldsp.Chain" (interface in dbus/com.orvandeldsp.Chain.xml):
 // module parameters and system sounds. Main loop only. A caller's bad parameters are answered with
 // InvalidArgs and never reach a module; nothing a caller sends can end the process.
-class ChainService
+class ORVANDELDSP_EXPORT ChainService
 {
 public:
     // Where the chain is found: clients need the same names.
@@ -36,7 +39,7 @@ public:
     ChainService(ChainService const&) = delete;
     ChainService& operator=(ChainService const&) = delete;
 
-    bool isServiceReady() const { return m_service->isNameOwned(); }
+    bool isServiceReady() const;
     bool isChainReady() const { return m_chainReady.load(); }
 
     // Both throw the module's refusal (IllegalArgumentException, ParsingException, conversion errors);

@@ -1,11 +1,12 @@
 #pragma once
 
+#include "dsp/Export.h"
 #include "dsp/Module.h"
 
 namespace Zelmar {
 
 // Hard-clips every sample into [-1.0, 1.0), the range the output formats can hold.
-class ClipGuard : public Module
+class ORVANDELDSP_EXPORT ClipGuard : public Module
 {
 public:
     explicit ClipGuard(Tools::String const& id) : Module(id) {}

@@ -1,5 +1,7 @@
 #include "dsp/ConfigDocument.h"
 
+#include "base/PrintableText.h"
+
 #include <cstring>
 #include <glib.h>
 #include <map>
@@ -8,19 +10,6 @@
 namespace Zelmar {
 
 namespace {
-
-// Messages stay on one line of valid text whatever bytes the file holds.
-std::string oneLine(std::string const& text)
-{
-    gchar* valid = g_utf8_make_valid(text.c_str(), gssize(text.size()));
-    std::string line = valid;
-    g_free(valid);
-    for (char& c : line) {
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
-            c = ' ';
-    }
-    return line;
-}
 
 Tools::String attribute(char const** names, char const** values, char const* name)
 {
@@ -178,8 +167,8 @@ private:
             for (unsigned int i = 0; names[i]; ++i) {
                 if (!known.attributes.count(names[i]))
                     note(false, place,
-                         "the attribute " + oneLine(names[i]) + " of " + describe(element, names, values) +
-                             " is unknown and ignored");
+                         "the attribute " + Tools::printableLine(names[i]) + " of " +
+                             describe(element, names, values) + " is unknown and ignored");
             }
         }
     }
@@ -188,14 +177,15 @@ private:
     std::string describe(std::string const& element, char const** names, char const** values) const
     {
         if (element == "cable")
-            return "the cable from " + oneLine(attribute(names, values, "out").str()) + " to " +
-                   oneLine(attribute(names, values, "in").str());
-        std::string const id = oneLine(attribute(names, values, "id").str());
+            return "the cable from " + Tools::printableLine(attribute(names, values, "out").str()) + " to " +
+                   Tools::printableLine(attribute(names, values, "in").str());
+        std::string const id = Tools::printableLine(attribute(names, values, "id").str());
         if (element != "parameter")
             return element + " " + id;
         std::string text = "parameter " + id;
         if (m_current >= 0)
-            text += " of module " + oneLine(m_document.m_modules[std::size_t(m_current)].id.str());
+            text +=
+                " of module " + Tools::printableLine(m_document.m_modules[std::size_t(m_current)].id.str());
         return text;
     }
 
@@ -212,7 +202,7 @@ private:
         }
         for (auto const& open : m_open)
             note(true, open.place,
-                 "the element " + oneLine(open.name) + " is never closed" +
+                 "the element " + Tools::printableLine(open.name) + " is never closed" +
                      (open.module >= 0 ? ", so its parameters are not applied" : ""));
     }
 
@@ -223,7 +213,7 @@ private:
         auto const colon = message.find(": ");
         if (message.rfind("Error on line ", 0) == 0 && colon != std::string::npos)
             message = message.substr(colon + 2);
-        note(true, place, "malformed XML: " + oneLine(message));
+        note(true, place, "malformed XML: " + Tools::printableLine(message));
     }
 
     void note(bool error, Place place, std::string message)
@@ -292,7 +282,8 @@ ConfigDocument ConfigDocument::read(std::string const& path)
     gsize length = 0;
     GError* error = nullptr;
     if (!g_file_get_contents(path.c_str(), &contents, &length, &error)) {
-        document.m_notes.push_back({true, Place{}, "cannot read the file: " + oneLine(error->message)});
+        document.m_notes.push_back(
+            {true, Place{}, "cannot read the file: " + Tools::printableLine(error->message)});
         g_error_free(error);
         return document;
     }

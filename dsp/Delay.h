@@ -1,5 +1,6 @@
 #pragma once
 
+#include "dsp/Export.h"
 #include "dsp/Module.h"
 
 #include <cstdint>
@@ -9,7 +10,7 @@ namespace Zelmar {
 
 // Delays a signal by a whole number of frames, configured in microseconds ("delay").
 // Needs setParameters before it processes: until then its line is empty and it outputs silence.
-class Delay : public Module
+class ORVANDELDSP_EXPORT Delay : public Module
 {
 public:
     // A 32-bit product divided by 10^6 is at most 4294 frames, whose ring is 8192.

@@ -1,11 +1,12 @@
 #pragma once
 
+#include "dsp/Export.h"
 #include "dsp/FixedPoint.h"
 
 namespace Zelmar {
 
 // The device volume in dB, the key of the volume-adaptive modules' curves. Main loop thread only.
-class DeviceVolume
+class ORVANDELDSP_EXPORT DeviceVolume
 {
 public:
     using tDb = FixedPoint<12, 19, true>;

@@ -2,6 +2,7 @@
 
 #include "base/DriftCompensatorType.h"
 #include "base/String.h"
+#include "dsp/Export.h"
 
 #include <atomic>
 #include <chrono>
@@ -15,7 +16,7 @@ class Chain;
 // Base of the clock-drift compensators and their factory. The host reports how many frames its
 // playback runs ahead of (+) or behind (-) the reference clock; a subclass turns that into a
 // correction. Delta reports are logged only while a marker file exists.
-class DriftCompensator
+class ORVANDELDSP_EXPORT DriftCompensator
 {
 public:
     using tTimePoint = std::chrono::time_point<std::chrono::system_clock, std::chrono::nanoseconds>;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "dsp/Export.h"
 #include "dsp/Module.h"
 
 #include <array>
@@ -11,7 +12,7 @@ namespace Zelmar {
 // that with "gain-correction" lowers the output by the largest boost and reports that boost to the
 // chain's hidden volume manager. All four keys are required. Silent until the first parameter set,
 // which is when the correction gain gets its first level.
-class Equalizer : public Module
+class ORVANDELDSP_EXPORT Equalizer : public Module
 {
 public:
     explicit Equalizer(Tools::String const& id);

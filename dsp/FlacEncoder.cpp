@@ -3,6 +3,7 @@
 #include "base/Assert.h"
 #include "base/Tracer.h"
 #include "dsp/IllegalArgumentException.h"
+#include "dsp/OneWriterOneReaderRingBuffer.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -16,7 +17,9 @@ static_assert(sizeof(FlacEncoder::tPair) == 2 * sizeof(FLAC__int32), "a pair mus
 static_assert(std::is_standard_layout<tSample>::value, "a sample must be its raw word");
 
 FlacEncoder::FlacEncoder(Tools::String const& id, unsigned int capacity)
-    : Module(id), m_ring(capacity), m_dropped("FlacEncoder " + id, "stereo frames"),
+    : Module(id),
+      m_ring(std::make_unique<OneWriterOneReaderRingBuffer<tPair, DETAIL::StandardModulo>>(capacity)),
+      m_dropped("FlacEncoder " + id, "stereo frames"),
       m_pendingFrames([this](tFrame const& frame) { sendPendingFrame(frame); })
 {
 }
@@ -37,7 +40,7 @@ void FlacEncoder::setParameters(Parameters const& parameters, unsigned int sampl
     // The encoder thread uses the encoder; rebuild it only while that thread is parked.
     bool const wasEncoding = m_thread.joinable();
     stopEncoding();
-    m_ring.reset();
+    m_ring->reset();
     m_streamFinished = false;
     setupEncoderLib(sampleRate);
     if (wasEncoding)
@@ -81,7 +84,7 @@ void FlacEncoder::process()
     if (state != State::Encoding) {
         // While stopping, the encoder thread still reads; the counts are its until it has been joined.
         if (state == State::Idle)
-            m_ring.reset();
+            m_ring->reset();
         return;
     }
     AudioBuffer const& left = inBuffer(0);
@@ -96,9 +99,9 @@ void FlacEncoder::process()
         unsigned int const count = std::min(c_chunk, n - done);
         for (unsigned int i = 0; i < count; ++i)
             chunk[i] = tPair(tSample(toFlacSample(l[done + i])), tSample(toFlacSample(r[done + i])));
-        m_dropped.add(count - m_ring.push(chunk, count));
+        m_dropped.add(count - m_ring->push(chunk, count));
     }
-    if (m_ring.getNumReadable() >= c_wakeThreshold)
+    if (m_ring->getNumReadable() >= c_wakeThreshold)
         m_wakeup.notify();
 }
 
@@ -128,7 +131,7 @@ void FlacEncoder::startEncoding()
     // Without a sample rate there is no encoder yet; setParameters starts it if wanted by then.
     if (m_encoder == nullptr)
         return;
-    m_ring.reset();
+    m_ring->reset();
     m_stop.store(false);
     m_state.store(State::Encoding);
     m_thread = std::thread([this] { runEncoderThread(); });
@@ -161,13 +164,18 @@ void FlacEncoder::notifyCondition()
     m_wakeup.notify();
 }
 
+unsigned int FlacEncoder::getNumQueuedPairs() const
+{
+    return static_cast<unsigned int>(m_ring->getNumReadable());
+}
+
 unsigned int FlacEncoder::readOrWait(tPair* buffer, unsigned int maxPairs)
 {
-    unsigned int const n = m_ring.pop(buffer, maxPairs);
+    unsigned int const n = m_ring->pop(buffer, maxPairs);
     if (n > 0 || m_stop.load())
         return n;
     m_wakeup.wait();
-    return m_ring.pop(buffer, maxPairs);
+    return m_ring->pop(buffer, maxPairs);
 }
 
 void FlacEncoder::runEncoderThread()

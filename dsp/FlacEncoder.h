@@ -3,9 +3,9 @@
 #include "base/Signal.h"
 #include "base/SignalState.h"
 #include "dsp/DropReport.h"
+#include "dsp/Export.h"
 #include "dsp/IdleQueue.h"
 #include "dsp/Module.h"
-#include "dsp/OneWriterOneReaderRingBuffer.h"
 #include "dsp/WorkerWakeup.h"
 
 #include <FLAC/stream_encoder.h>
@@ -20,6 +20,11 @@
 
 namespace Zelmar {
 
+namespace DETAIL {
+struct StandardModulo;
+}
+template <class T, class Modulo> class OneWriterOneReaderRingBuffer;
+
 // Encodes the stereo signal reaching inputs 0 (left) and 1 (right) into a live 24-bit FLAC stream
 // ("flac-encoder"). The audio thread only converts and queues; an encoder thread runs libFLAC; the
 // encoded pieces (stream header pieces first, then one per frame) are published on the main loop.
@@ -32,7 +37,7 @@ namespace Zelmar {
 // nothing); the destructor finishes it without publishing. A stop and a later start continue the
 // same stream. Pairs the audio thread cannot queue because the encoder fell behind are dropped (the newest
 // ones), counted and reported on the main loop.
-class FlacEncoder : public Module
+class ORVANDELDSP_EXPORT FlacEncoder : public Module
 {
 public:
     using tFrame = std::shared_ptr<std::vector<uint8_t>>;
@@ -63,7 +68,7 @@ public:
     // like the frames before it. The next start begins a new stream with a header of its own.
     void finishStream();
     // Pairs queued by process() that the encoder thread has not taken yet.
-    unsigned int getNumQueuedPairs() const { return static_cast<unsigned int>(m_ring.getNumReadable()); }
+    unsigned int getNumQueuedPairs() const;
     // Main loop: whether encoded pieces still wait to be published to the subscribers.
     bool hasUnpublishedFrames() const { return !m_pendingFrames.isEmpty(); }
     // Pairs dropped since construction because the encoder fell behind.
@@ -101,7 +106,8 @@ private:
     static FLAC__StreamEncoderSeekStatus seekCB(FLAC__StreamEncoder const*, FLAC__uint64, void*);
     static FLAC__StreamEncoderTellStatus tellCB(FLAC__StreamEncoder const*, FLAC__uint64* offset, void*);
 
-    OneWriterOneReaderRingBuffer<tPair> m_ring;
+    // Held by pointer so that hosts including this header need not see the ring buffer.
+    std::unique_ptr<OneWriterOneReaderRingBuffer<tPair, DETAIL::StandardModulo>> m_ring;
     std::atomic<State> m_state{State::Idle};
     std::atomic<bool> m_stop{false};
     // Set by finishStream() (main loop only): the next start sets libFLAC up again with a new header.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "dsp/Export.h"
 #include "dsp/FixedPoint.h"
 
 #include <alsa/asoundlib.h>
@@ -11,7 +12,7 @@ namespace Zelmar {
 // Converts between samples and packed little-endian PCM (S32_LE, S24_3LE, S16_LE) for the host's
 // buffer wrappers. PCM full scale is [-1.0, 1.0) of a sample: the four integer bits of headroom are
 // clipped away on output and never produced on input. Any other format is a broken invariant.
-class FormatConversion
+class ORVANDELDSP_EXPORT FormatConversion
 {
 public:
     // count is a number of samples, not bytes.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "dsp/Export.h"
 #include "dsp/Module.h"
 
 #include <atomic>
@@ -11,7 +12,7 @@ namespace Zelmar {
 // setParameters jumps to a level; fadeTo ramps the factor linearly, just under 1.0 per second.
 // Both are control-thread calls: they hand a snapshot to the audio thread, which takes it at the start
 // of the next period, so several between two periods act as if made one after another.
-class Gain : public Module
+class ORVANDELDSP_EXPORT Gain : public Module
 {
 public:
     explicit Gain(Tools::String const& name) : Module(name) {}

@@ -3,12 +3,13 @@
 #include "base/Expiration.h"
 #include "base/String.h"
 #include "dsp/DriftCompensator.h"
+#include "dsp/Export.h"
 
 namespace Zelmar {
 
 // Trims the board's voltage-controlled clock through its 12-bit DAC in sysfs: every 100 ms the
 // latest frame delta becomes a DAC value, two frames of range on each side of mid scale.
-class HardwareDriftCompensator : public DriftCompensator
+class ORVANDELDSP_EXPORT HardwareDriftCompensator : public DriftCompensator
 {
 public:
     static char const* const s_legacyDevicePath;

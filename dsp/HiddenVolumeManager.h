@@ -1,13 +1,14 @@
 #pragma once
 
 #include "base/Signal.h"
+#include "dsp/Export.h"
 
 namespace Zelmar {
 
 // Passes the equalisers' hidden volume delta (dB) to the hardware daemon, so the device can raise its
 // volume by what an equaliser took away. While the daemon is away only the newest delta is kept.
 // Main loop only.
-class HiddenVolumeManager
+class ORVANDELDSP_EXPORT HiddenVolumeManager
 {
 public:
     HiddenVolumeManager();

@@ -1,13 +1,14 @@
 #pragma once
 
 #include "base/String.h"
+#include "dsp/Export.h"
 
 #include <exception>
 
 namespace Zelmar {
 
 // An argument outside what an operation accepts. The message is read from getMessage().
-class IllegalArgumentException : public std::exception
+class ORVANDELDSP_EXPORT IllegalArgumentException : public std::exception
 {
 public:
     template <class... Args>

@@ -1,12 +1,13 @@
 #pragma once
 
 #include "dsp/AlsaAudioBuffersWrapperBase.h"
+#include "dsp/Export.h"
 #include "dsp/Module.h"
 
 namespace Zelmar {
 
 // The chain's source: copies the host's captured left and right channels into out ports 0 and 1.
-class InputStage : public Module
+class ORVANDELDSP_EXPORT InputStage : public Module
 {
 public:
     explicit InputStage(Tools::String const& id) : Module(id) {}

@@ -1,12 +1,13 @@
 #pragma once
 
+#include "dsp/Export.h"
 #include "dsp/Module.h"
 
 namespace Zelmar {
 
 // Peak limiter: a one-pole envelope follower and a gain computed per sample from it, no look-ahead,
 // so peaks faster than the attack pass partly above the threshold.
-class Limiter : public Module
+class ORVANDELDSP_EXPORT Limiter : public Module
 {
 public:
     explicit Limiter(Tools::String const& id) : Module(id) {}

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/String.h"
+#include "dsp/Export.h"
 #include "dsp/FixedPoint.h"
 
 #include <map>
@@ -9,7 +10,7 @@ namespace Zelmar {
 
 // A curve through breakpoints, read between them on straight lines and held flat beyond both ends.
 // Keys and values are Q12.19 (range +-4096, 19 fraction bits), loaded from text like "-60=9,-30=4,0=0".
-class LinearInterpolator
+class ORVANDELDSP_EXPORT LinearInterpolator
 {
 public:
     using tKey = FixedPoint<12, 19, true>;

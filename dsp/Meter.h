@@ -1,5 +1,6 @@
 #pragma once
 
+#include "dsp/Export.h"
 #include "dsp/Module.h"
 
 #include <atomic>
@@ -7,7 +8,7 @@
 namespace Zelmar {
 
 // A sink that holds the peak level of its input until a reader exchanges it.
-class Meter : public Module
+class ORVANDELDSP_EXPORT Meter : public Module
 {
 public:
     explicit Meter(Tools::String const& id) : Module(id) {}

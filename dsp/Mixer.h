@@ -1,11 +1,12 @@
 #pragma once
 
+#include "dsp/Export.h"
 #include "dsp/Module.h"
 
 namespace Zelmar {
 
 // Sums two signals. An input without frames counts as absent, not as silence.
-class Mixer : public Module
+class ORVANDELDSP_EXPORT Mixer : public Module
 {
 public:
     explicit Mixer(Tools::String const& id) : Module(id) {}

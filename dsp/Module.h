@@ -3,6 +3,7 @@
 #include "base/MainLoopCallback.h"
 #include "base/String.h"
 #include "dsp/AudioBuffer.h"
+#include "dsp/Export.h"
 #include "dsp/Parameters.h"
 
 #include <atomic>
@@ -25,7 +26,7 @@ class ModuleDescriptor;
 // reads of the configuration reaches it from the control thread (the main loop) either as an
 // immutable ParameterSet, handed over with setFutureParameterSet and taken at the start of a period,
 // or as one atomic word. Everything else here belongs to the control thread.
-class Module
+class ORVANDELDSP_EXPORT Module
 {
 public:
     class ParameterSet

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/String.h"
+#include "dsp/Export.h"
 #include "dsp/ParameterDescriptor.h"
 #include "dsp/Parameters.h"
 
@@ -14,7 +15,7 @@ class Module;
 
 // A module type as a config file sees it: the name, how a module is made, its ports, the type a
 // stereo-module of it becomes, and its parameters. The factory holds one per type.
-class ModuleDescriptor
+class ORVANDELDSP_EXPORT ModuleDescriptor
 {
 public:
     using tConstructor = Module* (*)(Tools::String const& id);

@@ -2,6 +2,7 @@
 
 #include "base/Assert.h"
 #include "base/String.h"
+#include "dsp/Export.h"
 #include "dsp/ModuleDescriptor.h"
 
 #include <map>
@@ -15,7 +16,7 @@ class Module;
 
 // Makes modules by the type name used in dsp config files, from one table of module descriptors.
 // One process-wide instance, filled once.
-class ModuleFactory
+class ORVANDELDSP_EXPORT ModuleFactory
 {
 public:
     static ModuleFactory& get();

@@ -3,6 +3,7 @@
 #include "base/MainLoopCallback.h"
 #include "base/Signal.h"
 #include "dsp/AlsaAudioBuffersWrapperBase.h"
+#include "dsp/Export.h"
 #include "dsp/Module.h"
 
 #include <atomic>
@@ -14,7 +15,7 @@ namespace Zelmar {
 // The chain's sink: writes its inputs, in "interleave-pattern" order, to the host's playback channels
 // and applies the output mute as a 100 ms fade. Play requests (the host's unmute and every sounding
 // system sound) keep it open; each change between none and some is announced on the main loop.
-class OutputStage : public Module
+class ORVANDELDSP_EXPORT OutputStage : public Module
 {
 public:
     explicit OutputStage(Tools::String const& id);

@@ -1,5 +1,7 @@
 #include "dsp/ParameterDescriptor.h"
 
+#include "base/PrintableText.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -19,13 +21,7 @@ constexpr double c_curveLimit = 4096.0;
 // A value as a message shows it: quoted, on one line, valid UTF-8, and not longer than a line.
 std::string quoted(std::string const& value)
 {
-    gchar* valid = g_utf8_make_valid(value.c_str(), gssize(value.size()));
-    std::string text = valid;
-    g_free(valid);
-    for (char& c : text) {
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
-            c = ' ';
-    }
+    std::string text = Tools::printableLine(value);
     constexpr std::size_t c_longest = 40;
     if (g_utf8_strlen(text.c_str(), -1) > glong(c_longest))
         text = text.substr(0, std::size_t(g_utf8_offset_to_pointer(text.c_str(), c_longest) - text.c_str())) +

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/String.h"
+#include "dsp/Export.h"
 
 #include <limits>
 #include <string>
@@ -11,7 +12,7 @@ namespace Zelmar {
 // What one parameter of a module type accepts: its key, the kind of text it takes, its default, its
 // range or words, its unit and what it means. Validation, the config check and the tool's reference
 // all read it, so they cannot disagree.
-class ParameterDescriptor
+class ORVANDELDSP_EXPORT ParameterDescriptor
 {
 public:
     enum class Kind

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/String.h"
+#include "dsp/Export.h"
 
 #include <initializer_list>
 #include <map>
@@ -9,7 +10,7 @@
 namespace Zelmar {
 
 // A module's configuration as text; values are parsed only when a module asks for them in a type.
-class Parameters
+class ORVANDELDSP_EXPORT Parameters
 {
 public:
     using tMap = std::map<Tools::String, Tools::String>;

@@ -1,16 +1,20 @@
 #pragma once
 
 #include "base/String.h"
+#include "dsp/Export.h"
 
 #include <exception>
 
 namespace Zelmar {
 
 // A fault in a chain configuration. The message is read from getMessage(); what() is not overridden.
-class ParsingException : public std::exception
+class ORVANDELDSP_EXPORT ParsingException : public std::exception
 {
 public:
-    explicit ParsingException(Tools::String const& messageTemplate) : m_message(Tools::String::format(messageTemplate)) {}
+    explicit ParsingException(Tools::String const& messageTemplate)
+        : m_message(Tools::String::format(messageTemplate))
+    {
+    }
     ParsingException(Tools::String const& messageTemplate, Tools::String a)
         : m_message(Tools::String::format(messageTemplate, a))
     {

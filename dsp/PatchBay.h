@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/ChannelConfiguration.h"
+#include "dsp/Export.h"
 #include "dsp/Module.h"
 
 #include <atomic>
@@ -9,7 +10,7 @@ namespace Zelmar {
 
 // Stereo routing: straight, swapped, left or right on both, or a mono downmix on both outputs.
 // Ports 0 = left, 1 = right. A mode change takes effect at the next period, without crossfade.
-class PatchBay : public Module
+class ORVANDELDSP_EXPORT PatchBay : public Module
 {
 public:
     explicit PatchBay(Tools::String const& id) : Module(id) {}

@@ -1,6 +1,7 @@
 #include "dsp/Resampler.h"
 
 #include "dsp/IllegalArgumentException.h"
+#include "dsp/RingBuffer.h"
 
 namespace Zelmar {
 
@@ -11,6 +12,14 @@ constexpr uint32_t c_one = 1u << c_fractionBits;
 constexpr uint32_t c_fractionMask = c_one - 1;
 
 } // namespace
+
+Resampler::Resampler(Tools::String const& id)
+    : InputStage(id), m_leftHistory(std::make_unique<tHistory>()),
+      m_rightHistory(std::make_unique<tHistory>())
+{
+}
+
+Resampler::~Resampler() = default;
 
 void Resampler::setParameters(Parameters const& parameters, unsigned int sampleRate)
 {
@@ -51,13 +60,13 @@ void Resampler::takeConversion()
     m_step = conversion->step;
     // Swapped, not copied: the snapshot takes the old storage back to the main loop.
     if (!conversion->leftStorage.empty()) {
-        m_leftHistory.swapStorage(conversion->leftStorage);
-        m_rightHistory.swapStorage(conversion->rightStorage);
-        m_historyCapacity.store(m_leftHistory.getCapacity(), std::memory_order_relaxed);
+        m_leftHistory->swapStorage(conversion->leftStorage);
+        m_rightHistory->swapStorage(conversion->rightStorage);
+        m_historyCapacity.store(m_leftHistory->getCapacity(), std::memory_order_relaxed);
     }
     // Read position and phase run on: output resumes once the restarted histories catch up.
-    m_leftHistory.reset();
-    m_rightHistory.reset();
+    m_leftHistory->reset();
+    m_rightHistory->reset();
 }
 
 void Resampler::checkParameters(Parameters const& parameters, unsigned int sampleRate) const
@@ -86,11 +95,11 @@ void Resampler::process()
     for (unsigned int f = 0; f < inFrames; ++f) {
         tSample const left = leftIn.getSample(f);
         tSample const right = rightIn.getSample(f);
-        m_leftHistory.write(&left, 1);
-        m_rightHistory.write(&right, 1);
+        m_leftHistory->write(&left, 1);
+        m_rightHistory->write(&right, 1);
     }
 
-    int64_t const available = static_cast<int64_t>(m_leftHistory.getNumWritten() - m_readPosition - 1);
+    int64_t const available = static_cast<int64_t>(m_leftHistory->getNumWritten() - m_readPosition - 1);
     int64_t outFrames = available > 0 ? available * m_chainRate / static_cast<int64_t>(m_sourceRate) : 0;
     AudioBuffer& leftOut = outBuffer(0);
     AudioBuffer& rightOut = outBuffer(1);
@@ -107,8 +116,8 @@ void Resampler::process()
     tSample* const left = leftOut.getRawData();
     tSample* const right = rightOut.getRawData();
     for (unsigned int i = 0; i < outFrames; ++i) {
-        left[i] = getInSample(m_leftHistory);
-        right[i] = getInSample(m_rightHistory);
+        left[i] = getInSample(*m_leftHistory);
+        right[i] = getInSample(*m_rightHistory);
         // Widened so that a step close to 32 cannot wrap the sum.
         uint64_t const advanced = static_cast<uint64_t>(m_phase.getRaw()) + m_step.getRaw();
         m_readPosition += advanced >> c_fractionBits;

@@ -1,25 +1,31 @@
 #pragma once
 
+#include "dsp/Export.h"
 #include "dsp/InputStage.h"
-#include "dsp/RingBuffer.h"
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 namespace Zelmar {
 
+namespace DETAIL {
+struct StandardModulo;
+}
+template <class T, class Modulo> class RingBuffer;
+
 // An input stage for a capture source running at another rate than the chain: each channel's recent
 // input is kept in a history and read back at the chain's rate by two-point linear interpolation.
 // At equal rates it is a plain InputStage.
-class Resampler : public InputStage
+class ORVANDELDSP_EXPORT Resampler : public InputStage
 {
 public:
     using tStep = FixedPoint<5, 27, false>;
     using tHistory = RingBuffer<tSample, DETAIL::StandardModulo>;
 
-    explicit Resampler(Tools::String const& id) : InputStage(id) {}
-    ~Resampler() override = default;
+    explicit Resampler(Tools::String const& id);
+    ~Resampler() override;
 
     // Restarts the histories from the next period on; read position and phase run on.
     void setParameters(Parameters const& parameters, unsigned int sampleRate) override;
@@ -63,8 +69,9 @@ private:
     tStep m_step;
     // Absolute input position of the later interpolation sample.
     uint64_t m_readPosition = 1;
-    tHistory m_leftHistory;
-    tHistory m_rightHistory;
+    // Held by pointer so that hosts including this header need not see the ring buffer.
+    std::unique_ptr<tHistory> m_leftHistory;
+    std::unique_ptr<tHistory> m_rightHistory;
 };
 
 } // namespace Zelmar

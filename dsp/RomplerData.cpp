@@ -3,7 +3,6 @@
 #include "base/Assert.h"
 #include "base/Tracer.h"
 
-#include <cstdlib>
 #include <glib.h>
 #include <mutex>
 
@@ -11,8 +10,8 @@ namespace Zelmar {
 
 namespace {
 
-constexpr char const* c_defaultDataDirectory = "/usr/share/orvandel-1.0";
-constexpr char const* c_soundsDirectoryVariable = "ORVANDELDSP_SOUNDS_DIR";
+// Where the library was installed to: /usr/share/orvandel-1.0 for the prefix /usr.
+constexpr char const* c_defaultDataDirectory = ORVANDELDSP_DATADIR;
 
 // Loader threads read the override while a test or tool may set it.
 std::mutex s_soundsDirectoryMutex;
@@ -59,9 +58,6 @@ Tools::String RomplerData::getAbsolutePath(Tools::String const& file)
         if (!s_soundsDirectory.empty())
             return buildPath(s_soundsDirectory.c_str(), file.c_str(), nullptr);
     }
-    char const* fromEnvironment = std::getenv(c_soundsDirectoryVariable);
-    if (fromEnvironment && *fromEnvironment)
-        return buildPath(fromEnvironment, file.c_str(), nullptr);
     return buildPath(c_defaultDataDirectory, "sounds", file.c_str());
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/String.h"
+#include "dsp/Export.h"
 
 #include <FLAC/stream_decoder.h>
 #include <atomic>
@@ -14,10 +15,11 @@ namespace Zelmar {
 // constructor; the samples may be read only after isLoaded() has returned true.
 // Sound files are 16-bit stereo and always taken as 44100 Hz, whatever their header says.
 //
-// Relative file names are read from the "sounds" folder of /usr/share/orvandel-1.0. Tests and host
-// tools point elsewhere with setSoundsDirectory() or the environment variable ORVANDELDSP_SOUNDS_DIR,
-// either naming the folder that holds the files themselves; the setter wins over the variable.
-class RomplerData
+// Relative file names are read from the "sounds" folder of the data directory the library was
+// installed with (/usr/share/orvandel-1.0 for the prefix /usr). Hosts and tests point elsewhere with
+// setSoundsDirectory(), naming the folder that holds the files themselves; the environment plays no
+// part, so a stray variable in a player's environment cannot redirect its sounds.
+class ORVANDELDSP_EXPORT RomplerData
 {
 public:
     // Playback steps have 10 fraction bits; 44100 Hz content advances 44100 x 1024 per second.
@@ -36,7 +38,7 @@ public:
     uint32_t getStep() const { return m_step; }
 
     static Tools::String getAbsolutePath(Tools::String const& file);
-    // An empty directory returns to the environment variable or the built-in default.
+    // An empty directory returns to the built-in default.
     static void setSoundsDirectory(Tools::String const& directory);
 
     static FLAC__StreamDecoderWriteStatus writeCallback(FLAC__StreamDecoder const* decoder,

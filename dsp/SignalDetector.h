@@ -2,6 +2,7 @@
 
 #include "base/Expiration.h"
 #include "base/Signal.h"
+#include "dsp/Export.h"
 #include "dsp/FilterChHp1.h"
 #include "dsp/Module.h"
 #include "dsp/StaticNoiseDetector.h"
@@ -19,7 +20,7 @@ namespace Zelmar {
 // steady noise floor and keeps it in the file <directory><id> so that it survives restarts.
 //
 // The threshold directory is "/tmp/" unless the second constructor names another one (tests do).
-class SignalDetector : public Module
+class ORVANDELDSP_EXPORT SignalDetector : public Module
 {
 public:
     enum DetectionResult : uint8_t

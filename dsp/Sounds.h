@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/MainLoopCallback.h"
+#include "dsp/Export.h"
 #include "dsp/Module.h"
 #include "dsp/Rompler.h"
 #include "dsp/RomplerData.h"
@@ -19,7 +20,7 @@ class OutputStage;
 // a quarter while any voice is listed. Voices move between three lock-free lists: the control thread
 // pushes triggered voices onto the scheduled stack, the audio thread takes that stack whole into the
 // playing list and pushes finished voices onto the doomed stack, and the main loop frees those.
-class Sounds : public Module
+class ORVANDELDSP_EXPORT Sounds : public Module
 {
 public:
     explicit Sounds(Tools::String const& id);

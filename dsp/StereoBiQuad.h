@@ -1,11 +1,12 @@
 #pragma once
 
 #include "dsp/BiQuad.h"
+#include "dsp/Export.h"
 
 namespace Zelmar {
 
 // The BiQuad on a stereo pair (ports 0 = left, 1 = right): one coefficient set, separate state.
-class StereoBiQuad : public BiQuad
+class ORVANDELDSP_EXPORT StereoBiQuad : public BiQuad
 {
 public:
     explicit StereoBiQuad(Tools::String const& id) : BiQuad(id) {}

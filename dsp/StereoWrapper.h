@@ -1,5 +1,6 @@
 #pragma once
 
+#include "dsp/Export.h"
 #include "dsp/Module.h"
 
 namespace Zelmar {
@@ -7,7 +8,7 @@ namespace Zelmar {
 // Two mono modules of one type presented as one stereo module. Inputs are split in halves
 // (0..n-1 left, n..2n-1 right) while outputs and in-place marks use port 0 for left and 1 for right;
 // the two agree for one-in, one-out inner modules, which is what the wrapper is for.
-class StereoWrapper : public Module
+class ORVANDELDSP_EXPORT StereoWrapper : public Module
 {
 public:
     StereoWrapper(Tools::String const& type, Tools::String const& id);

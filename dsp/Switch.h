@@ -1,5 +1,6 @@
 #pragma once
 
+#include "dsp/Export.h"
 #include "dsp/Module.h"
 
 #include <atomic>
@@ -8,7 +9,7 @@
 namespace Zelmar {
 
 // Passes one of two inputs; a change of port takes effect at the next period, without crossfade.
-class Switch : public Module
+class ORVANDELDSP_EXPORT Switch : public Module
 {
 public:
     explicit Switch(Tools::String const& id) : Module(id) {}

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/Expiration.h"
+#include "dsp/Export.h"
 #include "dsp/SystemSound.h"
 
 #include <cstdint>
@@ -12,7 +13,7 @@ class Chain;
 
 // Control-side front end of the system sounds: plays a sound once on a chain's "system-sounds"
 // module, and repeats registered sounds on main-loop timers until they are stopped. Main loop only.
-class SystemSoundsPlayer
+class ORVANDELDSP_EXPORT SystemSoundsPlayer
 {
 public:
     struct RepeatData

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "dsp/BiQuadSection.h"
+#include "dsp/Export.h"
 #include "dsp/Module.h"
 
 namespace Zelmar {
@@ -9,7 +10,7 @@ namespace Zelmar {
 // 3000 Hz high shelf with user gains ("low-gain", "mid-gain", "high-gain", dB), then with
 // "gain-correction" the output lowered by the largest boost, which is reported as hidden volume delta.
 // The bands are designed for rates above 6000 Hz. Passes audio through until the first parameter set.
-class ThreeBandStereoEQ : public Module
+class ORVANDELDSP_EXPORT ThreeBandStereoEQ : public Module
 {
 public:
     class ParameterSet : public Module::ParameterSet

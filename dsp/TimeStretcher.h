@@ -1,5 +1,6 @@
 #pragma once
 
+#include "dsp/Export.h"
 #include "dsp/Module.h"
 
 #include <atomic>
@@ -10,7 +11,7 @@ namespace Zelmar {
 // Corrects clock drift without touching a clock: on request the next period comes out one frame
 // shorter or longer, changed where the adjacent-sample step is smallest. Mono; stereo goes through
 // the stereo wrapper so that both channels get the same order.
-class TimeStretcher : public Module
+class ORVANDELDSP_EXPORT TimeStretcher : public Module
 {
 public:
     enum TaskForNextBuffer : int

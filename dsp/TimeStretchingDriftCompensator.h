@@ -1,6 +1,7 @@
 #pragma once
 
 #include "dsp/DriftCompensator.h"
+#include "dsp/Export.h"
 #include "dsp/TimeStretcher.h"
 
 #include <memory>
@@ -9,7 +10,7 @@ namespace Zelmar {
 
 // Corrects drift where no clock can be trimmed: once the smoothed sign of the deltas leaves the
 // dead band (+-0.5) the chain's time stretchers drop (ahead) or insert (behind) one frame per period.
-class TimeStretchingDriftCompensator : public DriftCompensator
+class ORVANDELDSP_EXPORT TimeStretchingDriftCompensator : public DriftCompensator
 {
 public:
     TimeStretchingDriftCompensator() = default;

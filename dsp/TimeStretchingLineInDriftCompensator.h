@@ -1,5 +1,6 @@
 #pragma once
 
+#include "dsp/Export.h"
 #include "dsp/TimeStretchingDriftCompensator.h"
 
 #include <cstdint>
@@ -8,7 +9,7 @@ namespace Zelmar {
 
 // The time-stretching compensator of the line-in path; it also lets the host count the frames
 // that path has produced.
-class TimeStretchingLineInDriftCompensator : public TimeStretchingDriftCompensator
+class ORVANDELDSP_EXPORT TimeStretchingLineInDriftCompensator : public TimeStretchingDriftCompensator
 {
 public:
     TimeStretchingLineInDriftCompensator() = default;

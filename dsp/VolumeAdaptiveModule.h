@@ -1,18 +1,25 @@
 #pragma once
 
-#include "base/HardwaredClient.h"
 #include "base/Signal.h"
-#include "base/Tracer.h"
 #include "dsp/DeviceVolume.h"
+#include "dsp/Export.h"
 #include "dsp/LinearInterpolator.h"
 #include "dsp/Parameters.h"
 
 #include <cstdio>
 #include <exception>
+#include <functional>
 
 namespace Zelmar {
 
 class Chain;
+
+// Out of line, so that hosts including this header need neither the hardware daemon client nor the tracer.
+namespace VolumeFollowing {
+// Calls `follower` with the device volume (0..100) whenever the hardware daemon reports a change.
+ORVANDELDSP_EXPORT Tools::Connection subscribe(std::function<void(double)> follower);
+ORVANDELDSP_EXPORT void reportFailure(Tools::String const& id, char const* what);
+} // namespace VolumeFollowing
 
 // A module whose parameter `curveKey` is a curve over the device volume in dB ("-60=9,0=0") rather than
 // a number: the base module is always configured with the curve's value at the current volume, and is
@@ -44,8 +51,7 @@ public:
     void onModuleAddedToChain(Chain& chain) override
     {
         Base::onModuleAddedToChain(chain);
-        m_volumeSubscription =
-            HardwaredClient::get().onVolumeChanged([this](double volume) { followVolume(volume); });
+        m_volumeSubscription = VolumeFollowing::subscribe([this](double volume) { followVolume(volume); });
     }
 
     // Re-applies the curve at `volumeDb`, unless that is the volume in force already.
@@ -101,7 +107,7 @@ private:
         try {
             setControlGain(DeviceVolume::toDb(volume));
         } catch (std::exception const& e) {
-            Tools::trace(Tools::Tracer::Error, this->getID(), "cannot follow the volume:", e.what());
+            VolumeFollowing::reportFailure(this->getID(), e.what());
         }
     }
 

@@ -5,7 +5,7 @@ set -euo pipefail
 packages=(
   cmake g++ clang pkg-config
   libglib2.0-dev libglib2.0-dev-bin libasound2-dev libflac-dev libsndfile1-dev
-  graphviz dbus flac
+  graphviz dbus flac groff-base
   gnuplot-nox
   googletest libgtest-dev libgmock-dev libbenchmark-dev
 )

@@ -1,5 +1,6 @@
 #include "dsp/AdaptiveBiquad.h"
 
+#include "base/HardwaredClient.h"
 #include "base/Tracer.h"
 #include "tests/support/FakeHardwared.h"
 #include "tests/support/LogCapture.h"

@@ -1,5 +1,6 @@
 #include "dsp/AdaptiveLimiter.h"
 
+#include "base/HardwaredClient.h"
 #include "base/Tracer.h"
 #include "dsp/ModuleFactory.h"
 #include "tests/support/FakeHardwared.h"

@@ -53,6 +53,11 @@ GVariant* ChainClient::call(char const* method, GVariant* arguments, GVariantTyp
     if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) ||
         g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER)) {
         message = "no chain is being served on " + ControlBus::describe(m_bus);
+    } else if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED)) {
+        // The bus daemon's own text lists the rules it matched, which helps nobody here.
+        message = std::string("not allowed to control ") + ChainService::c_busName + " on " +
+                  ControlBus::describe(m_bus) +
+                  (m_bus == G_BUS_TYPE_SYSTEM ? ": run as root or as a member of group audio" : "");
     } else {
         g_dbus_error_strip_remote_error(error);
         message = error->message;

@@ -34,6 +34,16 @@ inline ToolError configError(std::string const& config, std::string const& probl
     return ToolError(ToolError::c_badInput, "config " + config + ": " + problem);
 }
 
+// A file with more channels than the input stage reads would lose the others without a word.
+inline void checkInputChannels(std::string const& input, unsigned int fileChannels, Module const& stage)
+{
+    if (fileChannels > stage.getNumOutPorts())
+        throw ToolError(ToolError::c_badInput, "input " + input + " has " + std::to_string(fileChannels) +
+                                                   " channels, but the chain's input stage " +
+                                                   stage.getID().str() + " takes " +
+                                                   std::to_string(stage.getNumOutPorts()));
+}
+
 template <class T> T& theOnlyStage(Chain const& chain, std::string const& config, char const* type)
 {
     auto const stages = findStages<T>(chain);

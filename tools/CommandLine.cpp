@@ -2,7 +2,7 @@
 
 #include "dsp/Chain.h"
 #include "dsp/ChainService.h"
-#include "tools/BundledConfigs.h"
+#include "dsp/RomplerData.h"
 #include "tools/ChainClient.h"
 #include "tools/ChainLoader.h"
 #include "tools/ChainReport.h"
@@ -14,8 +14,11 @@
 #include "tools/ModuleReference.h"
 #include "tools/OfflineHost.h"
 #include "tools/ResponseHost.h"
+#include "tools/SoundFileWriter.h"
 #include "tools/StatusReport.h"
+#include "tools/ToolData.h"
 #include "tools/ToolError.h"
+#include "tools/ToolLog.h"
 
 #include <algorithm>
 #include <clocale>
@@ -36,10 +39,10 @@ constexpr char const* c_programName = "orvandeldsp";
 
 constexpr char const* c_usage =
     "usage: orvandeldsp run   [--config FILE] [--period FRAMES] [--format s16|s24|s32] [--meters]\n"
-    "                         [--rate HZ] [--drift PPM] [--detect [--threshold-dir DIR]]\n"
-    "                         [--encode OUT.flac] [--sound N@SECONDS ...]\n"
+    "                         [--type wav|flac|aiff|caf] [--rate HZ] [--drift PPM]\n"
+    "                         [--detect [--threshold-dir DIR]] [--encode OUT.flac] [--sound N@SECONDS ...]\n"
     "                         [--progress|--quiet] [--realtime [--bus system|session]]\n"
-    "                         INPUT.wav OUTPUT.wav\n"
+    "                         INPUT OUTPUT.wav|.flac|.aiff|.caf|-\n"
     "       orvandeldsp live  [--config FILE] (--capture PCM | --input FILE) --playback PCM\n"
     "                         [--rate HZ] [--period FRAMES] [--periods N] [--format s16|s24|s32]\n"
     "                         [--frames N] [--priority N] [--bus system|session | --no-service] [--quiet]\n"
@@ -52,7 +55,8 @@ constexpr char const* c_usage =
     "       orvandeldsp graph [--config FILE] [--format png|svg|pdf] -o OUTPUT\n"
     "       orvandeldsp response [--config FILE] [--rate HZ] [--level DBFS] [--points N] [--from HZ]\n"
     "                            [--to HZ] [--volume PERCENT] [--csv FILE] [-o PLOT.svg|png|pdf]\n"
-    "       orvandeldsp --help | --version | COMMAND --help\n";
+    "       orvandeldsp --help | --version | COMMAND --help\n"
+    "Every command also takes -v (--verbose) for the library's informational lines.\n";
 
 // Chains that check and graph build without audio run at this rate.
 constexpr unsigned int c_checkSampleRate = 48000;
@@ -66,13 +70,15 @@ ToolError usageError(std::string const& problem)
     return ToolError(ToolError::c_badInput, problem + "\n" + c_shortUsage);
 }
 
-// Options of one command, parsed with GOption so that `COMMAND --help` lists them.
+// Options of one command, parsed with GOption so that `COMMAND --help` lists them. Every command
+// takes --verbose, which shows the library's informational log lines too.
 class OptionParser
 {
 public:
     OptionParser(char const* parameters, char const* summary) : m_context(g_option_context_new(parameters))
     {
         g_option_context_set_summary(m_context, summary);
+        add(m_common);
     }
     ~OptionParser() { g_option_context_free(m_context); }
     OptionParser(OptionParser const&) = delete;
@@ -95,15 +101,33 @@ public:
             g_error_free(error);
             throw usageError(message);
         }
+        dropEndOfOptions(argc, argv);
+        ToolLog::setVerbose(m_verbose);
     }
 
 private:
+    // GOption stops at "--" but leaves it among the arguments.
+    static void dropEndOfOptions(int& argc, char** argv)
+    {
+        char** const end = argv + argc;
+        char** const marker =
+            std::find_if(argv + 1, end, [](char const* arg) { return std::strcmp(arg, "--") == 0; });
+        if (marker == end)
+            return;
+        std::copy(marker + 1, end, marker);
+        --argc;
+    }
+
     GOptionContext* m_context;
+    gboolean m_verbose = FALSE;
+    GOptionEntry const m_common[2] = {{"verbose", 'v', 0, G_OPTION_ARG_NONE, &m_verbose,
+                                       "show the library's informational log lines too", nullptr},
+                                      {}};
 };
 
 std::string describeConfigDefault()
 {
-    return "the dsp config file (default: " + BundledConfigs::defaultConfig() + ")";
+    return "the dsp config file (default: " + ToolData::defaultConfig() + ")";
 }
 
 snd_pcm_format_t parsePcmFormat(char const* name)
@@ -117,6 +141,17 @@ snd_pcm_format_t parsePcmFormat(char const* name)
     if (std::strcmp(name, "s32") == 0)
         return SND_PCM_FORMAT_S32_LE;
     throw usageError(std::string("unknown --format ") + name + " (use s16, s24 or s32)");
+}
+
+int parseContainer(std::string const& output, gchar const* type)
+{
+    int const container = SoundFileWriter::containerFor(output, type ? type : "");
+    if (container)
+        return container;
+    if (type)
+        throw usageError(std::string("unknown --type ") + type + " (use wav, flac, aiff or caf)");
+    throw usageError("cannot tell the output's type from its name " + output +
+                     ": end it in .wav, .flac, .aiff or .caf, or give --type");
 }
 
 // Parsed in the C locale whatever the user's, and bounded so that the clock stays a clock.
@@ -163,7 +198,7 @@ void checkRate(gint rate)
 
 std::string configOrDefault(gchar const* config)
 {
-    return config ? config : BundledConfigs::defaultConfig();
+    return config ? config : ToolData::defaultConfig();
 }
 
 int runCommand(int argc, char** argv)
@@ -171,6 +206,7 @@ int runCommand(int argc, char** argv)
     gchar* config = nullptr;
     gint period = 1024;
     gchar* format = nullptr;
+    gchar* type = nullptr;
     gboolean meters = FALSE;
     gboolean progress = FALSE;
     gboolean quiet = FALSE;
@@ -187,8 +223,11 @@ int runCommand(int argc, char** argv)
         {"config", 'c', 0, G_OPTION_ARG_FILENAME, &config, configHelp.c_str(), "FILE"},
         {"period", 'p', 0, G_OPTION_ARG_INT, &period, "frames per period, 1 to 1280 (default 1024)",
          "FRAMES"},
-        {"format", 'f', 0, G_OPTION_ARG_STRING, &format, "output samples (default: the input's bit depth)",
-         "s16|s24|s32"},
+        {"format", 'f', 0, G_OPTION_ARG_STRING, &format,
+         "output samples (default: the input's bit depth, at most s24 in FLAC)", "s16|s24|s32"},
+        {"type", 't', 0, G_OPTION_ARG_STRING, &type,
+         "the output file's type (default: from its name; wav for -, which writes to standard output)",
+         "wav|flac|aiff|caf"},
         {"meters", 'm', 0, G_OPTION_ARG_NONE, &meters, "print the chain's peak meters at the end", nullptr},
         {"progress", 0, 0, G_OPTION_ARG_NONE, &progress, "show progress even when stderr is no terminal",
          nullptr},
@@ -219,16 +258,19 @@ int runCommand(int argc, char** argv)
          "input's end (repeatable)",
          "N@SECONDS"},
         {}};
-    OptionParser parser("INPUT.wav OUTPUT.wav", "Runs a sound file through a dsp chain into a WAV file.");
+    OptionParser parser(
+        "INPUT OUTPUT",
+        "Runs a sound file through a dsp chain into a WAV, FLAC, AIFF or CAF file, or with OUTPUT "
+        "- to standard output (then every line the run prints goes to stderr).");
     parser.add(entries);
     parser.parse(argc, argv);
     std::unique_ptr<gchar, decltype(&g_free)> const configOwner(config, g_free), formatOwner(format, g_free),
-        driftOwner(drift, g_free), thresholdDirOwner(thresholdDir, g_free), busOwner(bus, g_free),
-        encodeOwner(encode, g_free);
+        typeOwner(type, g_free), driftOwner(drift, g_free), thresholdDirOwner(thresholdDir, g_free),
+        busOwner(bus, g_free), encodeOwner(encode, g_free);
     std::unique_ptr<gchar*, decltype(&g_strfreev)> const soundsOwner(sounds, g_strfreev);
 
     if (argc != 3)
-        throw usageError("run needs INPUT.wav and OUTPUT.wav");
+        throw usageError("run needs INPUT and OUTPUT");
     if (period < 1 || period > int(Chain::getMaxNumFramesPerProcessCall()))
         throw usageError("--period must be between 1 and 1280 frames");
     if (progress && quiet)
@@ -242,6 +284,9 @@ int runCommand(int argc, char** argv)
     options.output = argv[2];
     options.periodFrames = unsigned(period);
     options.format = parsePcmFormat(format);
+    options.container = parseContainer(argv[2], type);
+    if (options.container == SF_FORMAT_FLAC && options.format == SND_PCM_FORMAT_S32_LE)
+        throw usageError("FLAC holds at most 24-bit samples: use --format s16 or s24");
     options.meters = meters;
     options.progress = progress || isatty(STDERR_FILENO);
     options.quiet = quiet;
@@ -647,7 +692,7 @@ int dispatch(int argc, char** argv)
     if (command == "--help" || command == "-h") {
         std::printf(
             "%s\n"
-            "  run       runs INPUT.wav through the chain into OUTPUT.wav\n"
+            "  run       runs INPUT through the chain into OUTPUT\n"
             "  live      runs the chain live from a capture device or a file to a playback device\n"
             "  check     reports every problem of the config, or lists its modules in signal-flow order\n"
             "  types     lists the module types, or the ports and parameters of one\n"
@@ -661,8 +706,7 @@ int dispatch(int argc, char** argv)
             "run --realtime and live serve the chain as %s on the system bus as root, else on the\n"
             "session bus, for as long as they play; set and sound reach it on the same bus. live also\n"
             "serves %s there, for status and reload (or send it SIGHUP).\n",
-            c_usage, BundledConfigs::defaultConfig().c_str(), ChainService::c_busName,
-            HostService::c_busName);
+            c_usage, ToolData::defaultConfig().c_str(), ChainService::c_busName, HostService::c_busName);
         return 0;
     }
     if (command == "--version") {
@@ -705,6 +749,8 @@ int CommandLine::run(int argc, char** argv)
     // Numbers in the summary and the meters read the same whatever the user's locale.
     setlocale(LC_NUMERIC, "C");
     g_set_prgname(c_programName);
+    ToolLog::install();
+    RomplerData::setSoundsDirectory(ToolData::soundsDirectory());
     try {
         return dispatch(argc, argv);
     } catch (ToolError const& e) {

@@ -39,9 +39,48 @@ GDBusConnection* ControlBus::connect(GBusType type)
     }
     if (connection)
         return connection;
-    std::string const why = error ? error->message : "unknown error";
+    // A bus that does not accept this user closes the connection before saying why.
+    std::string const why = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CLOSED)
+                                ? "it closed the connection, so it does not accept this user"
+                            : error ? error->message
+                                    : "unknown error";
     g_clear_error(&error);
     throw ToolError(ToolError::c_ioFailure, "cannot reach " + describe(type) + ": " + why);
+}
+
+void ControlBus::tryToOwn(GDBusConnection* connection, char const* name, GBusType type, char const* holder)
+{
+    // RequestName's flag that makes it answer at once instead of queueing, and its answer for success.
+    constexpr guint32 c_doNotQueue = 4;
+    constexpr guint32 c_primaryOwner = 1;
+    std::string const where = std::string(name) + " on " + describe(type);
+    GError* error = nullptr;
+    GVariant* reply = g_dbus_connection_call_sync(
+        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
+        g_variant_new("(su)", name, c_doNotQueue), G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
+        &error);
+    if (!reply) {
+        bool const refused = g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED);
+        g_dbus_error_strip_remote_error(error);
+        std::string const why = error->message;
+        g_error_free(error);
+        if (refused && type == G_BUS_TYPE_SYSTEM)
+            throw ToolError(ToolError::c_ioFailure, "not allowed to own " + where +
+                                                        ": run as root (the bus's policy " + name +
+                                                        ".conf allows root)");
+        if (refused)
+            throw ToolError(ToolError::c_ioFailure, "not allowed to own " + where + " by the bus's policy");
+        throw ToolError(ToolError::c_ioFailure, "could not own " + where + ": " + why);
+    }
+    guint32 answer = 0;
+    g_variant_get(reply, "(u)", &answer);
+    g_variant_unref(reply);
+    if (answer != c_primaryOwner)
+        throw ToolError(ToolError::c_ioFailure, std::string(name) + " is already served on " +
+                                                    describe(type) + " (is " + holder + " going?)");
+    g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                "org.freedesktop.DBus", "ReleaseName", g_variant_new("(s)", name), nullptr,
+                                G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
 }
 
 bool ControlBus::hasOwner(GDBusConnection* connection, char const* name)

@@ -17,6 +17,10 @@ public:
     static std::string describe(GBusType type);
     // A private connection of the caller's own; throws ToolError (I/O failure) when there is no bus.
     static GDBusConnection* connect(GBusType type);
+    // Asks for `name` once and gives it back, so that a name another run holds and a bus policy that
+    // refuses it are told apart at once, each in one line (ToolError); the service then owns it for good.
+    // `holder` says who else may hold it, for example "another live run".
+    static void tryToOwn(GDBusConnection* connection, char const* name, GBusType type, char const* holder);
     // Whether another connection owns `name`; false when the bus does not answer.
     static bool hasOwner(GDBusConnection* connection, char const* name);
     // Runs the thread's main context until `owned` holds; throws ToolError when the bus has not given

@@ -46,8 +46,7 @@ EncodedOutput::EncodedOutput(Chain const& chain, std::string const& config, std:
     }
     m_logSink = Tools::Tracer::get().addSink([this](Tools::LogBufferEntry const& entry) {
         if (!isEncoderError(entry)) {
-            // What the tracer prints itself when nobody listens.
-            g_printerr("%s [%d] %s\n", entry.component.c_str(), entry.level, entry.message.c_str());
+            Tools::Tracer::writeToLog(entry);
             return;
         }
         std::lock_guard<std::mutex> lock(m_errorMutex);

@@ -1,6 +1,7 @@
 #include "tools/FileAudioBuffers.h"
 
 #include <cstring>
+#include <vector>
 
 namespace Zelmar {
 namespace Host {
@@ -15,6 +16,18 @@ void FileAudioBuffers::setNumFrames(unsigned int frames)
 {
     for (auto& channel : m_channels)
         channel.m_numFrames = frames;
+}
+
+void FileAudioBuffers::holdFrame(unsigned int frame, unsigned int frames)
+{
+    for (auto& channel : m_channels) {
+        unsigned int const width = channel.getBytesPerSample();
+        std::vector<uint8_t> const held(channel.bytes() + size_t(frame) * width,
+                                        channel.bytes() + size_t(frame + 1) * width);
+        for (unsigned int f = 0; f < frames; ++f)
+            std::memcpy(channel.bytes() + size_t(f) * width, held.data(), width);
+    }
+    setNumFrames(frames);
 }
 
 namespace {

@@ -19,6 +19,8 @@ public:
 
     // Capture side: the period the chain will read.
     void setNumFrames(unsigned int frames);
+    // Capture side: a period of `frames` copies of frame `frame` of the period before.
+    void holdFrame(unsigned int frame, unsigned int frames);
 
     // Packs channel c's first `frames` samples into every numChannels'th sample of `out`.
     void interleave(uint8_t* out, unsigned int frames) const;

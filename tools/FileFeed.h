@@ -29,6 +29,7 @@ public:
     FileFeed& operator=(FileFeed const&) = delete;
 
     unsigned int getSampleRate() const { return m_reader.getSampleRate(); }
+    unsigned int getNumChannels() const { return m_reader.getNumChannels(); }
 
     // Starts the reader and returns once it is well ahead (or through the file).
     void begin();

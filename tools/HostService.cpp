@@ -101,10 +101,7 @@ HostService::HostService(GBusType bus, Run const& run, LivePeriodLoop const& loo
       m_connection(ControlBus::connect(bus))
 {
     try {
-        if (ControlBus::hasOwner(m_connection, c_busName))
-            throw ToolError(ToolError::c_ioFailure, std::string(c_busName) + " is already served on " +
-                                                        ControlBus::describe(bus) +
-                                                        " (is another live run going?)");
+        ControlBus::tryToOwn(m_connection, c_busName, bus, "another live run");
         m_service = std::make_unique<Tools::DbusService>(m_connection, c_busName, c_objectPath,
                                                          orvandel_dsp_host_dbus_skeleton_get_type());
         gpointer const skeleton = m_service->getSkeleton();

@@ -1,8 +1,10 @@
 #include "tools/LiveHost.h"
 
+#include "dsp/InputStage.h"
 #include "dsp/OutputStage.h"
 #include "tools/AlsaPcm.h"
 #include "tools/ChainReloader.h"
+#include "tools/ChainStages.h"
 #include "tools/FileFeed.h"
 #include "tools/HostService.h"
 #include "tools/LiveChain.h"
@@ -140,6 +142,8 @@ void LiveHost::run(Options const& options)
     needs.sampleRate = rate;
     needs.twoClocks = !feed;
     auto chain = std::make_unique<LiveChain>(options.config, needs);
+    if (feed)
+        checkInputChannels(options.input, feed->getNumChannels(), chain->getInput());
     // A new config must fit the devices as they are opened now.
     needs.playbackChannels = chain->getOutput().getNumInPorts();
 

@@ -13,14 +13,18 @@
 #include "tools/EncodedOutput.h"
 #include "tools/FileAudioBuffers.h"
 #include "tools/RealtimeHost.h"
+#include "tools/ResamplerTail.h"
 #include "tools/SoundFileReader.h"
 #include "tools/SoundFileWriter.h"
 #include "tools/ThresholdDirectory.h"
 #include "tools/ToolError.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <glib.h>
+#include <glib/gstdio.h>
 #include <memory>
+#include <unistd.h>
 #include <vector>
 
 namespace Zelmar {
@@ -96,6 +100,46 @@ void checkLength(Chain const& chain, sf_count_t framesIn, sf_count_t framesOut, 
                                                 "no output written");
 }
 
+// A result written over its input would destroy it, also when it is reached through a link.
+void checkNotInput(std::string const& input, std::string const& result, char const* what)
+{
+    GStatBuf in = {}, out = {};
+    if (g_stat(input.c_str(), &in) == 0 && g_stat(result.c_str(), &out) == 0 && in.st_dev == out.st_dev &&
+        in.st_ino == out.st_ino)
+        throw ToolError(ToolError::c_badInput, std::string(what) + " " + result +
+                                                   " is the input file; name another file for the result");
+}
+
+// A FLAC file holds at most 24 bits; asked for explicitly, 32 is a mistake, followed from the input
+// it is the most FLAC has.
+snd_pcm_format_t outputFormat(Options const& options, int inputSubtype)
+{
+    if (options.format != SND_PCM_FORMAT_UNKNOWN)
+        return options.format;
+    snd_pcm_format_t const format = OfflineHost::formatForSubtype(inputSubtype);
+    return options.container == SF_FORMAT_FLAC && format == SND_PCM_FORMAT_S32_LE ? SND_PCM_FORMAT_S24_3LE
+                                                                                  : format;
+}
+
+// The audio takes standard output; the lines the run prints go to stderr from here on.
+int divertStandardOutput()
+{
+    std::fflush(stdout);
+    int const audio = dup(STDOUT_FILENO);
+    if (audio < 0 || dup2(STDERR_FILENO, STDOUT_FILENO) < 0)
+        throw ToolError(ToolError::c_ioFailure,
+                        std::string("cannot write to standard output: ") + g_strerror(errno));
+    return audio;
+}
+
+std::unique_ptr<SoundFileWriter> makeWriter(Options const& options, SoundFileWriter::Format const& format)
+{
+    unsigned int const maxFrames = Chain::getMaxNumFramesPerProcessCall();
+    if (options.output == "-")
+        return std::make_unique<SoundFileWriter>(divertStandardOutput(), format, maxFrames);
+    return std::make_unique<SoundFileWriter>(options.output, format, maxFrames);
+}
+
 using Features = std::vector<std::unique_ptr<RunFeature>>;
 
 Features makeFeatures(Chain& chain, Options const& options, unsigned int fileRate, unsigned int chainRate,
@@ -160,6 +204,9 @@ snd_pcm_format_t OfflineHost::formatForSubtype(int sndfileSubtype)
 
 void OfflineHost::run(Options const& options)
 {
+    checkNotInput(options.input, options.output, "output");
+    if (!options.encodedOutput.empty())
+        checkNotInput(options.input, options.encodedOutput, "--encode");
     SoundFileReader reader(options.input, options.periodFrames);
     unsigned int const sampleRate = reader.getSampleRate();
     if (sampleRate < c_minSampleRate)
@@ -174,11 +221,11 @@ void OfflineHost::run(Options const& options)
     auto& input = theOnlyStage<InputStage>(*chain, options.config, "input");
     auto& output = theOnlyStage<OutputStage>(*chain, options.config, "output");
     checkRates(input, options, sampleRate, chainRate);
+    checkInputChannels(options.input, reader.getNumChannels(), input);
     auto const features = makeFeatures(*chain, options, sampleRate, chainRate, reader.getNumFrames());
     unsigned int const outChannels = output.getNumInPorts();
 
-    snd_pcm_format_t const format =
-        options.format == SND_PCM_FORMAT_UNKNOWN ? formatForSubtype(reader.getSubtype()) : options.format;
+    snd_pcm_format_t const format = outputFormat(options, reader.getSubtype());
     unsigned int const maxFrames = Chain::getMaxNumFramesPerProcessCall();
     FileAudioBuffers capture(SND_PCM_FORMAT_S32_LE, 2, options.periodFrames);
     FileAudioBuffers playback(format, outChannels, maxFrames);
@@ -189,11 +236,12 @@ void OfflineHost::run(Options const& options)
     if (options.meters)
         chain->enableMeters(true);
 
+    auto const writer = makeWriter(options, {options.container, format, outChannels, chainRate});
     std::unique_ptr<RealtimeHost> realtime;
     if (options.realtime)
         realtime = std::make_unique<RealtimeHost>(*chain, options.bus);
 
-    SoundFileWriter writer(options.output, format, outChannels, chainRate, maxFrames);
+    ResamplerTail tail(input, capture, sampleRate, chainRate);
     bool const showingProgress = options.progress && !options.quiet;
     gint64 const start = g_get_monotonic_time();
     gint64 lastProgress = start;
@@ -207,10 +255,11 @@ void OfflineHost::run(Options const& options)
         for (auto const& feature : features)
             feature->beforePeriod();
         chain->process();
-        writer.writePeriod(playback, playback.getChannel(0).getNumFrames());
+        tail.afterPeriod(frames);
+        writer->writePeriod(playback, playback.getChannel(0).getNumFrames());
         framesIn += frames;
         for (auto const& feature : features)
-            feature->afterPeriod(framesIn, writer.getNumFramesWritten());
+            feature->afterPeriod(framesIn, writer->getNumFramesWritten());
         if (showingProgress && g_get_monotonic_time() - lastProgress >= c_progressInterval) {
             lastProgress = g_get_monotonic_time();
             showProgress(framesIn, reader.getNumFrames(), sampleRate);
@@ -224,10 +273,11 @@ void OfflineHost::run(Options const& options)
     } else
         while (playPeriod() > 0) {
         }
+    tail.flush(*chain, playback, *writer);
     for (auto const& feature : features)
         feature->finish();
-    checkLength(*chain, framesIn, writer.getNumFramesWritten(), sampleRate != chainRate);
-    writer.commit();
+    checkLength(*chain, framesIn, writer->getNumFramesWritten(), sampleRate != chainRate);
+    writer->commit();
     double const wallSeconds = double(g_get_monotonic_time() - start) / 1e6;
 
     if (showingProgress) {
@@ -235,7 +285,7 @@ void OfflineHost::run(Options const& options)
         std::fputc('\n', stderr);
     }
     if (!options.quiet)
-        printSummary(framesIn, writer.getNumFramesWritten(), sampleRate, chainRate, wallSeconds, features);
+        printSummary(framesIn, writer->getNumFramesWritten(), sampleRate, chainRate, wallSeconds, features);
     if (options.meters)
         printMeters(*chain);
 }

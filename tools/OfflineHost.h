@@ -4,6 +4,7 @@
 
 #include <alsa/asoundlib.h>
 #include <gio/gio.h>
+#include <sndfile.h>
 #include <string>
 #include <vector>
 
@@ -11,7 +12,8 @@ namespace Zelmar {
 namespace Host {
 
 // Runs a chain over a sound file instead of a sound card: the file's frames go in period by period
-// through the chain's input stage, and whatever reaches the output stage is written to a WAV file.
+// through the chain's input stage, and whatever reaches the output stage is written to a sound file
+// (WAV, FLAC, AIFF or CAF), or streamed to standard output when the output is "-".
 class OfflineHost
 {
 public:
@@ -19,9 +21,12 @@ public:
     {
         std::string config;
         std::string input;
+        // "-" streams to standard output; the lines the run prints then go to stderr.
         std::string output;
+        // SF_FORMAT_WAV, SF_FORMAT_FLAC, SF_FORMAT_AIFF or SF_FORMAT_CAF.
+        int container = SF_FORMAT_WAV;
         unsigned int periodFrames = 1024;
-        // SND_PCM_FORMAT_UNKNOWN follows the input's bit depth.
+        // SND_PCM_FORMAT_UNKNOWN follows the input's bit depth, at most 24 bits in a FLAC file.
         snd_pcm_format_t format = SND_PCM_FORMAT_UNKNOWN;
         bool meters = false;
         bool progress = false;

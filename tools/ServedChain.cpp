@@ -13,11 +13,8 @@ namespace Host {
 ServedChain::ServedChain(Chain& chain, GBusType bus) : m_bus(bus), m_connection(ControlBus::connect(bus))
 {
     try {
-        // A second run would otherwise only learn from a timeout that the first one has the name.
-        if (ControlBus::hasOwner(m_connection, ChainService::c_busName))
-            throw ToolError(ToolError::c_ioFailure, std::string(ChainService::c_busName) +
-                                                        " is already served on " + ControlBus::describe(bus) +
-                                                        " (is another realtime run going?)");
+        // A second run or a refusing policy would otherwise only show as a timeout.
+        ControlBus::tryToOwn(m_connection, ChainService::c_busName, bus, "another realtime run");
         startService(chain);
         ControlBus::waitUntilOwned([this] { return m_service->isServiceReady(); }, ChainService::c_busName,
                                    bus);

@@ -1,8 +1,11 @@
 #include "tools/SoundFileReader.h"
 
 #include "tools/ToolError.h"
+#include "tools/ToolLog.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <sstream>
 
 namespace Zelmar {
 namespace Host {
@@ -46,6 +49,25 @@ void leftJustify(uint8_t const* in, size_t frameBytes, uint8_t* out, unsigned in
     }
 }
 
+// The frames a WAV header declares, from libsndfile's log, which notes the declared data size when
+// the file holds less ("data : 288000 (should be 143978)") and the bytes per frame ("Block Align : 6").
+// 0 when the log has no such note.
+long long declaredFrames(SNDFILE* file)
+{
+    char log[4096] = {};
+    sf_command(file, SFC_GET_LOG_INFO, log, sizeof log);
+    long long declaredBytes = 0, heldBytes = 0;
+    int blockAlign = 0;
+    bool noted = false;
+    std::istringstream lines(log);
+    for (std::string line; std::getline(lines, line);) {
+        noted = noted ||
+                std::sscanf(line.c_str(), "data : %lld (should be %lld)", &declaredBytes, &heldBytes) == 2;
+        std::sscanf(line.c_str(), " Block Align : %d", &blockAlign);
+    }
+    return noted && blockAlign > 0 ? declaredBytes / blockAlign : 0;
+}
+
 } // namespace
 
 SoundFileReader::SoundFileReader(std::string const& path, unsigned int maxPeriodFrames) : m_path(path)
@@ -53,6 +75,7 @@ SoundFileReader::SoundFileReader(std::string const& path, unsigned int maxPeriod
     m_file = sf_open(path.c_str(), SFM_READ, &m_info);
     if (!m_file)
         throw ToolError(ToolError::c_ioFailure, "cannot read input " + path + ": " + sf_strerror(nullptr));
+    warnOfMissingFrames();
     m_rawBytesPerSample = rawBytesPerSample(m_info.format);
     if (m_rawBytesPerSample) {
         size_t const frameBytes = size_t(m_rawBytesPerSample) * unsigned(m_info.channels);
@@ -63,6 +86,19 @@ SoundFileReader::SoundFileReader(std::string const& path, unsigned int maxPeriod
     // It reads the whole file once to find its peak, which raw reads have no use for.
     sf_command(m_file, SFC_SET_SCALE_FLOAT_INT_READ, nullptr, SF_TRUE);
     m_interleaved.resize(size_t(maxPeriodFrames) * unsigned(m_info.channels));
+}
+
+void SoundFileReader::warnOfMissingFrames()
+{
+    int const container = m_info.format & SF_FORMAT_TYPEMASK;
+    long long const promised =
+        container == SF_FORMAT_WAV || container == SF_FORMAT_WAVEX ? declaredFrames(m_file) : 0;
+    if (promised > m_info.frames)
+        ToolLog::warn("input " + m_path + ": its header promises " + std::to_string(promised) +
+                      " frames, but the file holds " + std::to_string(m_info.frames) +
+                      "; going on with those");
+    else if (m_info.frames == 0)
+        ToolLog::warn("input " + m_path + " holds no audio frames, only a header");
 }
 
 SoundFileReader::~SoundFileReader()

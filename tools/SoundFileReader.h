@@ -11,7 +11,8 @@ namespace Zelmar {
 namespace Host {
 
 // Any file libsndfile reads, delivered period by period to a two-channel S32_LE capture buffer.
-// A mono file feeds both channels; of a file with more channels the first two are used.
+// A mono file feeds both channels. A WAV file whose data ends before its header says, or that holds
+// no frames at all, is read with a warning.
 class SoundFileReader
 {
 public:
@@ -23,6 +24,7 @@ public:
 
     unsigned int getSampleRate() const { return static_cast<unsigned int>(m_info.samplerate); }
     sf_count_t getNumFrames() const { return m_info.frames; }
+    unsigned int getNumChannels() const { return static_cast<unsigned int>(m_info.channels); }
     // The sample encoding, such as SF_FORMAT_PCM_16 or SF_FORMAT_FLOAT.
     int getSubtype() const { return m_info.format & SF_FORMAT_SUBMASK; }
 
@@ -30,6 +32,7 @@ public:
     unsigned int readPeriod(FileAudioBuffers& capture, unsigned int frames);
 
 private:
+    void warnOfMissingFrames();
     unsigned int readConverted(FileAudioBuffers& capture, unsigned int frames);
     unsigned int readRaw(FileAudioBuffers& capture, unsigned int frames);
 

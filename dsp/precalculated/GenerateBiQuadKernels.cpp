@@ -90,7 +90,8 @@ std::string list(int32_t const (&values)[5])
 void writeHeader(std::ofstream& out, std::vector<Kernel> const& kernels)
 {
     out << c_banner
-        << "#pragma once\n\n#include \"dsp/precalculated/PrecalculatedBiQuad.h\"\n\nnamespace Zelmar {\n\n";
+        << "#pragma once\n\n#include \"dsp/precalculated/PrecalculatedBiQuadBody.h\"\n\nnamespace Zelmar "
+           "{\n\n";
     for (auto const& k : kernels)
         out << "void " << k.name << c_signature << ";\n";
     out << "\n} // namespace Zelmar\n";

@@ -1,4 +1,4 @@
-# Included from the root list so that the generated sources can join the orvandeldsp target.
+# Included from the root list so that the generated sources can join the library's objects.
 # The kernels are generated into the build tree by a program that links the design code itself.
 set(ORVANDELDSP_KERNEL_DIR ${CMAKE_CURRENT_BINARY_DIR}/generated/dsp/precalculated)
 set(ORVANDELDSP_KERNEL_OUTPUTS
@@ -24,6 +24,4 @@ add_custom_command(OUTPUT ${ORVANDELDSP_KERNEL_OUTPUTS}
   COMMENT "Generating the precalculated biquad kernels"
   VERBATIM)
 
-target_sources(orvandeldsp PRIVATE dsp/precalculated/PrecalculatedBiQuad.cpp ${ORVANDELDSP_KERNEL_OUTPUTS})
-install(FILES dsp/precalculated/PrecalculatedBiQuad.h ${ORVANDELDSP_KERNEL_DIR}/PrecalculatedBiQuadKernels.h
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${ORVANDELDSP_INCLUDE_SUBDIR}/dsp/precalculated)
+target_sources(orvandeldsp-objects PRIVATE dsp/precalculated/PrecalculatedBiQuad.cpp ${ORVANDELDSP_KERNEL_OUTPUTS})

@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# Installs the build into a scratch prefix and moves it, then uses it as an outside project would:
+# the installed minimal-host example is built with find_package(orvandeldsp) and with pkg-config and
+# runs a chain, every installed header compiles, the library exports no internals, the man page and
+# the completion are there, and the moved tool still finds its sounds. Last, a /usr prefix must give the library /usr/share/orvandel-1.0.
+# Usage: InstalledPackageTest.sh SOURCE_DIR BUILD_DIR TEST_SIGNAL_PROGRAM
+set -euo pipefail
+source_dir=$1
+build_dir=$2
+make_signal=$3
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+fail() { echo "FAILED: $*" >&2; exit 1; }
+
+cmake --install "$build_dir" --prefix "$scratch/installed" > "$scratch/install.log"
+mv "$scratch/installed" "$scratch/prefix"
+prefix=$scratch/prefix
+export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
+example=$prefix/share/doc/orvandeldsp/examples/minimal-host
+config=$prefix/share/orvandel-1.0/configs/default.xml
+
+for installed in share/man/man1/orvandeldsp.1 share/bash-completion/completions/orvandeldsp; do
+  [ -f "$prefix/$installed" ] || fail "$installed is not installed"
+done
+for internal in base/Tracer.h base/HardwaredClient.h dsp/RingBuffer.h dsp/OneWriterOneReaderRingBuffer.h dbus/ChainDbus.h; do
+  [ ! -e "$prefix/include/orvandeldsp-1.0/$internal" ] || fail "$internal is installed"
+done
+exported=$(nm -DC --defined-only "$prefix/lib/liborvandeldsp.so")
+internals='Zelmar::Tools::(Tracer|DbusService)|Zelmar::HardwaredClient|Zelmar::(OneWriterOneReader)?RingBuffer'
+if grep -E " ($internals)|orvandel_dsp_chain_dbus" <<< "$exported"; then
+  fail "the library exports internals"
+fi
+
+(cd "$prefix/include/orvandeldsp-1.0" && find . -name '*.h' | sed 's|^\./\(.*\)|#include "\1"|') > "$scratch/all.cpp"
+g++ -std=c++17 -fsyntax-only $(pkg-config --cflags orvandeldsp-1.0) "$scratch/all.cpp"
+
+cmake -S "$example" -B "$scratch/with-cmake" -DCMAKE_PREFIX_PATH="$prefix" > /dev/null
+cmake --build "$scratch/with-cmake" > /dev/null
+g++ -std=c++17 -o "$scratch/with-pkg-config" "$example/main.cpp" $(pkg-config --cflags --libs orvandeldsp-1.0)
+for host in "$scratch/with-cmake/minimal-host" "$scratch/with-pkg-config"; do
+  LD_LIBRARY_PATH=$prefix/lib "$host" "$config" > "$scratch/host.out"
+  grep -q '^output peak 0\.[1-9]' "$scratch/host.out" || fail "$host: $(cat "$scratch/host.out")"
+done
+
+"$make_signal" "$scratch/in.wav" 1
+"$prefix/bin/orvandeldsp" run -q -c "$prefix/share/orvandel-1.0/configs/sounds.xml" --sound 3@0.1 \
+  "$scratch/in.wav" "$scratch/out.wav" || fail "the moved tool does not play its sounds"
+
+cmake -S "$source_dir" -B "$scratch/usr" -DCMAKE_INSTALL_PREFIX=/usr -DORVANDELDSP_BUILD_TESTS=OFF \
+  -DORVANDELDSP_BUILD_BENCHMARKS=OFF > /dev/null
+grep -rqF 'ORVANDELDSP_DATADIR=\"/usr/share/orvandel-1.0\"' "$scratch/usr" ||
+  fail "a /usr install does not read its sounds from /usr/share/orvandel-1.0"
+echo "installed package OK"

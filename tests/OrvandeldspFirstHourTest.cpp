@@ -1,0 +1,326 @@
+// What a user meets in a first hour with the tool: output types, standard output, inputs it must not
+// destroy or half read, quiet logs, messages that stay on one line, bus refusals, and the man page
+// and completion that describe it.
+#include "support/BackgroundTool.h"
+#include "support/PrivateDbus.h"
+
+#include <algorithm>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace Zelmar::Testing;
+using namespace std::chrono_literals;
+
+using OrvandeldspFirstHourTest = ToolTest;
+
+std::string const c_passthrough = TEST_SOURCE_DIR "/data/passthrough.xml";
+
+std::vector<int32_t> twentyFourBitWords(size_t count)
+{
+    std::vector<int32_t> words;
+    uint32_t state = 7;
+    while (words.size() < count) {
+        state = state * 1664525u + 1013904223u;
+        words.push_back(int32_t(state & 0xFFFFFF00u));
+    }
+    return words;
+}
+
+// The test bus's configuration with one more rule, which it applies to anyone, root included.
+std::string refusingBusConfig(TemporaryDirectory const& scratch, char const* name, std::string const& rule)
+{
+    gchar* text = nullptr;
+    g_file_get_contents(PrivateDbus::getDefaultConfigFile().c_str(), &text, nullptr, nullptr);
+    std::string config = text;
+    g_free(text);
+    config.insert(config.find("</policy>"), rule);
+    return scratch.write(name, config);
+}
+
+// Every "--name" in a text, but the help options GOption adds.
+std::vector<std::string> longOptions(std::string const& text)
+{
+    std::vector<std::string> options;
+    for (size_t at = text.find("--"); at != std::string::npos; at = text.find("--", at + 2)) {
+        size_t const end = text.find_first_not_of("abcdefghijklmnopqrstuvwxyz-", at + 2);
+        std::string const option = text.substr(at, end - at);
+        if (option.size() > 2 && option.rfind("--help", 0) != 0)
+            options.push_back(option);
+    }
+    return options;
+}
+
+} // namespace
+
+TEST_F(OrvandeldspFirstHourTest, FilesFollowTheirNamesAndTheInputIsNeverLostOrCut)
+{
+    auto const input = twentyFourBitWords(2 * 3000);
+    writeSound(path("in.wav"), SF_FORMAT_PCM_24, 2, input);
+    writeSound(path("three.wav"), SF_FORMAT_PCM_24, 3, twentyFourBitWords(3 * 10));
+    writeSound(path("empty.wav"), SF_FORMAT_PCM_16, 2, {});
+    writeSound(path("eight.wav"), SF_FORMAT_PCM_U8, 1, {0x01000000, -0x02000000});
+    // The header still promises 3000 frames; the data stops after 1500.
+    std::string const whole = m_scratch.read("in.wav");
+    m_scratch.write("cut.wav", whole.substr(0, whole.size() - 1500 * 6));
+    symlink(path("in.wav").c_str(), path("link.wav").c_str());
+
+    struct Case
+    {
+        std::vector<std::string> args; // after "run -q -c passthrough.xml"
+        int status;
+        std::string message; // stderr holds it; "" for an empty stderr
+        std::string output;  // the file to read back, if any
+        int format;          // its type and samples
+        bool sameSamples;
+    };
+    std::vector<Case> const cases{
+        {{"in.wav", "out.flac"}, 0, "", "out.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_24, true},
+        {{"in.wav", "out.aiff"}, 0, "", "out.aiff", SF_FORMAT_AIFF | SF_FORMAT_PCM_24, true},
+        {{"in.wav", "out.caf"}, 0, "", "out.caf", SF_FORMAT_CAF | SF_FORMAT_PCM_24, true},
+        {{"--type", "flac", "--format", "s16", "in.wav", "out.x"},
+         0,
+         "",
+         "out.x",
+         SF_FORMAT_FLAC | SF_FORMAT_PCM_16,
+         false},
+        {{"eight.wav", "out.wav"}, 0, "", "out.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, false},
+        {{"--format", "s32", "in.wav", "bad.flac"}, 2, "FLAC holds at most 24-bit samples", "", 0, false},
+        {{"in.wav", "bad.mp3"},
+         2,
+         "cannot tell the output's type from its name " + path("bad.mp3") +
+             ": end it in .wav, .flac, .aiff or .caf, or give "
+             "--type",
+         "",
+         0,
+         false},
+        {{"in.wav", "in.wav"},
+         2,
+         "orvandeldsp: output " + path("in.wav") + " is the input file; name another file",
+         "",
+         0,
+         false},
+        {{"in.wav", "link.wav"}, 2, "output " + path("link.wav") + " is the input file", "", 0, false},
+        {{"three.wav", "out.wav"},
+         2,
+         "orvandeldsp: input " + path("three.wav") +
+             " has 3 channels, but the chain's input stage in takes 2\n",
+         "",
+         0,
+         false},
+        {{"cut.wav", "out.wav"},
+         0,
+         "orvandeldsp: warning: input " + path("cut.wav") +
+             ": its header promises 3000 frames, but the file holds 1500; going on with those\n",
+         "out.wav",
+         SF_FORMAT_WAV | SF_FORMAT_PCM_24,
+         false},
+        {{"empty.wav", "out.wav"},
+         0,
+         "orvandeldsp: warning: input " + path("empty.wav") + " holds no audio frames, only a header\n",
+         "out.wav",
+         SF_FORMAT_WAV | SF_FORMAT_PCM_16,
+         false},
+        {{"in.wav", "-"},
+         2,
+         "orvandeldsp: WAV cannot be streamed to standard output, which is not a file (use --type flac, or "
+         "name an output file)\n",
+         "",
+         0,
+         false},
+    };
+    for (auto const& c : cases) {
+        SCOPED_TRACE(c.args.back());
+        std::vector<std::string> args{"run", "-q", "-c", c_passthrough};
+        for (auto const& arg : c.args)
+            args.push_back(arg.find('.') != std::string::npos ? path(arg) : arg);
+        auto const result = runTool(args);
+        EXPECT_EQ(result.status, c.status) << result.err;
+        if (c.message.empty()) {
+            EXPECT_EQ(result.err, "");
+        } else {
+            EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
+        }
+        if (c.output.empty())
+            continue;
+        Sound const output = readSound(path(c.output));
+        EXPECT_EQ(output.info.format, c.format);
+        if (c.sameSamples) {
+            EXPECT_EQ(output.samples, input);
+        }
+    }
+    EXPECT_EQ(m_scratch.read("in.wav"), whole) << "the input is intact";
+    EXPECT_EQ(readSound(path("out.wav")).samples.size(), 0u) << "the empty input's result";
+
+    // Streamed through a pipe: the FLAC stream on standard output, the summary on stderr. A stream's
+    // header leaves the length open, which libsndfile reads as no frames; flac decodes it.
+    std::string const pipeline = std::string(ORVANDELDSP_TOOL) + " run -c " + c_passthrough + " -t flac " +
+                                 path("in.wav") + " - 2>" + path("summary.txt") + " | cat >" +
+                                 path("streamed.flac");
+    EXPECT_EQ(runProgram({"bash", "-c", pipeline}).status, 0);
+    EXPECT_EQ(m_scratch.read("summary.txt").rfind("orvandeldsp: 3000 frames in, 3000 out", 0), 0u);
+    EXPECT_EQ(runProgram({"flac", "-d", "-s", "-o", path("streamed.wav"), path("streamed.flac")}).status, 0);
+    EXPECT_EQ(readSound(path("streamed.wav")).samples, input);
+}
+
+TEST_F(OrvandeldspFirstHourTest, LibraryLinesShowByLevelAndConfigTextStaysOnItsLine)
+{
+    writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, {0, 0, 0, 0});
+    m_scratch.write("ok.flac", "not a FLAC stream");
+    std::string const lineIn = PROJECT_SOURCE_DIR "/configs/line-in.xml";
+    std::string const sounds = PROJECT_SOURCE_DIR "/configs/sounds.xml";
+    std::string const notice = "orvandeldsp: line-in-detector : no measured signal threshold yet";
+    std::string const error = "orvandeldsp: error: RomplerData::errorCallback(): got error callback";
+    struct Case
+    {
+        std::vector<std::string> args;
+        std::string line;
+        bool shown;
+    };
+    std::vector<Case> const cases{
+        {{"run", "-c", lineIn, path("in.wav"), path("out.wav")}, notice, false},
+        {{"run", "--verbose", "-c", lineIn, path("in.wav"), path("out.wav")}, notice, true},
+        {{"run", "-q", "-c", sounds, "--sound", "3@0", path("in.wav"), path("out.wav")}, error, true},
+    };
+    g_setenv("ORVANDELDSP_SOUNDS_DIR", m_dir.c_str(), TRUE);
+    for (auto const& c : cases) {
+        SCOPED_TRACE(c.args[1]);
+        auto const result = runTool(c.args);
+        EXPECT_EQ(result.status, 0) << result.err;
+        EXPECT_EQ(result.err.find(c.line) != std::string::npos, c.shown) << result.err;
+    }
+    g_unsetenv("ORVANDELDSP_SOUNDS_DIR");
+
+    // What run refuses, check finds, in the same words.
+    std::string const noInput =
+        writeConfig("no-input.xml", "<dsp><module type=\"output\" id=\"out\"/></dsp>");
+    for (auto const& args : {std::vector<std::string>{"check", "-c", noInput},
+                             std::vector<std::string>{"run", "-c", noInput, path("in.wav"), path("out.wav")}})
+        EXPECT_EQ(runTool(args).err,
+                  "orvandeldsp: config " + noInput +
+                      ": the chain has no input stage (a module of type input or resampler)\n");
+
+    // Ids and values are quoted with their control characters escaped, each problem on its line.
+    std::string const config =
+        writeConfig("escapes.xml",
+                    "<dsp><module type=\"input\" id=\"in\"/><module type=\"gain\" id=\"g\x01h\"><parameter "
+                    "id=\"gain\">\n  two\n</parameter></module><module type=\"output\" id=\"out\"/>"
+                    "<cable out=\"in[0]\" in=\"g\x01h[0]\"/></dsp>");
+    auto const result = runTool({"check", "-c", config});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(result.err.find("parameter gain of module g\\x01h: \"\\n  two\\n\" is not a number\n"),
+              std::string::npos)
+        << result.err;
+    EXPECT_EQ(std::count_if(result.err.begin(), result.err.end(),
+                            [](char c) { return static_cast<unsigned char>(c) < 0x20 && c != '\n'; }),
+              0)
+        << result.err;
+}
+
+TEST_F(OrvandeldspFirstHourTest, ServedChainsAndRefusingBusesAnswerInOneLine)
+{
+    writeSound(path("short.wav"), SF_FORMAT_PCM_16, 2, std::vector<int32_t>(2 * 2400, 0));
+    writeSound(path("long.wav"), SF_FORMAT_PCM_16, 2, std::vector<int32_t>(2 * 5 * 48000, 0));
+    auto const serve = [&](char const* bus, bool verbose) {
+        std::vector<std::string> args{"run", "--realtime", "--bus", bus, path("short.wav"), path("out.wav")};
+        if (verbose)
+            args.insert(args.begin() + 1, "-v");
+        return args;
+    };
+    std::string const owns = "orvandeldsp: DbusService: owns com.orvandeldsp.Chain";
+
+    PrivateDbus session;
+    ScopedBusAddress const sessionAddress("DBUS_SESSION_BUS_ADDRESS", session.getAddress());
+    EXPECT_EQ(runTool(serve("session", false)).err, "");
+    EXPECT_NE(runTool(serve("session", true)).err.find(owns), std::string::npos);
+    BackgroundTool served({"run", "--realtime", "--bus", "session", path("long.wav"), path("long-out.wav")},
+                          session.getAddress());
+    ASSERT_EQ(served.readLine(10s), "orvandeldsp: serving com.orvandeldsp.Chain on the session bus");
+
+    PrivateDbus refusingOwners(
+        refusingBusConfig(m_scratch, "no-owner.conf", "<deny own=\"com.orvandeldsp.Chain\"/>"));
+    PrivateDbus refusingCallers(refusingBusConfig(
+        m_scratch, "no-caller.conf",
+        "<deny send_destination=\"com.orvandeldsp.Chain\" send_interface=\"com.orvandeldsp.Chain\"/>"));
+    BackgroundTool refused(
+        {"run", "--realtime", "--bus", "session", path("long.wav"), path("refused-out.wav")},
+        refusingCallers.getAddress());
+    ASSERT_EQ(refused.readLine(10s), "orvandeldsp: serving com.orvandeldsp.Chain on the session bus");
+
+    struct Case
+    {
+        std::string systemBus;
+        std::vector<std::string> args;
+        int status;
+        std::string err;
+    };
+    std::vector<Case> const cases{
+        {session.getAddress(), {"set", "--bus", "system", "--", "volume", "gain", "-3"}, 0, ""},
+        {session.getAddress(),
+         {"set", "--bus", "system", "volume", "gain", "abc"},
+         1,
+         "orvandeldsp: parameter gain of module volume: \"abc\" is not a number\n"},
+        {refusingCallers.getAddress(),
+         {"set", "--bus", "system", "volume", "gain", "-3"},
+         1,
+         "orvandeldsp: not allowed to control com.orvandeldsp.Chain on the system bus: run as root or as a "
+         "member of group audio\n"},
+        {refusingOwners.getAddress(), serve("system", false), 1,
+         "orvandeldsp: not allowed to own com.orvandeldsp.Chain on the system bus: run as root (the bus's "
+         "policy com.orvandeldsp.Chain.conf allows root)\n"},
+    };
+    for (auto const& c : cases) {
+        SCOPED_TRACE(c.args.back());
+        ScopedBusAddress const systemAddress("DBUS_SYSTEM_BUS_ADDRESS", c.systemBus);
+        auto const result = runTool(c.args);
+        EXPECT_EQ(result.status, c.status);
+        EXPECT_EQ(result.err, c.err);
+    }
+}
+
+TEST_F(OrvandeldspFirstHourTest, TheManPageAndTheCompletionKnowEveryCommandAndOption)
+{
+    std::string const manPage = PROJECT_SOURCE_DIR "/tools/orvandeldsp.1";
+    gchar* text = nullptr;
+    ASSERT_TRUE(g_file_get_contents(manPage.c_str(), &text, nullptr, nullptr));
+    std::string const page = text;
+    g_free(text);
+    auto const inRoff = [](std::string option) {
+        for (size_t at = option.find('-'); at != std::string::npos; at = option.find('-', at + 2))
+            option.insert(at, "\\");
+        return option;
+    };
+    std::istringstream help(runTool({"--help"}).out);
+    std::vector<std::string> commands;
+    for (std::string line; std::getline(help, line);) {
+        if (line.size() > 12 && line.compare(0, 2, "  ") == 0 && line[2] != ' ' && line.find("  ", 2) < 12)
+            commands.push_back(line.substr(2, line.find(' ', 2) - 2));
+    }
+    EXPECT_EQ(commands.size(), 10u);
+    for (auto const& command : commands) {
+        EXPECT_NE(page.find(".SS " + command + "\n"), std::string::npos) << command;
+        for (auto const& option : longOptions(runTool({command, "--help"}).out))
+            EXPECT_NE(page.find(inRoff(option)), std::string::npos) << command << " " << option;
+    }
+    EXPECT_EQ(runProgram({"groff", "-man", "-ww", "-z", manPage}).err, "") << "groff warns";
+
+    struct Completion
+    {
+        std::string words;
+        std::string expected;
+    };
+    for (auto const& c : std::vector<Completion>{{"r", "run response reload"},
+                                                 {"run --ty", "--type"},
+                                                 {"run --type ", "wav flac aiff caf"},
+                                                 {"types ga", "gain"},
+                                                 {"sound ", "play loop stop"}}) {
+        SCOPED_TRACE(c.words);
+        std::string const script =
+            "source " PROJECT_SOURCE_DIR "/tools/orvandeldsp.bash-completion; COMP_WORDS=(" +
+            std::string(ORVANDELDSP_TOOL) + " " + c.words + (c.words.back() == ' ' ? "''" : "") +
+            "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _orvandeldsp; echo \"${COMPREPLY[*]}\"";
+        EXPECT_EQ(runProgram({"bash", "-c", script}).out, c.expected + "\n");
+    }
+}
