@@ -37,6 +37,15 @@ int takeHeapCallsOfWatchedThreads()
 #endif
 #endif
 
+bool Zelmar::Testing::runsUnderASanitizer()
+{
+#ifdef ORVANDELDSP_SANITIZED_HEAP
+    return true;
+#else
+    return false;
+#endif
+}
+
 #ifdef ORVANDELDSP_SANITIZED_HEAP
 // A sanitizer owns the allocator and cannot be interposed; it reports every heap call to hooks instead.
 #include <sanitizer/allocator_interface.h>

@@ -9,6 +9,8 @@ void watchHeapOnThisThread(bool watch);
 int takeHeapCallsOfWatchedThreads();
 // Bytes the program holds on the heap now, all threads together.
 long heapBytesInUse();
+// A sanitizer's shadow memory and histories grow the resident set of every process it watches.
+bool runsUnderASanitizer();
 
 } // namespace Testing
 } // namespace Zelmar
