@@ -98,6 +98,7 @@ TEST_F(OrvandeldspCrossTargetTest, WritesTheSameBytesAsTheReferenceTool)
         {"drift-slow", "drift.xml", "music.wav", {"--drift", "-400", "--format", "s16"}, false},
         {"detect", "line-in.xml", "line-in.wav", {"--detect", "--threshold-dir", m_dir}, false},
         {"encode", "line-in.xml", "music.wav", {"--period", "441"}, true},
+        {"live-line-in", "live-line-in.xml", "music.wav", {"--meters", "--format", "s16"}, false},
     };
     std::set<std::string> untried = configNames();
     for (auto const& r : runs) {
