@@ -129,8 +129,9 @@ void printSummary(LiveTelemetry const& telemetry, LiveHost::Options const& optio
 // The chain playing at the end, over the periods since it began to play (after a reload: since then).
 void printProfile(Chain const& chain, unsigned int periodFrames, uint64_t wallNanoseconds)
 {
-    std::fputs(profileReport(chain, chain.getNumProfiledPeriods() * periodFrames, wallNanoseconds).c_str(),
-               stdout);
+    std::string const report = profileReport(chain, chain.getNumProfiledPeriods() * periodFrames,
+                                             wallNanoseconds, "waiting for the devices, moving periods");
+    std::fputs(report.c_str(), stdout);
     std::fflush(stdout);
 }
 

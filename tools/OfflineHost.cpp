@@ -292,7 +292,9 @@ void OfflineHost::run(Options const& options)
     if (options.meters)
         printMeters(*chain);
     if (options.profile) {
-        std::fputs(profileReport(*chain, uint64_t(framesIn), uint64_t(wallMicroseconds) * 1000).c_str(),
+        std::fputs(profileReport(*chain, uint64_t(framesIn), uint64_t(wallMicroseconds) * 1000,
+                                 "reading, converting, writing")
+                       .c_str(),
                    stdout);
         std::fflush(stdout);
     }

@@ -11,12 +11,12 @@ namespace Host {
 
 namespace {
 
-std::string format(char const* pattern, std::string const& id, int idWidth, std::string const& type,
+std::string format(std::string const& pattern, std::string const& id, int idWidth, std::string const& type,
                    int typeWidth, double nsPerFrame, double percent)
 {
     char line[512];
-    std::snprintf(line, sizeof line, pattern, idWidth, id.c_str(), typeWidth, type.c_str(), nsPerFrame,
-                  percent);
+    std::snprintf(line, sizeof line, pattern.c_str(), idWidth, id.c_str(), typeWidth, type.c_str(),
+                  nsPerFrame, percent);
     return line;
 }
 
@@ -32,7 +32,8 @@ double percentOf(uint64_t part, uint64_t whole)
 
 } // namespace
 
-std::string profileReport(Chain const& chain, uint64_t frames, uint64_t wallNanoseconds)
+std::string profileReport(Chain const& chain, uint64_t frames, uint64_t wallNanoseconds,
+                          std::string const& hostDoes)
 {
     auto const times = chain.getProfile();
     if (times.empty())
@@ -56,11 +57,9 @@ std::string profileReport(Chain const& chain, uint64_t frames, uint64_t wallNano
     uint64_t const wall = std::max(wallNanoseconds, chainNanoseconds);
     report += format("orvandeldsp profile: %-*s %-*s %9.2f ns/frame %5.1f %% of the run\n", "chain", idWidth,
                      "", typeWidth, perFrame(chainNanoseconds, frames), percentOf(chainNanoseconds, wall));
-    report +=
-        format("orvandeldsp profile: %-*s %-*s %9.2f ns/frame %5.1f %% of the run (reading, converting, "
-               "writing)\n",
-               "host", idWidth, "", typeWidth, perFrame(wall - chainNanoseconds, frames),
-               percentOf(wall - chainNanoseconds, wall));
+    report += format("orvandeldsp profile: %-*s %-*s %9.2f ns/frame %5.1f %% of the run (" + hostDoes + ")\n",
+                     "host", idWidth, "", typeWidth, perFrame(wall - chainNanoseconds, frames),
+                     percentOf(wall - chainNanoseconds, wall));
     return report;
 }
 
