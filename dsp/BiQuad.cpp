@@ -45,8 +45,35 @@ void BiQuad::lookUpPrecalculatedKernel(ParameterSet const& ps)
 {
     if (m_precalculatedKernelLookedUpFor == &ps)
         return;
-    m_precalculatedKernel = findPrecalculatedBiQuad(ps.b0, ps.b1, ps.b2, ps.a1, ps.a2);
+    m_precalculatedEntry = findPrecalculatedBiQuadEntry(ps.b0, ps.b1, ps.b2, ps.a1, ps.a2);
+    m_precalculatedKernel = m_precalculatedEntry ? m_precalculatedEntry->kernel : nullptr;
     m_precalculatedKernelLookedUpFor = &ps;
+}
+
+void BiQuad::prepareCascadeSection(CascadeSection& section)
+{
+    auto const* ps = static_cast<ParameterSet const*>(getCurrentParameterSet());
+    section.sharedB1A1 = false;
+    if (!ps) {
+        // Before the first set the state is still zero, which the identity keeps.
+        section.coefficients = {tSample(tSample::tFundamental(1) << 27), {}, {}, {}, {}};
+        return;
+    }
+    lookUpPrecalculatedKernel(*ps);
+    section.coefficients = *ps;
+    if (PrecalculatedBiQuadEntry const* entry = m_precalculatedEntry) {
+        // The kernel's own constants: the match is to 10^-5, not to the bit.
+        int32_t const* raw = entry->raw;
+        section.coefficients = {tSample(raw[0]), tSample(raw[1]), tSample(raw[2]), tSample(raw[3]),
+                                tSample(raw[4])};
+        section.sharedB1A1 = entry->sharesB1A1();
+    }
+}
+
+void BiQuad::bindCascadeState(CascadeSection& section)
+{
+    section.z1[0] = &m_z1;
+    section.z2[0] = &m_z2;
 }
 
 void BiQuad::process()

@@ -31,6 +31,13 @@ public:
     // Which kernel runs the coefficients now in force (null: the generic loop); audio thread only.
     tBiQuadKernel getPrecalculatedKernel() const { return m_precalculatedKernel; }
 
+    // For a fused cascade, in place of process(): takes a pending parameter set as process() would and
+    // gives the section that process() would run, the kernel's constants and form when one matches, or
+    // the identity before the first set. Audio thread.
+    void prepareCascadeSection(CascadeSection& section);
+    // Where the state of each channel lives, for the cascade's sections.
+    virtual void bindCascadeState(CascadeSection& section);
+
 protected:
     // A designed section must fit Q4.27, and the types that divide by Q need it above 0.
     void checkParameters(Parameters const& parameters, unsigned int sampleRate) const override;
@@ -39,6 +46,7 @@ protected:
     void lookUpPrecalculatedKernel(ParameterSet const& ps);
 
     tBiQuadKernel m_precalculatedKernel = nullptr;
+    PrecalculatedBiQuadEntry const* m_precalculatedEntry = nullptr;
     ParameterSet const* m_precalculatedKernelLookedUpFor = nullptr;
 
 private:

@@ -114,6 +114,51 @@ void runStereoBiQuadCascadeScalar(BiQuadSection const* sections, StereoBiQuadSta
     run(sections, states, gain, inL, inR, outL, outR, numFrames);
 }
 
+namespace {
+
+using tSectionLoop = void (*)(BiQuadSection const&, tSample const*, tSample*, unsigned int, tSample&,
+                              tSample&);
+
+// Section after section over the buffer, each with the loop its module would run.
+void runSectionAfterSection(CascadeSection const* sections, unsigned int numSections,
+                            unsigned int numChannels, tSample const* const* in, tSample* const* out,
+                            unsigned int numFrames, tSectionLoop generic, tSectionLoop shared)
+{
+    for (unsigned int channel = 0; channel < numChannels; ++channel) {
+        tSample const* from = in[channel];
+        for (unsigned int k = 0; k < numSections; ++k) {
+            CascadeSection const& s = sections[k];
+            (s.sharedB1A1 ? shared : generic)(s.coefficients, from, out[channel], numFrames, *s.z1[channel],
+                                              *s.z2[channel]);
+            from = out[channel];
+        }
+    }
+}
+
+} // namespace
+
+void runBiQuadCascade(CascadeSection const* sections, unsigned int numSections, unsigned int numChannels,
+                      tSample const* const* in, tSample* const* out, unsigned int numFrames)
+{
+    VectorLoops const* vector = vectorLoops();
+    if (vector && vector->biQuadCascade)
+        return vector->biQuadCascade(sections, numSections, numChannels, in, out, numFrames);
+    runSectionAfterSection(sections, numSections, numChannels, in, out, numFrames, &runMonoBiQuad,
+                           &runMonoBiQuadSharedB1A1);
+}
+
+void runBiQuadCascadeScalar(CascadeSection const* sections, unsigned int numSections,
+                            unsigned int numChannels, tSample const* const* in, tSample* const* out,
+                            unsigned int numFrames)
+{
+    runSectionAfterSection(
+        sections, numSections, numChannels, in, out, numFrames,
+        [](BiQuadSection const& c, tSample const* from, tSample* to, unsigned int n, tSample& z1,
+           tSample& z2) { runBiQuadLoop(c, from, to, n, z1, z2); },
+        [](BiQuadSection const& c, tSample const* from, tSample* to, unsigned int n, tSample& z1,
+           tSample& z2) { runBiQuadLoopSharedB1A1(c, from, to, n, z1, z2); });
+}
+
 void runMonoBiQuadScalar(BiQuadSection const& section, bool sharedB1A1, tSample const* in, tSample* out,
                          unsigned int numFrames, tSample& z1, tSample& z2)
 {

@@ -144,4 +144,26 @@ void runStereoBiQuadCascadeScalar(BiQuadSection const* sections, StereoBiQuadSta
                                   unsigned int numSections, bool applyGain, tSample gain, tSample const* inL,
                                   tSample const* inR, tSample* outL, tSample* outR, unsigned int numFrames);
 
+// One section of a fused cascade: the coefficients and the loop (runBiQuadLoop, or the shared form of
+// runBiQuadLoopSharedB1A1) that its module would run on its own, and its state per channel.
+struct CascadeSection
+{
+    BiQuadSection coefficients;
+    bool sharedB1A1;
+    tSample* z1[2];
+    tSample* z2[2];
+};
+
+// Runs numSections sections one after another over one channel (numChannels 1) or both of a pair (2),
+// from in to out (in == out is safe), with every output bit that each section's own loop would give on
+// each channel in turn, state included.
+void runBiQuadCascade(CascadeSection const* sections, unsigned int numSections, unsigned int numChannels,
+                      tSample const* const* in, tSample* const* out, unsigned int numFrames);
+
+// The same section after section with the scalar loops, whatever the processor offers; the reference the
+// vector path is tested against.
+void runBiQuadCascadeScalar(CascadeSection const* sections, unsigned int numSections,
+                            unsigned int numChannels, tSample const* const* in, tSample* const* out,
+                            unsigned int numFrames);
+
 } // namespace Zelmar

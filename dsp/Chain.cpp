@@ -1,6 +1,7 @@
 #include "dsp/Chain.h"
 
 #include "base/Tracer.h"
+#include "dsp/BiQuad.h"
 #include "dsp/ChainParser.h"
 #include "dsp/ModuleFactory.h"
 #include "dsp/OutputStage.h"
@@ -121,6 +122,72 @@ void Chain::compile()
     for (auto const& module : m_modules)
         module->postSetup(c_maxFramesPerProcessCall);
     ZELMAR_ASSERT(countOfModules == m_modules.size());
+    findSteps();
+    bool const profiling = m_profile.load() != nullptr;
+    m_profile.store(nullptr);
+    m_profileStorage.reset();
+    enableProfile(profiling);
+}
+
+void Chain::findSteps()
+{
+    m_steps.clear();
+    m_cascades.clear();
+    std::vector<Module*> const order = [this] {
+        std::vector<Module*> modules;
+        for (auto const& module : m_modules)
+            modules.push_back(module.get());
+        return modules;
+    }();
+    for (std::size_t first = 0; first < order.size();) {
+        std::size_t end = first + 1;
+        while (m_fuseCascades && end < order.size() && BiQuadCascade::canFollow(*order[end - 1], *order[end]))
+            ++end;
+        if (end - first == 1) {
+            m_steps.push_back({order[first], nullptr, first, 1});
+        } else {
+            std::vector<BiQuad*> members;
+            for (std::size_t k = first; k < end; ++k)
+                members.push_back(static_cast<BiQuad*>(order[k]));
+            m_cascades.push_back(std::make_unique<BiQuadCascade>(std::move(members)));
+            m_steps.push_back({nullptr, m_cascades.back().get(), first, end - first});
+        }
+        first = end;
+    }
+}
+
+void Chain::enableProfile(bool enable)
+{
+    // Figures are kept until the next compile(), which no process() runs beside, so a profile switched
+    // off while audio runs is never freed under it.
+    if (enable && !m_profileStorage)
+        m_profileStorage = std::make_unique<ChainProfile>(m_modules.size());
+    m_profile.store(enable ? m_profileStorage.get() : nullptr, std::memory_order_release);
+}
+
+std::vector<Chain::ModuleTime> Chain::getProfile() const
+{
+    std::vector<ModuleTime> times;
+    ChainProfile const* profile = m_profile.load(std::memory_order_acquire);
+    if (!profile)
+        return times;
+    std::size_t index = 0;
+    for (auto const& module : m_modules) {
+        if (index < profile->getNumModules())
+            times.push_back({module, profile->getNanoseconds(index), false});
+        ++index;
+    }
+    for (Step const& step : m_steps) {
+        for (std::size_t k = 0; step.cascade && !m_metersEnabled && k < step.numModules; ++k)
+            times[step.firstModule + k].fused = true;
+    }
+    return times;
+}
+
+uint64_t Chain::getNumProfiledPeriods() const
+{
+    ChainProfile const* profile = m_profile.load(std::memory_order_acquire);
+    return profile ? profile->getNumPeriods() : 0;
 }
 
 void Chain::replaceShortcutWires()
@@ -214,11 +281,47 @@ void Chain::addModulesSortedBySignalFlow(std::shared_ptr<Module> const& sink, tF
 
 void Chain::process()
 {
+    ChainProfile* const profile = m_profile.load(std::memory_order_acquire);
+    if (m_metersEnabled)
+        return processMetered(profile);
+    if (profile)
+        return processProfiled(*profile);
+    for (Step const& step : m_steps)
+        step.run();
+}
+
+// Module by module: each output is metered before a module working in place on its buffer changes it.
+void Chain::processMetered(ChainProfile* profile)
+{
+    std::size_t index = 0;
+    uint64_t before = profile ? ChainProfile::now() : 0;
     for (auto const& module : m_modules) {
         module->process();
-        if (m_metersEnabled)
-            module->storeMeters();
+        module->storeMeters();
+        if (profile) {
+            uint64_t const after = ChainProfile::now();
+            profile->add(index++, after - before);
+            before = after;
+        }
     }
+    if (profile)
+        profile->countPeriod();
+}
+
+void Chain::processProfiled(ChainProfile& profile)
+{
+    uint64_t before = ChainProfile::now();
+    for (Step const& step : m_steps) {
+        step.run();
+        uint64_t const after = ChainProfile::now();
+        uint64_t const elapsed = after - before;
+        // A cascade's sections each cost alike, so its modules share its time equally.
+        for (std::size_t k = 0; k < step.numModules; ++k)
+            profile.add(step.firstModule + k,
+                        elapsed / step.numModules + (k == 0 ? elapsed % step.numModules : 0));
+        before = after;
+    }
+    profile.countPeriod();
 }
 
 void Chain::allocateMeters()

@@ -1,10 +1,13 @@
 #pragma once
 
 #include "base/String.h"
+#include "dsp/BiQuadCascade.h"
+#include "dsp/ChainProfile.h"
 #include "dsp/Export.h"
 #include "dsp/HiddenVolumeManager.h"
 #include "dsp/Module.h"
 
+#include <atomic>
 #include <list>
 #include <map>
 #include <memory>
@@ -37,8 +40,27 @@ public:
     std::shared_ptr<Module> parseWireModule(Tools::String const& portSpec) const;
     unsigned int parseWirePort(Tools::String const& portSpec) const;
 
+    // Also finds the series of biquad modules that process() runs as one cascade each (see
+    // BiQuadCascade), unless fusing is switched off.
     void compile();
     void process();
+    // Whether the next compile() fuses cascades; on by default. The output is the same either way.
+    void fuseCascades(bool fuse) { m_fuseCascades = fuse; }
+
+    // From now on, times every module's process() (see ChainProfile); control thread, also while audio
+    // runs. A compile() starts the figures afresh.
+    void enableProfile(bool enable);
+    struct ModuleTime
+    {
+        std::shared_ptr<Module> module;
+        uint64_t nanoseconds;
+        // Run in a fused cascade, whose time is shared out equally among its modules.
+        bool fused;
+    };
+    // In signal-flow order; empty unless profiling is enabled.
+    std::vector<ModuleTime> getProfile() const;
+    // The process() calls those figures cover; 0 unless profiling is enabled.
+    uint64_t getNumProfiledPeriods() const;
 
     void enableMeters(bool enable) { m_metersEnabled = enable; }
     void allocateMeters();
@@ -69,6 +91,26 @@ private:
     using tFeeders = std::map<Module*, std::vector<std::shared_ptr<Module>>>;
     void addModulesSortedBySignalFlow(std::shared_ptr<Module> const& sink, tFeeders const& feeders);
     void append(std::shared_ptr<Module> const& module);
+    void findSteps();
+    void processMetered(ChainProfile* profile);
+    void processProfiled(ChainProfile& profile);
+
+    // What process() runs in turn: a module, or a cascade of the modules from firstModule on.
+    struct Step
+    {
+        Module* module;
+        BiQuadCascade* cascade;
+        std::size_t firstModule;
+        std::size_t numModules;
+
+        void run() const
+        {
+            if (cascade)
+                cascade->process();
+            else
+                module->process();
+        }
+    };
 
     HiddenVolumeManager m_hiddenVolumeManager;
     unsigned int m_sampleRate;
@@ -76,6 +118,12 @@ private:
     std::map<Tools::String, std::shared_ptr<Module>> m_modulesById;
     tWires m_wires;
     mutable bool m_metersEnabled = false;
+    bool m_fuseCascades = true;
+    std::vector<Step> m_steps;
+    std::vector<std::unique_ptr<BiQuadCascade>> m_cascades;
+    std::unique_ptr<ChainProfile> m_profileStorage;
+    // Null while not profiling; replaced only while no process() runs.
+    std::atomic<ChainProfile*> m_profile{nullptr};
 };
 
 } // namespace Zelmar

@@ -31,4 +31,12 @@ void StereoBiQuad::process()
     }
 }
 
+void StereoBiQuad::bindCascadeState(CascadeSection& section)
+{
+    for (unsigned int channel = 0; channel < 2; ++channel) {
+        section.z1[channel] = &m_state.z1[channel];
+        section.z2[channel] = &m_state.z2[channel];
+    }
+}
+
 } // namespace Zelmar

@@ -15,6 +15,7 @@ public:
     unsigned int getNumOutPorts() const override { return 2; }
     unsigned int getNumInPorts() const override { return 2; }
     void process() override;
+    void bindCascadeState(CascadeSection& section) override;
 
 private:
     StereoBiQuadState m_state;

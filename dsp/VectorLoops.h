@@ -16,6 +16,7 @@ namespace Zelmar {
 
 struct BiQuadSection;
 struct StereoBiQuadState;
+struct CascadeSection;
 
 // Vector forms of scalar loops, each with exactly the bits of the loop it replaces (named beside it).
 struct VectorLoops
@@ -35,6 +36,9 @@ struct VectorLoops
                                  unsigned int numFrames, tSample& z1, tSample& z2);
     // Every sample becomes sample * gain, as AudioBuffer::amplify.
     void (*amplify)(tSample* samples, unsigned int numSamples, tSample gain);
+    // runBiQuadCascade; null where the sections run one after another with the loops above.
+    void (*biQuadCascade)(CascadeSection const* sections, unsigned int numSections, unsigned int numChannels,
+                          tSample const* const* in, tSample* const* out, unsigned int numFrames);
 };
 
 // The loops for this target and processor, or null where there are none.

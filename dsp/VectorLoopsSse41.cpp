@@ -205,9 +205,13 @@ __attribute__((target("sse4.1"))) void amplifySse41(tSample* samples, unsigned i
 } // namespace
 
 extern VectorLoops const c_sse41Loops;
-VectorLoops const c_sse41Loops = {
-    "sse4.1",     &runSse41<1, false>, &runSse41<3, true>, &runMonoSse41<false>, &runMonoSse41<true>,
-    &amplifySse41};
+VectorLoops const c_sse41Loops = {"sse4.1",
+                                  &runSse41<1, false>,
+                                  &runSse41<3, true>,
+                                  &runMonoSse41<false>,
+                                  &runMonoSse41<true>,
+                                  &amplifySse41,
+                                  nullptr};
 
 } // namespace Zelmar
 

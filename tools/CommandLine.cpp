@@ -38,7 +38,8 @@ namespace {
 constexpr char const* c_programName = "orvandeldsp";
 
 constexpr char const* c_usage =
-    "usage: orvandeldsp run   [--config FILE] [--period FRAMES] [--format s16|s24|s32] [--meters]\n"
+    "usage: orvandeldsp run   [--config FILE] [--period FRAMES] [--format s16|s24|s32] [--meters] "
+    "[--profile]\n"
     "                         [--type wav|flac|aiff|caf] [--rate HZ] [--drift PPM]\n"
     "                         [--detect [--threshold-dir DIR]] [--encode OUT.flac] [--sound N@SECONDS ...]\n"
     "                         [--progress|--quiet] [--realtime [--bus system|session]]\n"
@@ -46,6 +47,7 @@ constexpr char const* c_usage =
     "       orvandeldsp live  [--config FILE] (--capture PCM | --input FILE) --playback PCM\n"
     "                         [--rate HZ] [--period FRAMES] [--periods N] [--format s16|s24|s32]\n"
     "                         [--frames N] [--priority N] [--bus system|session | --no-service] [--quiet]\n"
+    "                         [--profile]\n"
     "       orvandeldsp set   [--bus system|session] MODULE KEY VALUE | --file PARAMS.txt\n"
     "       orvandeldsp sound [--bus system|session] play N | loop N INTERVAL_MS | stop ID\n"
     "       orvandeldsp status [--bus system|session] [--json]\n"
@@ -208,6 +210,7 @@ int runCommand(int argc, char** argv)
     gchar* format = nullptr;
     gchar* type = nullptr;
     gboolean meters = FALSE;
+    gboolean profile = FALSE;
     gboolean progress = FALSE;
     gboolean quiet = FALSE;
     gint rate = 0;
@@ -229,6 +232,8 @@ int runCommand(int argc, char** argv)
          "the output file's type (default: from its name; wav for -, which writes to standard output)",
          "wav|flac|aiff|caf"},
         {"meters", 'm', 0, G_OPTION_ARG_NONE, &meters, "print the chain's peak meters at the end", nullptr},
+        {"profile", 0, 0, G_OPTION_ARG_NONE, &profile,
+         "time every module of the chain and print, at the end, where the time went", nullptr},
         {"progress", 0, 0, G_OPTION_ARG_NONE, &progress, "show progress even when stderr is no terminal",
          nullptr},
         {"quiet", 'q', 0, G_OPTION_ARG_NONE, &quiet, "print nothing but errors (and meters if asked for)",
@@ -288,6 +293,7 @@ int runCommand(int argc, char** argv)
     if (options.container == SF_FORMAT_FLAC && options.format == SND_PCM_FORMAT_S32_LE)
         throw usageError("FLAC holds at most 24-bit samples: use --format s16 or s24");
     options.meters = meters;
+    options.profile = profile;
     options.progress = progress || isatty(STDERR_FILENO);
     options.quiet = quiet;
     options.rate = unsigned(rate);
@@ -331,6 +337,7 @@ int liveCommand(int argc, char** argv)
     gchar* bus = nullptr;
     gboolean noService = FALSE;
     gboolean quiet = FALSE;
+    gboolean profile = FALSE;
     std::string const configHelp = describeConfigDefault();
     GOptionEntry const entries[] = {
         {"config", 'c', 0, G_OPTION_ARG_FILENAME, &config, configHelp.c_str(), "FILE"},
@@ -354,6 +361,8 @@ int liveCommand(int argc, char** argv)
         {"bus", 0, 0, G_OPTION_ARG_STRING, &bus, c_busHelp, "system|session"},
         {"no-service", 0, 0, G_OPTION_ARG_NONE, &noService, "do not serve the chain on D-Bus", nullptr},
         {"quiet", 'q', 0, G_OPTION_ARG_NONE, &quiet, "print the summary only when the run fails", nullptr},
+        {"profile", 0, 0, G_OPTION_ARG_NONE, &profile,
+         "time every module of the chain and print, at the end, where the time went", nullptr},
         {}};
     OptionParser parser("",
                         "Runs a dsp chain live from a capture device or a sound file to a playback device.");
@@ -399,6 +408,7 @@ int liveCommand(int argc, char** argv)
     if (!noService)
         options.bus = parseBus(bus);
     options.quiet = quiet;
+    options.profile = profile;
     LiveHost::run(options);
     return 0;
 }

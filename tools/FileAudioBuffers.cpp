@@ -40,11 +40,25 @@ void interleaveChannel(uint8_t* out, uint8_t const* in, size_t frameBytes, unsig
         std::memcpy(out + f * frameBytes, in + size_t(f) * Width, Width);
 }
 
+// A stereo pair in one pass, which writes the output in order and vectorises.
+template <unsigned int Width>
+void interleavePair(uint8_t* out, uint8_t const* left, uint8_t const* right, unsigned int frames)
+{
+    for (unsigned int f = 0; f < frames; ++f) {
+        std::memcpy(out + 2 * Width * size_t(f), left + size_t(f) * Width, Width);
+        std::memcpy(out + 2 * Width * size_t(f) + Width, right + size_t(f) * Width, Width);
+    }
+}
+
 } // namespace
 
 void FileAudioBuffers::interleave(uint8_t* out, unsigned int frames) const
 {
     unsigned int const width = getBytesPerSample();
+    if (m_channels.size() == 2 && width == 4)
+        return interleavePair<4>(out, m_channels[0].bytes(), m_channels[1].bytes(), frames);
+    if (m_channels.size() == 2 && width == 2)
+        return interleavePair<2>(out, m_channels[0].bytes(), m_channels[1].bytes(), frames);
     size_t const frameBytes = size_t(width) * m_channels.size();
     for (size_t c = 0; c < m_channels.size(); ++c) {
         uint8_t const* in = m_channels[c].bytes();

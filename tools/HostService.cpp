@@ -93,6 +93,22 @@ GVariant* describeModules(Chain const& chain)
     return g_variant_builder_end(&builder);
 }
 
+GVariant* describeProfile(Chain const& chain, unsigned int periodFrames)
+{
+    auto const times = chain.getProfile();
+    uint64_t total = 0;
+    for (auto const& time : times)
+        total += time.nanoseconds;
+    double const frames = double(chain.getNumProfiledPeriods()) * periodFrames;
+    GVariantBuilder builder;
+    g_variant_builder_init(&builder, G_VARIANT_TYPE("a(sdd)"));
+    for (auto const& time : times)
+        g_variant_builder_add(&builder, "(sdd)", time.module->getID().c_str(),
+                              frames > 0 ? double(time.nanoseconds) / frames : 0.0,
+                              total ? 100.0 * double(time.nanoseconds) / double(total) : 0.0);
+    return g_variant_builder_end(&builder);
+}
+
 } // namespace
 
 HostService::HostService(GBusType bus, Run const& run, LivePeriodLoop const& loop,
@@ -185,6 +201,7 @@ void HostService::refreshChain(gpointer skeleton)
     orvandel_dsp_host_dbus_set_drift_compensator(host, chain.getCompensatorName().c_str());
     orvandel_dsp_host_dbus_set_meters(host, takeMeterPeaks(chain.getMeters()));
     orvandel_dsp_host_dbus_set_modules(host, describeModules(chain.getChain()));
+    orvandel_dsp_host_dbus_set_profile(host, describeProfile(chain.getChain(), m_run.periodFrames));
     orvandel_dsp_host_dbus_set_reloads(host, m_reloader.getReloads());
 }
 

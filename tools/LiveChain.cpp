@@ -44,6 +44,7 @@ LiveChain::LiveChain(std::string const& config, Needs const& needs)
 {
     checkRate(needs.sampleRate);
     checkChannels(needs.playbackChannels);
+    m_chain->enableProfile(needs.profile);
     if (needs.twoClocks)
         createCompensator();
     if (needs.twoClocks && !m_compensator) {

@@ -29,6 +29,8 @@ public:
         unsigned int playbackChannels = 0;
         // The input is a capture device, whose clock drifts against the playback's.
         bool twoClocks = false;
+        // Every module is timed (`--profile`), in a reloaded chain too.
+        bool profile = false;
     };
 
     // Throws ToolError (a config mistake) for a config that fails to load, fails the checks `check`

@@ -1,5 +1,6 @@
 #include "tools/LiveHost.h"
 
+#include "dsp/Chain.h"
 #include "dsp/InputStage.h"
 #include "dsp/OutputStage.h"
 #include "tools/AlsaPcm.h"
@@ -10,6 +11,7 @@
 #include "tools/LiveChain.h"
 #include "tools/LivePeriodLoop.h"
 #include "tools/LiveTelemetry.h"
+#include "tools/ProfileReport.h"
 #include "tools/RealtimeHost.h"
 #include "tools/ServedChain.h"
 #include "tools/ToolError.h"
@@ -124,6 +126,15 @@ void printSummary(LiveTelemetry const& telemetry, LiveHost::Options const& optio
     std::fflush(stdout);
 }
 
+// The chain playing at the end, over the periods since it began to play (after a reload: since then).
+void printProfile(Chain const& chain, unsigned int periodFrames, uint64_t wallNanoseconds)
+{
+    std::string const report = profileReport(chain, chain.getNumProfiledPeriods() * periodFrames,
+                                             wallNanoseconds, "waiting for the devices, moving periods");
+    std::fputs(report.c_str(), stdout);
+    std::fflush(stdout);
+}
+
 } // namespace
 
 void LiveHost::run(Options const& options)
@@ -141,6 +152,7 @@ void LiveHost::run(Options const& options)
     LiveChain::Needs needs;
     needs.sampleRate = rate;
     needs.twoClocks = !feed;
+    needs.profile = options.profile;
     auto chain = std::make_unique<LiveChain>(options.config, needs);
     if (feed)
         checkInputChannels(options.input, feed->getNumChannels(), chain->getInput());
@@ -174,13 +186,17 @@ void LiveHost::run(Options const& options)
             *telemetry, reloader);
         served->announce();
     }
+    gint64 const start = g_get_monotonic_time();
     host.play(loop, options.priority);
+    gint64 const wallMicroseconds = g_get_monotonic_time() - start;
 
     std::string failure = loop.describeFailure();
     if (feed && failure.empty())
         failure = feed->end();
     if (!options.quiet || !failure.empty())
         printSummary(*telemetry, options, rate);
+    if (options.profile)
+        printProfile(loop.getChain().getChain(), options.periodFrames, uint64_t(wallMicroseconds) * 1000);
     if (!failure.empty())
         throw ToolError(ToolError::c_ioFailure, failure);
 }

@@ -35,6 +35,8 @@ public:
         std::optional<GBusType> bus;
         // The summary only when the run failed.
         bool quiet = false;
+        // Where the chain's time went, module by module, printed at the end even when quiet.
+        bool profile = false;
     };
 
     // Throws ToolError: 2 for a usage or config mistake, 1 for a device or file that failed (after the

@@ -12,6 +12,7 @@
 #include "tools/DriftSimulation.h"
 #include "tools/EncodedOutput.h"
 #include "tools/FileAudioBuffers.h"
+#include "tools/ProfileReport.h"
 #include "tools/RealtimeHost.h"
 #include "tools/ResamplerTail.h"
 #include "tools/SoundFileReader.h"
@@ -235,6 +236,7 @@ void OfflineHost::run(Options const& options)
     output.setMute(false);
     if (options.meters)
         chain->enableMeters(true);
+    chain->enableProfile(options.profile);
 
     auto const writer = makeWriter(options, {options.container, format, outChannels, chainRate});
     std::unique_ptr<RealtimeHost> realtime;
@@ -278,7 +280,8 @@ void OfflineHost::run(Options const& options)
         feature->finish();
     checkLength(*chain, framesIn, writer->getNumFramesWritten(), sampleRate != chainRate);
     writer->commit();
-    double const wallSeconds = double(g_get_monotonic_time() - start) / 1e6;
+    gint64 const wallMicroseconds = g_get_monotonic_time() - start;
+    double const wallSeconds = double(wallMicroseconds) / 1e6;
 
     if (showingProgress) {
         showProgress(framesIn, reader.getNumFrames(), sampleRate);
@@ -288,6 +291,13 @@ void OfflineHost::run(Options const& options)
         printSummary(framesIn, writer->getNumFramesWritten(), sampleRate, chainRate, wallSeconds, features);
     if (options.meters)
         printMeters(*chain);
+    if (options.profile) {
+        std::fputs(profileReport(*chain, uint64_t(framesIn), uint64_t(wallMicroseconds) * 1000,
+                                 "reading, converting, writing")
+                       .c_str(),
+                   stdout);
+        std::fflush(stdout);
+    }
 }
 
 } // namespace Host

@@ -29,6 +29,8 @@ public:
         // SND_PCM_FORMAT_UNKNOWN follows the input's bit depth, at most 24 bits in a FLAC file.
         snd_pcm_format_t format = SND_PCM_FORMAT_UNKNOWN;
         bool meters = false;
+        // Where the time went, module by module, printed at the end even when quiet.
+        bool profile = false;
         bool progress = false;
         bool quiet = false;
         // The chain's and the output file's rate; 0 keeps the input file's.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <sstream>
 
 namespace Zelmar {
@@ -35,18 +36,29 @@ unsigned int rawBytesPerSample(int format)
 }
 
 // One channel of little-endian PCM samples, Width bytes each, frameBytes apart, left-justified into
-// S32_LE words as libsndfile would deliver them.
-template <unsigned int Width>
+// S32_LE words as libsndfile would deliver them. The targets are little-endian, so samples are moved
+// as native words. A frame size known at compile time (Channels) lets the loop vectorise; 0 takes
+// frameBytes.
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "PCM words are moved as native words");
+
+template <unsigned int Width, unsigned int Channels>
 void leftJustify(uint8_t const* in, size_t frameBytes, uint8_t* out, unsigned int frames)
 {
+    size_t const stride = Channels ? size_t(Channels) * Width : frameBytes;
     for (unsigned int f = 0; f < frames; ++f) {
-        uint8_t const* sample = in + f * frameBytes;
         uint32_t word = 0;
-        for (unsigned int b = 0; b < Width; ++b)
-            word |= uint32_t(sample[b]) << (8 * (4 - Width + b));
-        for (unsigned int b = 0; b < 4; ++b)
-            out[4 * f + b] = uint8_t(word >> (8 * b));
+        std::memcpy(reinterpret_cast<uint8_t*>(&word) + 4 - Width, in + f * stride, Width);
+        std::memcpy(out + 4 * size_t(f), &word, 4);
     }
+}
+
+template <unsigned int Width>
+void leftJustify(uint8_t const* in, unsigned int fileChannels, uint8_t* out, unsigned int frames)
+{
+    if (fileChannels == 2)
+        leftJustify<Width, 2>(in, 0, out, frames);
+    else
+        leftJustify<Width, 0>(in, size_t(Width) * fileChannels, out, frames);
 }
 
 // The frames a WAV header declares, from libsndfile's log, which notes the declared data size when
@@ -159,11 +171,11 @@ unsigned int SoundFileReader::readRaw(FileAudioBuffers& capture, unsigned int fr
         uint8_t* out = capture.getChannel(c).bytes();
         uint8_t const* first = in + source * width;
         if (width == 2)
-            leftJustify<2>(first, frameBytes, out, read);
+            leftJustify<2>(first, fileChannels, out, read);
         else if (width == 3)
-            leftJustify<3>(first, frameBytes, out, read);
+            leftJustify<3>(first, fileChannels, out, read);
         else
-            leftJustify<4>(first, frameBytes, out, read);
+            leftJustify<4>(first, fileChannels, out, read);
     }
     m_rawBegin += read * frameBytes;
     return read;

@@ -105,6 +105,21 @@ void addModules(Properties const& properties, Lines& lines)
     g_variant_unref(modules);
 }
 
+void addProfile(Properties const& properties, Lines& lines)
+{
+    GVariant* const profile = properties.value("Profile", "a(sdd)");
+    if (!profile)
+        return;
+    GVariantIter iter;
+    g_variant_iter_init(&iter, profile);
+    gchar const* id = nullptr;
+    double nsPerFrame = 0, share = 0;
+    while (g_variant_iter_next(&iter, "(&sdd)", &id, &nsPerFrame, &share))
+        lines.emplace_back(std::string("profile ") + id,
+                           format("%.2f ns/frame, %.1f %% of the chain", nsPerFrame, share));
+    g_variant_unref(profile);
+}
+
 std::string describeDrift(Properties const& properties)
 {
     std::string const compensator = properties.text("DriftCompensator");
@@ -138,6 +153,7 @@ Lines describe(Properties const& p)
     };
     addMeters(p, lines);
     addModules(p, lines);
+    addProfile(p, lines);
     return lines;
 }
 
@@ -202,6 +218,13 @@ std::string jsonValue(GVariant* value)
         double peak = 0;
         g_variant_get(value, "(&sd)", &id, &peak);
         return "{\"id\":" + jsonString(id) + ",\"peak_dbfs\":" + jsonNumber(peak) + "}";
+    }
+    if (g_variant_is_of_type(value, G_VARIANT_TYPE("(sdd)"))) {
+        gchar const* id = nullptr;
+        double nsPerFrame = 0, share = 0;
+        g_variant_get(value, "(&sdd)", &id, &nsPerFrame, &share);
+        return "{\"id\":" + jsonString(id) + ",\"ns_per_frame\":" + jsonNumber(nsPerFrame) +
+               ",\"chain_percent\":" + jsonNumber(share) + "}";
     }
     if (g_variant_is_of_type(value, G_VARIANT_TYPE("(ssas)"))) {
         gchar const* id = nullptr;

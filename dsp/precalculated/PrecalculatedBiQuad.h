@@ -29,7 +29,14 @@ struct PrecalculatedBiQuadEntry
     int32_t raw[5]; // the Q4.27 constants compiled into the kernel
     tBiQuadKernel kernel;
     char const* name;
+
+    // The kernel runs z1 = z2 + (x - y) b1 (runBiQuadLoopSharedB1A1) rather than the generic loop.
+    bool sharesB1A1() const { return raw[1] == raw[3]; }
 };
+
+// The table entry findPrecalculatedBiQuad takes its kernel from, or null.
+PrecalculatedBiQuadEntry const* findPrecalculatedBiQuadEntry(tSample b0, tSample b1, tSample b2, tSample a1,
+                                                             tSample a2);
 
 // Generated at build time, in lookup order.
 extern PrecalculatedBiQuadEntry const c_precalculatedBiQuads[];
