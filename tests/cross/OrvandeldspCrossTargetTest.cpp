@@ -99,6 +99,8 @@ TEST_F(OrvandeldspCrossTargetTest, WritesTheSameBytesAsTheReferenceTool)
         {"detect", "line-in.xml", "line-in.wav", {"--detect", "--threshold-dir", m_dir}, false},
         {"encode", "line-in.xml", "music.wav", {"--period", "441"}, true},
         {"live-line-in", "live-line-in.xml", "music.wav", {"--meters", "--format", "s16"}, false},
+        {"ten-band-eq", "ten-band-eq.xml", "music.wav", {"--period", "441"}, false},
+        {"pass-through", "pass-through.xml", "music.wav", {"--format", "s32"}, false},
     };
     std::set<std::string> untried = configNames();
     for (auto const& r : runs) {
