@@ -15,7 +15,7 @@ void SystemSoundsPlayer::play(SystemSound sound, Chain* chain)
         Tools::trace(Tools::Tracer::Error, "SystemSoundsPlayer::play(): no chain provided");
         return;
     }
-    auto sounds = std::dynamic_pointer_cast<Sounds>(chain->tryFindModule("system-sounds"));
+    auto sounds = std::dynamic_pointer_cast<Sounds>(chain->tryFindModule(c_moduleId));
     if (!sounds) {
         Tools::trace(Tools::Tracer::Error, "SystemSoundsPlayer::play(): could not find module system-sounds");
         return;

@@ -27,6 +27,9 @@ public:
         bool started = false;
     };
 
+    // The id of the chain's module that plays them.
+    static constexpr char const* c_moduleId = "system-sounds";
+
     SystemSoundsPlayer() = default;
 
     void play(SystemSound sound, Chain* chain);

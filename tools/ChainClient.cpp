@@ -1,6 +1,7 @@
 #include "tools/ChainClient.h"
 
 #include "dsp/ChainService.h"
+#include "dsp/SystemSoundsPlayer.h"
 #include "tools/ControlBus.h"
 #include "tools/ToolError.h"
 
@@ -88,6 +89,19 @@ void ChainClient::refuseWhatTheChainLacks(Setting const& setting) const
                     "the served chain has no module " + setting.module + " (it has " + listed(ids) + ")");
 }
 
+void ChainClient::refuseSoundsWithoutTheirModule() const
+{
+    if (!m_modules)
+        return;
+    for (auto const& module : *m_modules) {
+        if (module.id == SystemSoundsPlayer::c_moduleId)
+            return;
+    }
+    // The service only logs it and answers success, so the user would hear nothing and see nothing.
+    throw ToolError(ToolError::c_ioFailure, std::string("the served chain has no module ") +
+                                                SystemSoundsPlayer::c_moduleId + " to play system sounds");
+}
+
 void ChainClient::setParameter(Setting const& setting)
 {
     refuseWhatTheChainLacks(setting);
@@ -110,11 +124,13 @@ void ChainClient::setParameters(std::vector<Setting> const& settings)
 
 void ChainClient::playSound(int sound)
 {
+    refuseSoundsWithoutTheirModule();
     g_variant_unref(call("PlaySystemSound", g_variant_new("(i)", sound), nullptr));
 }
 
 unsigned int ChainClient::loopSound(int sound, unsigned int intervalMs)
 {
+    refuseSoundsWithoutTheirModule();
     GVariant* const reply =
         call("LoopSystemSound", g_variant_new("(iu)", sound, intervalMs), G_VARIANT_TYPE("(u)"));
     guint32 id = 0;

@@ -29,8 +29,9 @@ public:
     ChainClient(ChainClient const&) = delete;
     ChainClient& operator=(ChainClient const&) = delete;
 
-    // From here on a setting for a module or key the chain does not have is refused before anything is
-    // sent (a ToolError naming it), where without the list the service would pass over it.
+    // From here on a setting for a module or key the chain does not have, or a sound for a chain
+    // without system sounds, is refused before anything is sent (a ToolError naming it), where without
+    // the list the service would pass over it.
     void knowModules(std::vector<HostClient::Module> const& modules) { m_modules = modules; }
 
     void setParameter(Setting const& setting);
@@ -49,6 +50,7 @@ private:
     // The reply, which the caller unrefs; a failed call throws.
     GVariant* call(char const* method, GVariant* arguments, GVariantType const* replyType);
     void refuseWhatTheChainLacks(Setting const& setting) const;
+    void refuseSoundsWithoutTheirModule() const;
 
     GBusType m_bus;
     GDBusConnection* m_connection;

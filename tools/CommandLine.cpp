@@ -573,6 +573,13 @@ int responseCommand(int argc, char** argv)
     return 0;
 }
 
+// A live run lists its chain's modules; a player does not, and gets its requests unchecked.
+void knowServedModules(ChainClient& client, GBusType bus)
+{
+    if (auto const modules = HostClient(bus).findModules())
+        client.knowModules(*modules);
+}
+
 int setCommand(int argc, char** argv)
 {
     gchar* bus = nullptr;
@@ -598,9 +605,7 @@ int setCommand(int argc, char** argv)
     auto const settings = file ? ChainClient::readSettings(file)
                                : std::vector<ChainClient::Setting>{{argv[1], argv[2], argv[3]}};
     ChainClient client(busType);
-    // A live run lists its chain's modules; a player does not, and gets the settings unchecked.
-    if (auto const modules = HostClient(busType).findModules())
-        client.knowModules(*modules);
+    knowServedModules(client, busType);
     if (file)
         client.setParameters(settings);
     else
@@ -626,16 +631,20 @@ int soundCommand(int argc, char** argv)
     if (argc != expected)
         throw usageError("sound needs play N, loop N INTERVAL_MS or stop ID, options first");
     // The service decides which sound numbers exist; here they only have to be numbers.
+    GBusType const busType = parseBus(bus);
+    ChainClient client(busType);
     if (action == "play") {
         int const sound = int(parseNumber(argv[2], "the sound", G_MAXINT32));
-        ChainClient(parseBus(bus)).playSound(sound);
+        knowServedModules(client, busType);
+        client.playSound(sound);
     } else if (action == "loop") {
         int const sound = int(parseNumber(argv[2], "the sound", G_MAXINT32));
         unsigned int const interval = unsigned(parseNumber(argv[3], "the interval", G_MAXUINT32));
-        std::printf("%u\n", ChainClient(parseBus(bus)).loopSound(sound, interval));
+        knowServedModules(client, busType);
+        std::printf("%u\n", client.loopSound(sound, interval));
     } else {
         unsigned int const id = unsigned(parseNumber(argv[2], "the id", G_MAXUINT32));
-        ChainClient(parseBus(bus)).stopSound(id);
+        client.stopSound(id);
     }
     return 0;
 }

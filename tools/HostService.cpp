@@ -3,6 +3,7 @@
 #include "dbus/HostDbus.h"
 #include "dsp/Chain.h"
 #include "dsp/Meter.h"
+#include "dsp/ModuleDescriptor.h"
 #include "tools/ChainReloader.h"
 #include "tools/ControlBus.h"
 #include "tools/LivePeriodLoop.h"
@@ -79,6 +80,8 @@ GVariant* takeMeterPeaks(std::vector<Meter*> const& meters)
     return g_variant_builder_end(&builder);
 }
 
+// Every key the module's type accepts, not only those its config set, so that a client can refuse a
+// typo without refusing a key the config left at its default.
 GVariant* describeModules(Chain const& chain)
 {
     GVariantBuilder builder;
@@ -86,8 +89,10 @@ GVariant* describeModules(Chain const& chain)
     for (auto const& module : chain.getModules()) {
         GVariantBuilder keys;
         g_variant_builder_init(&keys, G_VARIANT_TYPE("as"));
-        for (auto const& parameter : module->getParameters().getParams())
-            g_variant_builder_add(&keys, "s", parameter.first.c_str());
+        if (ModuleDescriptor const* const descriptor = module->getDescriptor()) {
+            for (auto const& parameter : descriptor->getParameters())
+                g_variant_builder_add(&keys, "s", parameter.getKey());
+        }
         g_variant_builder_add(&builder, "(ssas)", module->getID().c_str(), module->getType().c_str(), &keys);
     }
     return g_variant_builder_end(&builder);
