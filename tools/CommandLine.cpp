@@ -630,22 +630,23 @@ int soundCommand(int argc, char** argv)
     int const expected = action == "play" || action == "stop" ? 3 : action == "loop" ? 4 : 0;
     if (argc != expected)
         throw usageError("sound needs play N, loop N INTERVAL_MS or stop ID, options first");
-    // The service decides which sound numbers exist; here they only have to be numbers.
+    // The service decides which sound numbers exist; here they only have to be numbers, read before
+    // the bus is reached so that a usage mistake is one whatever the bus.
     GBusType const busType = parseBus(bus);
-    ChainClient client(busType);
-    if (action == "play") {
-        int const sound = int(parseNumber(argv[2], "the sound", G_MAXINT32));
-        knowServedModules(client, busType);
-        client.playSound(sound);
-    } else if (action == "loop") {
-        int const sound = int(parseNumber(argv[2], "the sound", G_MAXINT32));
-        unsigned int const interval = unsigned(parseNumber(argv[3], "the interval", G_MAXUINT32));
-        knowServedModules(client, busType);
-        std::printf("%u\n", client.loopSound(sound, interval));
-    } else {
+    if (action == "stop") {
         unsigned int const id = unsigned(parseNumber(argv[2], "the id", G_MAXUINT32));
-        client.stopSound(id);
+        ChainClient(busType).stopSound(id);
+        return 0;
     }
+    int const sound = int(parseNumber(argv[2], "the sound", G_MAXINT32));
+    unsigned int const interval =
+        action == "loop" ? unsigned(parseNumber(argv[3], "the interval", G_MAXUINT32)) : 0;
+    ChainClient client(busType);
+    knowServedModules(client, busType);
+    if (action == "play")
+        client.playSound(sound);
+    else
+        std::printf("%u\n", client.loopSound(sound, interval));
     return 0;
 }
 
