@@ -1,8 +1,7 @@
 // What a user meets in a first hour with the tool: output types, standard output, inputs it must not
 // destroy or half read, quiet logs, messages that stay on one line, bus refusals, and the man page
 // and completion that describe it.
-#include "support/BackgroundTool.h"
-#include "support/PrivateDbus.h"
+#include "support/LiveTool.h"
 
 #include <algorithm>
 #include <sstream>
@@ -12,9 +11,7 @@
 namespace {
 
 using namespace Zelmar::Testing;
-using namespace std::chrono_literals;
-
-using OrvandeldspFirstHourTest = ToolTest;
+using OrvandeldspFirstHourTest = ServedLiveTest;
 
 std::string const c_passthrough = TEST_SOURCE_DIR "/data/passthrough.xml";
 
@@ -222,8 +219,7 @@ TEST_F(OrvandeldspFirstHourTest, LibraryLinesShowByLevelAndConfigTextStaysOnItsL
 TEST_F(OrvandeldspFirstHourTest, ServedChainsAndRefusingBusesAnswerInOneLine)
 {
     writeSound(path("short.wav"), SF_FORMAT_PCM_16, 2, std::vector<int32_t>(2 * 2400, 0));
-    writeSound(path("long.wav"), SF_FORMAT_PCM_16, 2, std::vector<int32_t>(2 * 5 * 48000, 0));
-    auto const serve = [&](char const* bus, bool verbose) {
+    auto const realtime = [&](char const* bus, bool verbose) {
         std::vector<std::string> args{"run", "--realtime", "--bus", bus, path("short.wav"), path("out.wav")};
         if (verbose)
             args.insert(args.begin() + 1, "-v");
@@ -231,23 +227,20 @@ TEST_F(OrvandeldspFirstHourTest, ServedChainsAndRefusingBusesAnswerInOneLine)
     };
     std::string const owns = "orvandeldsp: DbusService: owns com.orvandeldsp.Chain";
 
-    PrivateDbus session;
-    ScopedBusAddress const sessionAddress("DBUS_SESSION_BUS_ADDRESS", session.getAddress());
-    EXPECT_EQ(runTool(serve("session", false)).err, "");
-    EXPECT_NE(runTool(serve("session", true)).err.find(owns), std::string::npos);
-    BackgroundTool served({"run", "--realtime", "--bus", "session", path("long.wav"), path("long-out.wav")},
-                          session.getAddress());
-    ASSERT_EQ(served.readLine(10s), "orvandeldsp: serving com.orvandeldsp.Chain on the session bus");
-
+    EXPECT_EQ(runTool(realtime("session", false)).err, "");
+    EXPECT_NE(runTool(realtime("session", true)).err.find(owns), std::string::npos);
+    // Live runs stay served until the test ends them, however slow the clients.
+    std::string const volume = writeConfig("volume.xml", volumeConfig("0"));
+    auto const served = serve(volume);
     PrivateDbus refusingOwners(
         refusingBusConfig(m_scratch, "no-owner.conf", "<deny own=\"com.orvandeldsp.Chain\"/>"));
     PrivateDbus refusingCallers(refusingBusConfig(
         m_scratch, "no-caller.conf",
         "<deny send_destination=\"com.orvandeldsp.Chain\" send_interface=\"com.orvandeldsp.Chain\"/>"));
     BackgroundTool refused(
-        {"run", "--realtime", "--bus", "session", path("long.wav"), path("refused-out.wav")},
+        {"live", "--bus", "session", "-c", volume, "--capture", "livetest", "--playback", "livetest"},
         refusingCallers.getAddress());
-    ASSERT_EQ(refused.readLine(10s), "orvandeldsp: serving com.orvandeldsp.Chain on the session bus");
+    ASSERT_EQ(refused.readLine(std::chrono::seconds(30)), c_servingLine);
 
     struct Case
     {
@@ -257,8 +250,8 @@ TEST_F(OrvandeldspFirstHourTest, ServedChainsAndRefusingBusesAnswerInOneLine)
         std::string err;
     };
     std::vector<Case> const cases{
-        {session.getAddress(), {"set", "--bus", "system", "--", "volume", "gain", "-3"}, 0, ""},
-        {session.getAddress(),
+        {m_bus.getAddress(), {"set", "--bus", "system", "--", "volume", "gain", "-3"}, 0, ""},
+        {m_bus.getAddress(),
          {"set", "--bus", "system", "volume", "gain", "abc"},
          1,
          "orvandeldsp: parameter gain of module volume: \"abc\" is not a number\n"},
@@ -267,7 +260,7 @@ TEST_F(OrvandeldspFirstHourTest, ServedChainsAndRefusingBusesAnswerInOneLine)
          1,
          "orvandeldsp: not allowed to control com.orvandeldsp.Chain on the system bus: run as root or as a "
          "member of group audio\n"},
-        {refusingOwners.getAddress(), serve("system", false), 1,
+        {refusingOwners.getAddress(), realtime("system", false), 1,
          "orvandeldsp: not allowed to own com.orvandeldsp.Chain on the system bus: run as root (the bus's "
          "policy com.orvandeldsp.Chain.conf allows root)\n"},
     };

@@ -1,4 +1,5 @@
 // Runs the built `orvandeldsp` tool as a user would and checks its files, messages and exit statuses.
+#include "support/ScopedVariable.h"
 #include "support/ToolRun.h"
 
 #include "dsp/ModuleFactory.h"
@@ -7,6 +8,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -290,38 +292,55 @@ TEST_F(OrvandeldspToolTest, CheckWarnsOfWhatTheLibraryIgnoresAndChecksAtTheRateA
     EXPECT_EQ(runTool({"check", "--rate", "48000", "-c", config}).status, 2) << "30 kHz lies above 24 kHz";
 }
 
-TEST_F(OrvandeldspToolTest, UsageAndIoErrors)
+// Every line of tests/data/tool-answers.txt: a command line, its exit status and its one-line answer.
+TEST_F(OrvandeldspToolTest, AnswersEachCommandLineOfTheTableInOneLine)
 {
-    writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, {0, 0});
-    for (auto const& args : std::vector<std::vector<std::string>>{
-             {},
-             {"mix"},
-             {"run", path("in.wav")},
-             {"run", "--period", "0", path("in.wav"), path("o.wav")},
-             {"run", "--period", "1281", path("in.wav"), path("o.wav")},
-             {"run", "--format", "u8", path("in.wav"), path("o.wav")},
-             {"run", "--progress", "--quiet", path("in.wav"), path("o.wav")},
-             {"run", "--loud", path("in.wav"), path("o.wav")},
-             {"graph"},
-             {"graph", "--format", "gif", "-o", path("g.gif")}}) {
-        expectFailure(runTool(args), 2, "usage: orvandeldsp");
+    writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, std::vector<int32_t>(2 * 4800, 0));
+    writeSound(path("in44.wav"), SF_FORMAT_PCM_16, 2, std::vector<int32_t>(2 * 4410, 0), 44100);
+    m_scratch.write("bad.txt", "volume gain -6\nvolume gain\n");
+    auto const inputs = m_scratch.entries();
+    ScopedVariable const sounds("ORVANDELDSP_SOUNDS_DIR", m_dir);
+    auto const expand = [&](std::string text) {
+        for (auto const& [name, value] : {std::pair<std::string, std::string>{"%", m_dir + "/"},
+                                          {"{passthrough}", c_passthroughConfig},
+                                          {"{configs}", PROJECT_SOURCE_DIR "/configs"}})
+            for (size_t at = text.find(name); at != std::string::npos;
+                 at = text.find(name, at + value.size()))
+                text.replace(at, name.size(), value);
+        return text;
+    };
+    std::ifstream table(TEST_SOURCE_DIR "/data/tool-answers.txt");
+    int cases = 0;
+    for (std::string line; std::getline(table, line);) {
+        if (line.empty() || line[0] == '#')
+            continue;
+        SCOPED_TRACE(line);
+        ++cases;
+        std::vector<std::string> fields;
+        std::istringstream split(line);
+        for (std::string field; std::getline(split, field, '|');)
+            fields.push_back(expand(g_strstrip(field.data())));
+        ASSERT_GE(fields.size(), 3u);
+        std::vector<std::string> args;
+        std::istringstream words(fields[1]);
+        for (std::string word; words >> word;)
+            args.push_back(word == "''" ? "" : word);
+        auto const result = runTool(args);
+        EXPECT_EQ(result.status, std::stoi(fields[0])) << result.err;
+        if (result.status == 0) {
+            EXPECT_EQ(result.err, "");
+        } else {
+            EXPECT_EQ(result.err.rfind("orvandeldsp: " + fields[2], 0), 0u) << result.err;
+            std::string const rest = result.err.substr(result.err.find('\n') + 1);
+            EXPECT_TRUE(rest.empty() || (rest.rfind("usage: orvandeldsp ", 0) == 0 && isOneLine(rest)))
+                << result.err;
+        }
+        if (fields.size() > 3) {
+            EXPECT_NE(result.out.find(fields[3]), std::string::npos) << result.out;
+        }
     }
-    EXPECT_FALSE(exists("o.wav"));
-
-    expectFailure(runTool({"run", path("nothing.wav"), path("o.wav")}), 1,
-                  "orvandeldsp: cannot read input " + path("nothing.wav"), true);
-    expectFailure(runTool({"run", path("in.wav"), path("no-dir/o.wav")}), 1,
-                  "orvandeldsp: cannot write output " + path("no-dir/o.wav"), true);
-
-    auto result = runTool({"--version"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, "orvandeldsp 1.0.0\n");
-    result = runTool({"--help"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_NE(result.out.find("The default config is " + c_defaultConfig), std::string::npos) << result.out;
-    result = runTool({"run", "--help"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_NE(result.out.find("orvandeldsp run [OPTION"), std::string::npos) << result.out;
+    EXPECT_GE(cases, 50);
+    EXPECT_EQ(m_scratch.entries(), inputs) << "nothing written";
 }
 
 TEST_F(OrvandeldspToolTest, CheckListsTheBundledConfigsAndGraphDrawsThem)
@@ -364,21 +383,6 @@ TEST_F(OrvandeldspToolTest, RateConvertsThroughAResamplerAndRefusesWhatCannotFit
     for (size_t f = 1; f < size_t(output.info.frames); ++f)
         crossings += output.samples[2 * f - 2] < 0 && output.samples[2 * f] >= 0;
     EXPECT_NEAR(crossings, 5000, 1);
-
-    for (auto const& [args, message] :
-         {std::pair{std::vector<std::string>{"run", "-c", c_passthroughConfig, "--rate", "48000"},
-                    "input stage in does not convert rates, so --rate 48000 cannot take"},
-          {std::vector<std::string>{"run", "-c", resampling, "--rate", "48000", "--period", "1280"},
-           "--period 1280 at 44100 Hz in gives up to 1395 frames per period at 48000 Hz out, more than the "
-           "chain's 1280; use --period 1175 or less"}}) {
-        std::vector<std::string> full = args;
-        full.push_back(path("in.wav"));
-        full.push_back(path("refused.wav"));
-        result = runTool(full);
-        expectFailure(result, 2, message);
-        EXPECT_TRUE(isOneLine(result.err));
-        EXPECT_FALSE(exists("refused.wav"));
-    }
 }
 
 TEST_F(OrvandeldspToolTest, DriftIsCorrectedByInsertingOrDroppingInconspicuousFrames)
@@ -402,11 +406,6 @@ TEST_F(OrvandeldspToolTest, DriftIsCorrectedByInsertingOrDroppingInconspicuousFr
         EXPECT_NE(result.out.find(counts), std::string::npos) << result.out;
         EXPECT_LE(largestStep(output.samples, 2), signalStep) << ppm;
     }
-
-    auto const result =
-        runTool({"run", "-c", c_passthroughConfig, "--drift", "100", path("in.wav"), path("o.wav")});
-    expectFailure(result, 2, "--drift needs a module of type \"timestretcher\"");
-    EXPECT_EQ(runTool({"run", "--drift", "fast", path("in.wav"), path("o.wav")}).status, 2);
 }
 
 TEST_F(OrvandeldspToolTest, DetectPrintsTheDetectorsTransitionsAtAudioTimes)
@@ -434,11 +433,6 @@ TEST_F(OrvandeldspToolTest, DetectPrintsTheDetectorsTransitionsAtAudioTimes)
     EXPECT_GE(silentAt, 15.0);
     EXPECT_LE(silentAt, 15.5);
     EXPECT_NE(result.out.find(", 2 signal transitions\n"), std::string::npos) << result.out;
-
-    result = runTool({"run", "-c", c_passthroughConfig, "--detect", path("in.wav"), path("o.wav")});
-    EXPECT_EQ(result.status, 2);
-    EXPECT_EQ(result.err, "orvandeldsp: config " + c_passthroughConfig +
-                              ": --detect needs a module of type \"signal-detector\"\n");
 }
 
 TEST_F(OrvandeldspToolTest, TypesListsTheDescriptorsAndTheCheckedInReferenceIsCurrent)
@@ -455,7 +449,6 @@ TEST_F(OrvandeldspToolTest, TypesListsTheDescriptorsAndTheCheckedInReferenceIsCu
     EXPECT_EQ(result.out,
               "gain: gain stage\n  ports: 1 in, 1 out\n  gain (number, dB; default 0)\n      below 24 dB\n"
               "      level, six decibels per doubling (2^(dB/6)): +6 dB doubles; 24 dB does not fit\n");
-    expectFailure(runTool({"types", "Gain"}), 2, "orvandeldsp: there is no module type Gain", true);
 
     gchar* reference = nullptr;
     ASSERT_TRUE(
