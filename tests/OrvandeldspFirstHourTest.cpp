@@ -190,15 +190,6 @@ TEST_F(OrvandeldspFirstHourTest, LibraryLinesShowByLevelAndConfigTextStaysOnItsL
     }
     g_unsetenv("ORVANDELDSP_SOUNDS_DIR");
 
-    // What run refuses, check finds, in the same words.
-    std::string const noInput =
-        writeConfig("no-input.xml", "<dsp><module type=\"output\" id=\"out\"/></dsp>");
-    for (auto const& args : {std::vector<std::string>{"check", "-c", noInput},
-                             std::vector<std::string>{"run", "-c", noInput, path("in.wav"), path("out.wav")}})
-        EXPECT_EQ(runTool(args).err,
-                  "orvandeldsp: config " + noInput +
-                      ": the chain has no input stage (a module of type input or resampler)\n");
-
     // Ids and values are quoted with their control characters escaped, each problem on its line.
     std::string const config =
         writeConfig("escapes.xml",

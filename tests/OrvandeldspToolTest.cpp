@@ -180,81 +180,41 @@ TEST_F(OrvandeldspToolTest, PrintsSummaryAndMeters)
     EXPECT_EQ(result.err, "");
 }
 
-// Check and run refuse the same configs with the same lines, one per problem, each with its place.
+// Every case of tests/data/config-faults.txt, refused by check and run alike.
 TEST_F(OrvandeldspToolTest, ConfigFaultsAreRefusedByCheckAndRunAlikeWithTheirPlaces)
 {
-    std::string const stage = "<module type=\"input\" id=\"in\"/><module type=\"output\" id=\"out\">"
-                              "<parameter id=\"interleave-pattern\">01</parameter></module>";
-    std::string const toOut = "<cable out=\"in[0]\" in=\"out[0]\"/><cable out=\"in[1]\" in=\"out[1]\"/>";
-    // Modules on the first line, cables on the second.
-    auto const config = [&](char const* name, std::string const& modules, std::string const& cables) {
-        return writeConfig(name, "<dsp>" + modules + "\n" + cables + "</dsp>\n");
-    };
     struct Case
     {
-        std::string config;
-        std::vector<std::string>
-            lines; // each after "orvandeldsp: config FILE"; "..." ends a line's known part
+        std::string name;
+        std::string text;
+        bool absent = false;
+        std::vector<std::string> lines;
     };
-    std::vector<Case> const cases{
-        {path("missing.xml"), {": cannot read the file: ..."}},
-        {writeConfig("empty.xml", ""), {": the file holds no XML elements"}},
-        {writeConfig("nothing.xml", "<dsp/>"), {": the config declares no modules"}},
-        {writeConfig("malformed.xml",
-                     "<dsp>\n  <module type=\"input\" id=\"in\">\n  <cable in=out[0]/>\n</dsp>\n"),
-         {":3:14: malformed XML: ..."}},
-        {writeConfig("unclosed.xml", "<dsp>" + stage + toOut), {":1:1: the element dsp is never closed"}},
-        {writeConfig("noid.xml", "<dsp><module type=\"input\"/></dsp>"),
-         {": the chain has no output stage (a module of type output)",
-          ":1:6: the input module has no id, so no cable can reach it"}},
-        {config("type.xml", stage + "<module type=\"gian\" id=\"g\"/>", toOut),
-         {":1:125: Module type gian not found in module factory"}},
-        {config("portSpec.xml", stage, toOut + "<cable out=\"in[0]\" in=\"out\"/>"),
-         {":2:65: cable from in[0] to out: \"out\" is not of the form moduleid[portnum]"}},
-        {config("value.xml",
-                stage + "<module type=\"gain\" id=\"g\"><parameter id=\"gain\">two</parameter></module>",
-                "<cable out=\"in[0]\" in=\"g[0]\"/><cable out=\"g[0]\" in=\"out[0]\"/><cable out=\"in[1]\" "
-                "in=\"out[1]\"/>"),
-         {":1:152: parameter gain of module g: \"two\" is not a number"}},
-        {config("nosink.xml", stage + "<module type=\"gain\" id=\"spare\"/>",
-                toOut + "<cable out=\"in[0]\" in=\"spare[0]\"/>"),
-         {":1:125: module spare leads to no sink: wire it on to an output or a meter, or remove it"}},
-        {config("port.xml", stage,
-                "<cable out=\"in[0]\" in=\"out[0]\"/><cable out=\"in[2]\" in=\"out[1]\"/>"),
-         {":1:36: input port 1 of module out is not connected",
-          ":2:33: cable from in[2] to out[1]: module in has no output port 2 (it has 2)"}},
-        {config("pattern.xml",
-                "<module type=\"input\" id=\"in\"/><module type=\"output\" id=\"out\"><parameter "
-                "id=\"interleave-pattern\">02</parameter></module>",
-                toOut),
-         {":1:36: interleave-pattern of module out does not fit its 2 input ports: 02"}},
-        {config("nyquist.xml",
-                stage +
-                    "<module type=\"biquad\" id=\"f\"><parameter id=\"type\">lopass</parameter><parameter "
-                    "id=\"frequency\">24000</parameter><parameter id=\"q\">1</parameter></module>",
-                "<cable out=\"in[0]\" in=\"f[0]\"/><cable out=\"f[0]\" in=\"out[0]\"/><cable out=\"in[1]\" "
-                "in=\"out[1]\"/>"),
-         {":1:193: parameter frequency of module f: 24000 Hz is not below half the sample rate (24000 Hz at "
-          "48000 "
-          "Hz), so the filter passes audio through unchanged"}},
-        {config("noOutput.xml", "<module type=\"input\" id=\"a\"/><module type=\"meter\" id=\"m\"/>",
-                "<cable out=\"a[0]\" in=\"m[0]\"/>"),
-         {": the chain has no output stage (a module of type output)"}},
-        {config("twoInputs.xml", stage + "<module type=\"input\" id=\"b\"/><module type=\"meter\" id=\"m\"/>",
-                toOut + "<cable out=\"b[0]\" in=\"m[0]\"/>"),
-         {": the tool needs exactly one module of type \"input\", the config has 2"}},
-    };
+    std::vector<Case> cases;
+    std::ifstream table(TEST_SOURCE_DIR "/data/config-faults.txt");
+    for (std::string line; std::getline(table, line);) {
+        if (line.rfind("== ", 0) == 0) {
+            std::string const name = line.substr(3, line.find(' ', 3) - 3);
+            cases.push_back({name, "", line.size() > name.size() + 3, {}});
+        } else if (line.rfind("-> ", 0) == 0) {
+            cases.back().lines.push_back(line.substr(3));
+        } else if (!cases.empty()) {
+            cases.back().text += line + "\n";
+        }
+    }
+    ASSERT_EQ(cases.size(), 16u);
     writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, {0, 0});
     for (auto const& c : cases) {
-        SCOPED_TRACE(c.config);
+        SCOPED_TRACE(c.name);
+        std::string const config = c.absent ? path(c.name) : writeConfig(c.name, c.text);
         std::string expected;
         for (auto const& line : c.lines)
-            expected += "orvandeldsp: config " + c.config + line + "\n";
+            expected += "orvandeldsp: config " + config + line + "\n";
         std::size_t const known = std::min(expected.find("..."), expected.size());
         m_scratch.write("out.wav", "keep");
         for (auto const& args :
-             {std::vector<std::string>{"check", "--config", c.config},
-              std::vector<std::string>{"run", "--config", c.config, path("in.wav"), path("out.wav")}}) {
+             {std::vector<std::string>{"check", "--config", config},
+              std::vector<std::string>{"run", "--config", config, path("in.wav"), path("out.wav")}}) {
             auto const result = runTool(args);
             EXPECT_EQ(result.status, 2) << result.err;
             EXPECT_EQ(result.err.substr(0, known), expected.substr(0, known));
