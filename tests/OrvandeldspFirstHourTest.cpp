@@ -56,77 +56,37 @@ TEST_F(OrvandeldspFirstHourTest, FilesFollowTheirNamesAndTheInputIsNeverLostOrCu
 {
     auto const input = twentyFourBitWords(2 * 3000);
     writeSound(path("in.wav"), SF_FORMAT_PCM_24, 2, input);
-    writeSound(path("three.wav"), SF_FORMAT_PCM_24, 3, twentyFourBitWords(3 * 10));
     writeSound(path("empty.wav"), SF_FORMAT_PCM_16, 2, {});
     writeSound(path("eight.wav"), SF_FORMAT_PCM_U8, 1, {0x01000000, -0x02000000});
     // The header still promises 3000 frames; the data stops after 1500.
     std::string const whole = m_scratch.read("in.wav");
     m_scratch.write("cut.wav", whole.substr(0, whole.size() - 1500 * 6));
-    symlink(path("in.wav").c_str(), path("link.wav").c_str());
 
     struct Case
     {
-        std::vector<std::string> args; // after "run -q -c passthrough.xml"
-        int status;
-        std::string message; // stderr holds it; "" for an empty stderr
-        std::string output;  // the file to read back, if any
-        int format;          // its type and samples
+        std::vector<std::string> args; // after "run -q -c passthrough.xml"; the output last
+        int format;                    // the output's type and samples
         bool sameSamples;
+        std::string message; // what stderr holds, all of it
     };
     std::vector<Case> const cases{
-        {{"in.wav", "out.flac"}, 0, "", "out.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_24, true},
-        {{"in.wav", "out.aiff"}, 0, "", "out.aiff", SF_FORMAT_AIFF | SF_FORMAT_PCM_24, true},
-        {{"in.wav", "out.caf"}, 0, "", "out.caf", SF_FORMAT_CAF | SF_FORMAT_PCM_24, true},
+        {{"in.wav", "out.flac"}, SF_FORMAT_FLAC | SF_FORMAT_PCM_24, true, ""},
+        {{"in.wav", "out.aiff"}, SF_FORMAT_AIFF | SF_FORMAT_PCM_24, true, ""},
+        {{"in.wav", "out.caf"}, SF_FORMAT_CAF | SF_FORMAT_PCM_24, true, ""},
         {{"--type", "flac", "--format", "s16", "in.wav", "out.x"},
-         0,
-         "",
-         "out.x",
          SF_FORMAT_FLAC | SF_FORMAT_PCM_16,
-         false},
-        {{"eight.wav", "out.wav"}, 0, "", "out.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, false},
-        {{"--format", "s32", "in.wav", "bad.flac"}, 2, "FLAC holds at most 24-bit samples", "", 0, false},
-        {{"in.wav", "bad.mp3"},
-         2,
-         "cannot tell the output's type from its name " + path("bad.mp3") +
-             ": end it in .wav, .flac, .aiff or .caf, or give "
-             "--type",
-         "",
-         0,
-         false},
-        {{"in.wav", "in.wav"},
-         2,
-         "orvandeldsp: output " + path("in.wav") + " is the input file; name another file",
-         "",
-         0,
-         false},
-        {{"in.wav", "link.wav"}, 2, "output " + path("link.wav") + " is the input file", "", 0, false},
-        {{"three.wav", "out.wav"},
-         2,
-         "orvandeldsp: input " + path("three.wav") +
-             " has 3 channels, but the chain's input stage in takes 2\n",
-         "",
-         0,
-         false},
+         false,
+         ""},
+        {{"eight.wav", "out.wav"}, SF_FORMAT_WAV | SF_FORMAT_PCM_16, false, ""},
         {{"cut.wav", "out.wav"},
-         0,
-         "orvandeldsp: warning: input " + path("cut.wav") +
-             ": its header promises 3000 frames, but the file holds 1500; going on with those\n",
-         "out.wav",
          SF_FORMAT_WAV | SF_FORMAT_PCM_24,
-         false},
+         false,
+         "orvandeldsp: warning: input " + path("cut.wav") +
+             ": its header promises 3000 frames, but the file holds 1500; going on with those\n"},
         {{"empty.wav", "out.wav"},
-         0,
-         "orvandeldsp: warning: input " + path("empty.wav") + " holds no audio frames, only a header\n",
-         "out.wav",
          SF_FORMAT_WAV | SF_FORMAT_PCM_16,
-         false},
-        {{"in.wav", "-"},
-         2,
-         "orvandeldsp: WAV cannot be streamed to standard output, which is not a file (use --type flac, or "
-         "name an output file)\n",
-         "",
-         0,
-         false},
+         false,
+         "orvandeldsp: warning: input " + path("empty.wav") + " holds no audio frames, only a header\n"},
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.args.back());
@@ -134,15 +94,9 @@ TEST_F(OrvandeldspFirstHourTest, FilesFollowTheirNamesAndTheInputIsNeverLostOrCu
         for (auto const& arg : c.args)
             args.push_back(arg.find('.') != std::string::npos ? path(arg) : arg);
         auto const result = runTool(args);
-        EXPECT_EQ(result.status, c.status) << result.err;
-        if (c.message.empty()) {
-            EXPECT_EQ(result.err, "");
-        } else {
-            EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
-        }
-        if (c.output.empty())
-            continue;
-        Sound const output = readSound(path(c.output));
+        EXPECT_EQ(result.status, 0) << result.err;
+        EXPECT_EQ(result.err, c.message);
+        Sound const output = readSound(args.back());
         EXPECT_EQ(output.info.format, c.format);
         if (c.sameSamples) {
             EXPECT_EQ(output.samples, input);

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -257,8 +258,11 @@ TEST_F(OrvandeldspToolTest, AnswersEachCommandLineOfTheTableInOneLine)
 {
     writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, std::vector<int32_t>(2 * 4800, 0));
     writeSound(path("in44.wav"), SF_FORMAT_PCM_16, 2, std::vector<int32_t>(2 * 4410, 0), 44100);
+    writeSound(path("three.wav"), SF_FORMAT_PCM_16, 3, std::vector<int32_t>(3 * 10, 0));
+    symlink(path("in.wav").c_str(), path("link.wav").c_str());
     m_scratch.write("bad.txt", "volume gain -6\nvolume gain\n");
     auto const inputs = m_scratch.entries();
+    std::string const input = m_scratch.read("in.wav");
     ScopedVariable const sounds("ORVANDELDSP_SOUNDS_DIR", m_dir);
     auto const expand = [&](std::string text) {
         for (auto const& [name, value] : {std::pair<std::string, std::string>{"%", m_dir + "/"},
@@ -301,6 +305,7 @@ TEST_F(OrvandeldspToolTest, AnswersEachCommandLineOfTheTableInOneLine)
     }
     EXPECT_GE(cases, 50);
     EXPECT_EQ(m_scratch.entries(), inputs) << "nothing written";
+    EXPECT_EQ(m_scratch.read("in.wav"), input);
 }
 
 TEST_F(OrvandeldspToolTest, CheckListsTheBundledConfigsAndGraphDrawsThem)
