@@ -135,14 +135,13 @@ TEST_F(OrvandeldspFirstHourTest, LibraryLinesShowByLevelAndConfigTextStaysOnItsL
         {{"run", "--verbose", "-c", lineIn, path("in.wav"), path("out.wav")}, notice, true},
         {{"run", "-q", "-c", sounds, "--sound", "3@0", path("in.wav"), path("out.wav")}, error, true},
     };
-    g_setenv("ORVANDELDSP_SOUNDS_DIR", m_dir.c_str(), TRUE);
+    ScopedVariable const soundsDir("ORVANDELDSP_SOUNDS_DIR", m_dir);
     for (auto const& c : cases) {
         SCOPED_TRACE(c.args[1]);
         auto const result = runTool(c.args);
         EXPECT_EQ(result.status, 0) << result.err;
         EXPECT_EQ(result.err.find(c.line) != std::string::npos, c.shown) << result.err;
     }
-    g_unsetenv("ORVANDELDSP_SOUNDS_DIR");
 
     // Ids and values are quoted with their control characters escaped, each problem on its line.
     std::string const config =

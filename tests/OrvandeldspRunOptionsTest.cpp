@@ -1,4 +1,5 @@
 // The run options that drive library parts a live host drives: --encode and --sound.
+#include "support/ScopedVariable.h"
 #include "support/ToolRun.h"
 
 #include <cstdint>
@@ -51,11 +52,7 @@ std::vector<int32_t> readFlac(std::string const& path)
 class OrvandeldspRunOptionsTest : public ToolTest
 {
 protected:
-    void SetUp() override
-    {
-        ToolTest::SetUp();
-        g_setenv("ORVANDELDSP_SOUNDS_DIR", GENERATED_SOUNDS_DIR, TRUE);
-    }
+    ScopedVariable m_sounds{"ORVANDELDSP_SOUNDS_DIR", GENERATED_SOUNDS_DIR};
 };
 
 TEST_F(OrvandeldspRunOptionsTest, EncodeWritesTheWholeStreamBitExact)
