@@ -2,7 +2,8 @@
 # Installs the build into a scratch prefix and moves it, then uses it as an outside project would:
 # the installed minimal-host example is built with find_package(orvandeldsp) and with pkg-config and
 # runs a chain, every installed header compiles, the library exports no internals, the man page and
-# the completion are there, and the moved tool still finds its sounds. Last, a /usr prefix must give the library /usr/share/orvandel-1.0.
+# the completion are there, systemd-analyze accepts the service unit, and the moved tool still finds
+# its sounds. Last, a /usr prefix must give the library /usr/share/orvandel-1.0.
 # Usage: InstalledPackageTest.sh SOURCE_DIR BUILD_DIR TEST_SIGNAL_PROGRAM
 set -euo pipefail
 source_dir=$1
@@ -13,6 +14,14 @@ trap 'rm -rf "$scratch"' EXIT
 fail() { echo "FAILED: $*" >&2; exit 1; }
 
 cmake --install "$build_dir" --prefix "$scratch/installed" > "$scratch/install.log"
+# Where it was installed, so that the unit names a tool that is there; a warning names the unit.
+if command -v systemd-analyze > /dev/null; then
+  unit=$scratch/installed/lib/systemd/system/orvandeldsp-live.service
+  systemd-analyze verify "$unit" 2> "$scratch/verify.log" || fail "systemd-analyze: $(cat "$scratch/verify.log")"
+  ! grep -q orvandeldsp-live.service "$scratch/verify.log" || fail "systemd-analyze warns: $(cat "$scratch/verify.log")"
+else
+  echo "systemd-analyze is not installed here, so the unit is not verified"
+fi
 mv "$scratch/installed" "$scratch/prefix"
 prefix=$scratch/prefix
 export PKG_CONFIG_PATH=$prefix/lib/pkgconfig

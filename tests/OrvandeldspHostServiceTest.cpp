@@ -1,8 +1,8 @@
 // The host service of `orvandeldsp live` on a private bus, used as a user would: status, the module list
 // that set checks against, and reload, on the tests' own sound card.
-#include "support/BackgroundTool.h"
 #include "support/HeapWatch.h"
-#include "support/PrivateDbus.h"
+#include "support/LiveTool.h"
+#include "support/MainLoop.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -13,9 +13,6 @@
 namespace {
 
 using namespace Zelmar::Testing;
-using namespace std::chrono_literals;
-
-constexpr double c_period = 1024;
 
 // The left channel boosted by 12 dB to exactly full scale, which the output conversion clips; the
 // right one as it comes.
@@ -38,53 +35,23 @@ double jsonNumber(std::string const& json, std::string const& key)
     return at == std::string::npos ? NAN : std::strtod(json.c_str() + at + key.size() + 3, nullptr);
 }
 
-class OrvandeldspHostServiceTest : public ToolTest
+class OrvandeldspHostServiceTest : public ServedLiveTest
 {
 protected:
-    void SetUp() override
-    {
-        setenv("ALSA_CONFIG_PATH", ALSA_TEST_CONFIG_DIR "/live-pcm.conf", 1);
-        // Each reload serves the chain anew, which the library notes at level 3.
-        setenv("ORVANDELDSP_TRACE_LEVEL", "4", 1);
-        // GLib's slice allocator would keep freed blocks of its own, counted as heap in use.
-        setenv("G_SLICE", "always-malloc", 1);
-    }
-    void TearDown() override
-    {
-        for (char const* variable : {"ALSA_CONFIG_PATH", "ORVANDELDSP_TRACE_LEVEL", "G_SLICE"})
-            unsetenv(variable);
-        g_object_unref(m_connection);
-    }
+    ~OrvandeldspHostServiceTest() override { g_object_unref(m_connection); }
 
-    // `live` serving `config` on the private bus until the test ends, its buffer eight periods long.
-    void startLive(std::string const& config, std::string const& capture = "livetest",
-                   std::string const& playback = "livetest")
-    {
-        m_run = std::make_unique<BackgroundTool>(
-            std::vector<std::string>{"live", "--bus", "session", "--priority", "0", "-c", config, "--periods",
-                                     "8", "--capture", capture, "--playback", playback},
-            m_bus.getAddress());
-        ASSERT_EQ(m_run->readLine(10s), "orvandeldsp: serving com.orvandeldsp.Chain on the session bus");
-    }
-    static ToolResult tool(std::vector<std::string> args)
-    {
-        args.insert(args.begin() + 1, {"--bus", "session"});
-        return runTool(args);
-    }
     // `status --json` once `ready` accepts it; the service refreshes its figures once a second.
     static std::string waitForStatus(std::function<bool(std::string const&)> const& ready)
     {
         std::string json;
-        for (auto const end = Clock::now() + 10s; Clock::now() < end; std::this_thread::sleep_for(50ms)) {
-            if (ready(json = tool({"status", "--json"}).out))
-                return json;
-        }
-        ADD_FAILURE() << "the status never got ready: " << json;
+        EXPECT_TRUE(waitFor([&] { return ready(json = client({"status", "--json"}).out); })) << json;
         return json;
     }
 
-    PrivateDbus m_bus;
-    ScopedBusAddress m_session{"DBUS_SESSION_BUS_ADDRESS", m_bus.getAddress()};
+    // Each reload serves the chain anew, which the library notes at level 3.
+    ScopedVariable m_traceLevel{"ORVANDELDSP_TRACE_LEVEL", "4"};
+    // GLib's slice allocator would keep freed blocks of its own, counted as heap in use.
+    ScopedVariable m_slices{"G_SLICE", "always-malloc"};
     GDBusConnection* m_connection = m_bus.connect();
     std::unique_ptr<BackgroundTool> m_run;
 };
@@ -92,12 +59,12 @@ protected:
 TEST_F(OrvandeldspHostServiceTest, StatusShowsTheRunItsChainMetersAndClippingForPeopleAndScripts)
 {
     std::string const config = writeConfig("clipping.xml", c_clippingConfig);
-    startLive(config);
+    m_run = serve(config);
     auto const json = waitForStatus([](std::string const& json) { return jsonNumber(json, "frames") > 0; });
     for (std::string const& expected :
          {"{\"state\":\"running\",\"config\":\"" + config +
-              "\",\"input\":\"capture PCM livetest\",\"playback\":\"playback PCM livetest\",\"rate\":48000,"
-              "\"period_frames\":1024,",
+              "\",\"input\":\"capture PCM livetest\",\"playback\":\"playback PCM livetest:RECORD=" + m_out +
+              "\",\"rate\":48000,\"period_frames\":1024,",
           std::string("\"capture_xruns\":0,\"playback_xruns\":0,"),
           std::string("\"drift_compensator\":\"\",\"drift_correction\":0,\"meters\":[{\"id\":\"level\","),
           std::string(
@@ -110,11 +77,12 @@ TEST_F(OrvandeldspHostServiceTest, StatusShowsTheRunItsChainMetersAndClippingFor
     EXPECT_NEAR(jsonNumber(json, "peak_dbfs"), 20.0 * std::log10(0.25), 0.01) << json;
     // The left channel's positive half waves reach 1.0 and clip; its negative ones reach -1.0, which the
     // formats hold. Frames and clipped samples are read a period apart at most.
-    EXPECT_NEAR(jsonNumber(json, "clipped_samples"), jsonNumber(json, "frames") / 2, c_period) << json;
-    EXPECT_NEAR(jsonNumber(json, "latency"), 8 * c_period, c_period) << json;
+    EXPECT_NEAR(jsonNumber(json, "clipped_samples"), jsonNumber(json, "frames") / 2, double(c_livePeriod))
+        << json;
+    EXPECT_NEAR(jsonNumber(json, "latency"), 8 * double(c_livePeriod), double(c_livePeriod)) << json;
 
     // Every value starts in one column, right of the longest label.
-    auto const block = tool({"status"});
+    auto const block = client({"status"});
     ASSERT_EQ(block.status, 0) << block.err;
     std::string const valueColumn = "clipped samples  ";
     std::istringstream lines(block.out);
@@ -125,28 +93,31 @@ TEST_F(OrvandeldspHostServiceTest, StatusShowsTheRunItsChainMetersAndClippingFor
 
 TEST_F(OrvandeldspHostServiceTest, ChangesAreAnnouncedAtMostOnceASecond)
 {
-    startLive(writeConfig("clipping.xml", c_clippingConfig));
-    unsigned int signals = 0;
+    m_run = serve(writeConfig("clipping.xml", c_clippingConfig));
+    // The frames each announcement carries: the devices' clock, whenever the test gets to see them.
+    std::vector<guint64> frames;
     guint const subscription = g_dbus_connection_signal_subscribe(
         m_connection, nullptr, "org.freedesktop.DBus.Properties", "PropertiesChanged",
         "/com/orvandeldsp/Host", nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
-        [](GDBusConnection*, gchar const*, gchar const*, gchar const*, gchar const*, GVariant*,
-           gpointer count) { ++*static_cast<unsigned int*>(count); },
-        &signals, nullptr);
-    // The frames change all the time; a refresh every second, each announced once, may land late by up
-    // to a second, so a window of three seconds sees two to five of them.
-    for (auto const end = Clock::now() + 3s; Clock::now() < end;) {
-        if (!g_main_context_iteration(nullptr, FALSE))
-            std::this_thread::sleep_for(5ms);
-    }
+        [](GDBusConnection*, gchar const*, gchar const*, gchar const*, gchar const*, GVariant* parameters,
+           gpointer frames) {
+            GVariant* changed = g_variant_get_child_value(parameters, 1);
+            guint64 value = 0;
+            EXPECT_TRUE(g_variant_lookup(changed, "Frames", "t", &value)) << "an announcement of its own";
+            static_cast<std::vector<guint64>*>(frames)->push_back(value);
+            g_variant_unref(changed);
+        },
+        &frames, nullptr);
+    EXPECT_TRUE(runMainLoopUntil([&] { return frames.size() >= 4; }, std::chrono::seconds(30)));
     g_dbus_connection_signal_unsubscribe(m_connection, subscription);
-    EXPECT_GE(signals, 2u);
-    EXPECT_LE(signals, 5u);
+    // A second apart at least, less the period each count may be behind.
+    for (size_t i = 1; i < frames.size(); ++i)
+        EXPECT_GE(frames[i], frames[i - 1] + c_liveRate - 2 * c_livePeriod) << i;
 }
 
 TEST_F(OrvandeldspHostServiceTest, SetRefusesAModuleOrKeyTheServedChainDoesNotHave)
 {
-    startLive(writeConfig("clipping.xml", c_clippingConfig));
+    m_run = serve(writeConfig("clipping.xml", c_clippingConfig));
     std::string const noModule =
         "orvandeldsp: the served chain has no module bost (it has in, level, boost, out)\n";
     struct Case
@@ -164,7 +135,7 @@ TEST_F(OrvandeldspHostServiceTest, SetRefusesAModuleOrKeyTheServedChainDoesNotHa
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.args[1]);
-        auto const result = tool(c.args);
+        auto const result = client(c.args);
         EXPECT_EQ(result.status, c.err.empty() ? 0 : 1);
         EXPECT_EQ(result.err, c.err);
     }
@@ -172,7 +143,7 @@ TEST_F(OrvandeldspHostServiceTest, SetRefusesAModuleOrKeyTheServedChainDoesNotHa
 
 TEST_F(OrvandeldspHostServiceTest, ReloadRefusesWhatDoesNotLoadCheckOrFitAndPlaysWhatDoes)
 {
-    startLive(writeConfig("clipping.xml", c_clippingConfig));
+    m_run = serve(writeConfig("clipping.xml", c_clippingConfig));
     std::string const stereoIn = R"(<dsp><module type="input" id="in"/><module type="output" id="out">)";
     std::string const stereoOut =
         stereoIn + R"(<parameter id="interleave-pattern" type="string">01</parameter>)";
@@ -192,7 +163,7 @@ TEST_F(OrvandeldspHostServiceTest, ReloadRefusesWhatDoesNotLoadCheckOrFitAndPlay
     for (auto const& c : cases) {
         SCOPED_TRACE(c.name);
         std::string const broken = writeConfig(c.name, c.text);
-        auto const result = tool({"reload", "--config", broken});
+        auto const result = client({"reload", "--config", broken});
         EXPECT_EQ(result.status, 2);
         EXPECT_EQ(result.err.rfind("orvandeldsp: reload refused: config " + broken + c.problem, 0), 0u)
             << result.err;
@@ -200,7 +171,7 @@ TEST_F(OrvandeldspHostServiceTest, ReloadRefusesWhatDoesNotLoadCheckOrFitAndPlay
     }
     std::string const plain =
         writeConfig("plain.xml", stereoOut + R"(</module><cable out="in" in="out"/></dsp>)");
-    auto const reload = tool({"reload", "--config", plain});
+    auto const reload = client({"reload", "--config", plain});
     EXPECT_EQ(reload.status, 0) << reload.err;
     auto const json = waitForStatus([](std::string const& json) { return jsonNumber(json, "reloads") == 1; });
     EXPECT_NE(json.find("\"config\":\"" + plain + "\""), std::string::npos) << json;
@@ -210,8 +181,8 @@ TEST_F(OrvandeldspHostServiceTest, ReloadRefusesWhatDoesNotLoadCheckOrFitAndPlay
 TEST_F(OrvandeldspHostServiceTest, AHundredReloadsInARowLeaveTheHeapAndResidentMemoryFlat)
 {
     // The shipped live config, on virtual clocks: the periods run as fast as they can be processed.
-    startLive(PROJECT_SOURCE_DIR "/configs/live-line-in.xml", "livetest:VIRTUAL=1,PPM=100",
-              "livetest:VIRTUAL=1");
+    m_run = serve(PROJECT_SOURCE_DIR "/configs/live-line-in.xml", "livetest:VIRTUAL=1,PPM=100",
+                  {"--priority", "0", "--playback", "livetest:VIRTUAL=1"});
     double reloads = 0;
     auto const reloadAndMeasure = [&](int more) {
         for (; more > 0; --more, ++reloads) {

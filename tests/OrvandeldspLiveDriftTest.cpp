@@ -1,6 +1,6 @@
 // `orvandeldsp live` between two devices whose clocks drift apart: the tests' sound card on its virtual
 // clock, capture running 100 ppm fast or slow against playback, for an hour of audio.
-#include "support/ToolRun.h"
+#include "support/LiveTool.h"
 
 #include <cmath>
 #include <cstdio>
@@ -33,12 +33,9 @@ void PrintTo(DriftCase const& c, std::ostream* out)
     *out << c.ppm << " ppm" << (c.compensated ? ", compensated" : "");
 }
 
-class OrvandeldspLiveDriftTest : public ToolTest, public testing::WithParamInterface<DriftCase>
+class OrvandeldspLiveDriftTest : public LiveToolTest, public testing::WithParamInterface<DriftCase>
 {
 protected:
-    void SetUp() override { setenv("ALSA_CONFIG_PATH", ALSA_TEST_CONFIG_DIR "/live-pcm.conf", 1); }
-    void TearDown() override { unsetenv("ALSA_CONFIG_PATH"); }
-
     // Stereo through the line-in's time stretcher, or straight through.
     std::string config(bool compensated) const
     {

@@ -6,7 +6,6 @@
 #include <complex>
 #include <sstream>
 #include <string>
-#include <tuple>
 #include <vector>
 
 namespace {
@@ -99,7 +98,7 @@ TEST_F(OrvandeldspResponseTest, MeasuresABiquadCascadeAsItsQuantisedCoefficients
     }
 }
 
-TEST_F(OrvandeldspResponseTest, WritesTheCsvAndAPlotAndRejectsBadOptions)
+TEST_F(OrvandeldspResponseTest, WritesTheCsvAndAPlot)
 {
     auto const result = runTool({"response", "--points", "5", "--csv", path("r.csv"), "-o", path("r.svg")});
     ASSERT_EQ(result.status, 0) << result.err;
@@ -116,15 +115,6 @@ TEST_F(OrvandeldspResponseTest, WritesTheCsvAndAPlotAndRejectsBadOptions)
     EXPECT_NE(m_scratch.read("r.svg").find("<svg"), std::string::npos);
     // Written under temporary names first; none may be left over.
     EXPECT_EQ(m_scratch.entries().size(), 2u);
-
-    for (auto const& [option, value, message] :
-         {std::tuple{"--to", "21601", "--to must be at most 0.45 times the rate (21600 Hz at 48000 Hz)"},
-          {"--level", "0.5", "--level must be between -120 and 0 dBFS"},
-          {"--points", "1", "--points must be between 2 and 10000"},
-          {"-o", "r.gif", "-o takes a plot named *.svg, *.png or *.pdf"}}) {
-        SCOPED_TRACE(option);
-        expectFailure(runTool({"response", option, value}), 2, std::string("orvandeldsp: ") + message, true);
-    }
 }
 
 // A limiter shows at a high level, and an adaptive one follows the volume asked for.

@@ -59,17 +59,6 @@ inline ToolResult runTool(std::vector<std::string> const& args)
     return runProgram(argv);
 }
 
-// The run ended with `status` and its stderr holds `message` (begins with it, when `atStart`).
-inline void expectFailure(ToolResult const& result, int status, std::string const& message,
-                          bool atStart = false)
-{
-    EXPECT_EQ(result.status, status) << result.err;
-    if (atStart)
-        EXPECT_EQ(result.err.rfind(message, 0), 0u) << result.err;
-    else
-        EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
-}
-
 inline bool isOneLine(std::string const& text)
 {
     return text.size() > 1 && text.find('\n') == text.size() - 1;
