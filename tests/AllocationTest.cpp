@@ -82,9 +82,9 @@ TEST(ChainTest, AChangeInEveryPeriodForAMillionPeriodsLeavesTheHeapAsItWas)
     run(1000);
     long const before = Testing::heapBytesInUse();
     run(1000000);
-    // A set lost per thousand periods would add some 50 kB; what GLib's timers hold at the moment of
-    // measuring varies by a few.
-    EXPECT_LT(std::abs(Testing::heapBytesInUse() - before), 16384);
+    // A set lost per thousand periods would add some 50 kB; what GLib's timers and worker threads hold
+    // at the moment of measuring varies by up to some 23 kB on a loaded machine.
+    EXPECT_LT(std::abs(Testing::heapBytesInUse() - before), 32768);
 }
 
 TEST(SoundsTest, MixingAndDuckingNeverTouchTheHeap)
