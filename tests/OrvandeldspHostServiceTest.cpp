@@ -116,23 +116,32 @@ TEST_F(OrvandeldspHostServiceTest, ChangesAreAnnouncedAtMostOnceASecond)
         EXPECT_GE(frames[i], frames[i - 1] + c_liveRate - c_servedBuffer - c_livePeriod) << i;
 }
 
-TEST_F(OrvandeldspHostServiceTest, SetRefusesAModuleOrKeyTheServedChainDoesNotHave)
+TEST_F(OrvandeldspHostServiceTest, SetAndSoundRefuseWhatTheServedChainDoesNotHave)
 {
-    m_run = serve(writeConfig("clipping.xml", c_clippingConfig));
+    // The trim's gain is left at its default, yet a key of its type all the same.
+    m_run =
+        serve(writeConfig("trim.xml", R"(<dsp><module type="input" id="in"/><module type="meter" id="level"/>
+        <module type="gain" id="trim"/><module type="output" id="out"><parameter id="interleave-pattern"
+        type="string">01</parameter></module><cable out="in[0]" in="level[0]"/><cable out="in[0]"
+        in="trim[0]"/><cable out="trim[0]" in="out[0]"/><cable out="in[1]" in="out[1]"/></dsp>)"));
     std::string const noModule =
-        "orvandeldsp: the served chain has no module bost (it has in, level, boost, out)\n";
+        "orvandeldsp: the served chain has no module bost (it has in, level, trim, out)\n";
     struct Case
     {
         std::vector<std::string> args;
         std::string err;
     } const cases[] = {
-        {{"set", "boost", "gain", "6"}, ""},
+        {{"set", "trim", "gain", "6"}, ""},
         {{"set", "bost", "gain", "6"}, noModule},
-        {{"set", "boost", "gian", "6"},
-         "orvandeldsp: module boost of the served chain has no parameter gian (it has gain)\n"},
+        {{"set", "trim", "gian", "6"},
+         "orvandeldsp: module trim of the served chain has no parameter gian (it has gain)\n"},
         {{"set", "level", "gain", "6"},
          "orvandeldsp: module level of the served chain has no parameter gain (it has none)\n"},
-        {{"set", "--file", m_scratch.write("settings.txt", "boost gain -3\nbost gain -3\n")}, noModule},
+        {{"set", "--file", m_scratch.write("settings.txt", "trim gain -3\nbost gain -3\n")}, noModule},
+        {{"sound", "play", "4"},
+         "orvandeldsp: the served chain has no module system-sounds to play system sounds\n"},
+        {{"sound", "loop", "4", "1000"},
+         "orvandeldsp: the served chain has no module system-sounds to play system sounds\n"},
     };
     for (auto const& c : cases) {
         SCOPED_TRACE(c.args[1]);
