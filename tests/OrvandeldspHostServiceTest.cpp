@@ -103,8 +103,12 @@ TEST_F(OrvandeldspHostServiceTest, ChangesAreAnnouncedAtMostOnceASecond)
            gpointer frames) {
             GVariant* changed = g_variant_get_child_value(parameters, 1);
             guint64 value = 0;
-            EXPECT_TRUE(g_variant_lookup(changed, "Frames", "t", &value)) << "an announcement of its own";
-            static_cast<std::vector<guint64>*>(frames)->push_back(value);
+            auto& counts = *static_cast<std::vector<guint64>*>(frames);
+            // Only announcements before the first period has run may leave the unchanged count out.
+            if (g_variant_lookup(changed, "Frames", "t", &value))
+                counts.push_back(value);
+            else
+                EXPECT_TRUE(counts.empty()) << "an announcement of its own";
             g_variant_unref(changed);
         },
         &frames, nullptr);
