@@ -177,7 +177,7 @@ TEST_F(AlsaDriftCompensatorTest, WritesTheControllerOutputOnlyWhenItChangesAndZe
         EXPECT_EQ(alsaWritten(), (std::vector<long>{-800, -50, 109}));
     }
     EXPECT_EQ(alsaWritten(), std::vector<long>{0});
-    EXPECT_EQ(m_log.leveled(),
+    EXPECT_EQ(m_log.lines(),
               (std::vector<std::string>{"3 AlsaDriftCompensator: 2nd generation HW clock control initialized",
                                         "3 AlsaDriftCompensator::start", "3 AlsaDriftCompensator::stop",
                                         "3 AlsaDriftCompensator::start"}));
@@ -203,7 +203,7 @@ TEST_F(AlsaDriftCompensatorTest, MissingElementOrDeviceLeavesItInert)
         }
         std::vector<std::string> expected = lines;
         expected.insert(expected.end(), {"3 AlsaDriftCompensator::start", "4 STOP DRIFT COMP"});
-        EXPECT_EQ(m_log.leveled(), expected) << config;
+        EXPECT_EQ(m_log.lines(), expected) << config;
     }
     EXPECT_TRUE(alsaWritten().empty());
 }
@@ -259,7 +259,7 @@ TEST_F(HardwareDriftCompensatorTest, WritesTheDeltaTableAsTerminatedTextAndNoRep
                                             "4095\n\0",
                                             24));
     EXPECT_EQ(HardwareDriftCompensator::dacValue(2097150), 0) << "(2^21 - 2 + 2) * 1024 wraps to -2^31";
-    EXPECT_EQ(m_log.leveled(),
+    EXPECT_EQ(m_log.lines(),
               (std::vector<std::string>{"3 HardwareDriftCompensator: HW clock control initialized",
                                         "3 HardwareDriftCompensator::start"}));
 }
@@ -273,7 +273,7 @@ TEST_F(HardwareDriftCompensatorTest, ShortWriteNamesTheIioPathAndIsNotRetried)
     compensator.setFrameDelta(1);
     EXPECT_TRUE(compensator.writeClock());
     EXPECT_TRUE(compensator.writeClock());
-    EXPECT_EQ(m_log.leveled(),
+    EXPECT_EQ(m_log.lines(),
               std::vector<std::string>{"4 HardwareDriftCompensator: Can't write to " + m_scratch.path() +
                                        HardwareDriftCompensator::s_devicePath});
 }
@@ -284,7 +284,7 @@ TEST_F(HardwareDriftCompensatorTest, WithoutDeviceStaysInertAndStopLogsTheShared
     compensator.start();
     EXPECT_FALSE(compensator.writeClock());
     compensator.stop();
-    EXPECT_EQ(m_log.leveled(), (std::vector<std::string>{
+    EXPECT_EQ(m_log.lines(), (std::vector<std::string>{
                                    "6 HardwareDriftCompensator: unable to open hardware clock device",
                                    "3 HardwareDriftCompensator::start", "3 AlsaDriftCompensator::stop"}));
 }

@@ -81,9 +81,9 @@ TEST_F(DumpSamplesTest, SamplesWithoutRoomAreCountedAndReported)
         harness.process({fullRangeNoise(1280, 0)});
         dropped = static_cast<DumpSamples&>(harness.module()).getDroppedSamples();
         EXPECT_GE(dropped, 280u);
-        std::string const report = "DumpSamples e dropped " + std::to_string(dropped) +
+        std::string const report = "4 DumpSamples e dropped " + std::to_string(dropped) +
                                    " samples because its worker thread fell behind";
-        EXPECT_TRUE(Testing::runMainLoopUntil([&] { return log.contains(report); }));
+        EXPECT_TRUE(Testing::runMainLoopUntil([&] { return log.count(report) == 1; }));
     }
     EXPECT_EQ(recorded("e.raw").size() + dropped, 1280u);
 }

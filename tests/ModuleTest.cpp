@@ -14,21 +14,21 @@ using namespace Zelmar;
 
 namespace {
 
-// A module whose port counts the test chooses; process() does nothing.
+// A module whose port counts the test chooses, set up as a compiled chain would; process() does nothing.
 class PortsModule : public Module
 {
 public:
     PortsModule(Tools::String const& id, unsigned int ins, unsigned int outs)
-        : Module(id), m_numIns(ins), m_numOuts(outs)
+        : Module(id), ins(ins), outs(outs)
     {
+        preSetup(m_chain, 1280);
     }
-    unsigned int getNumOutPorts() const override { return m_numOuts; }
-    unsigned int getNumInPorts() const override { return m_numIns; }
+    unsigned int getNumOutPorts() const override { return outs; }
+    unsigned int getNumInPorts() const override { return ins; }
     void process() override {}
 
-private:
-    unsigned int m_numIns;
-    unsigned int m_numOuts;
+    unsigned int ins, outs;
+    Chain m_chain{48000};
 };
 
 // Counts live snapshots so that leaks and double frees show.
@@ -41,23 +41,29 @@ struct CountedSet : Module::ParameterSet
 };
 std::atomic<int> CountedSet::s_alive{0};
 
+int current(Module& module)
+{
+    auto* set = static_cast<CountedSet*>(module.getCurrentParameterSet());
+    return set ? set->value : 0;
+}
+
 } // namespace
 
 TEST(ModuleTest, UntakenParameterSetsAreDiscardedAndReplacedOnesFreedOnTheMainLoop)
 {
     {
         PortsModule module("m", 1, 1);
-        EXPECT_EQ(module.getCurrentParameterSet(), nullptr);
+        EXPECT_EQ(current(module), 0);
         module.setFutureParameterSet(new CountedSet(1));
         module.setFutureParameterSet(new CountedSet(2));
         EXPECT_EQ(CountedSet::s_alive, 1) << "the set nobody took is deleted unseen";
-        EXPECT_EQ(static_cast<CountedSet*>(module.getCurrentParameterSet())->value, 2);
-        EXPECT_EQ(static_cast<CountedSet*>(module.getCurrentParameterSet())->value, 2);
+        EXPECT_EQ(current(module), 2);
+        EXPECT_EQ(current(module), 2);
         Testing::runPendingMainLoopJobs();
-        EXPECT_EQ(CountedSet::s_alive, 1);
+        EXPECT_EQ(CountedSet::s_alive, 1) << "no pending set: nothing replaced";
 
         module.setFutureParameterSet(new CountedSet(3));
-        EXPECT_EQ(static_cast<CountedSet*>(module.getCurrentParameterSet())->value, 3);
+        EXPECT_EQ(current(module), 3);
         EXPECT_EQ(CountedSet::s_alive, 2) << "the audio thread never frees";
         Testing::runPendingMainLoopJobs();
         EXPECT_EQ(CountedSet::s_alive, 1);
@@ -76,47 +82,38 @@ TEST(ModuleTest, HandOffBetweenTwoThreadsLosesNothingAndGoesForward)
             module.setFutureParameterSet(new CountedSet(i));
         done = true;
     });
-    int last = 0;
+    int last = 0, backwards = 0;
     while (!done || last != sets) {
-        if (auto* current = static_cast<CountedSet*>(module.getCurrentParameterSet())) {
-            ASSERT_GE(current->value, last);
-            last = current->value;
-        }
+        int const now = current(module);
+        backwards += now < last;
+        last = std::max(now, last);
         Testing::runPendingMainLoopJobs();
     }
     control.join();
     Testing::runPendingMainLoopJobs();
+    EXPECT_EQ(backwards, 0);
     EXPECT_EQ(CountedSet::s_alive, 1) << "only the current set remains";
 }
 
-TEST(ModuleTest, PortsFlagsAndMessages)
+TEST(ModuleTest, PortsBuffersFlagsMetersAndTheirMessages)
 {
-    Chain chain(48000);
     auto source = std::make_shared<PortsModule>("src", 0, 2);
+    source->postSetup(1280);
     PortsModule module("a.b-c", 2, 2);
-    module.preSetup(chain, 1280);
-    source->preSetup(chain, 1280);
     EXPECT_EQ(module.getDotSafeID(), "a_b_c");
     EXPECT_EQ(Testing::thrownMessage<IllegalArgumentException>([&] { module.setInPortBuffer(2, source, 0); }),
               "inport 2 of module a.b-c does not exist");
     EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { module.getInPort(1); }),
               "Input port 1 of module a.b-c is not connected!\n");
+    EXPECT_THROW(module.postSetup(1280), ParsingException) << "in place, its inputs must be wired";
     module.setCompileFlag(7);
     EXPECT_TRUE(module.getCompileFlag(7));
     EXPECT_THROW(module.setCompileFlag(8), std::out_of_range);
     EXPECT_THROW(module.getCompileFlag(8), std::out_of_range);
     module.resetCompileFlags();
     EXPECT_FALSE(module.getCompileFlag(7));
-}
 
-TEST(ModuleTest, InPlaceOutputsShareTheSourceBufferOthersGetTheirOwn)
-{
-    Chain chain(48000);
-    auto source = std::make_shared<PortsModule>("src", 0, 2);
-    PortsModule module("m", 2, 2);
-    source->preSetup(chain, 1280);
-    module.preSetup(chain, 1280);
-    source->postSetup(1280);
+    // In place on input 1 only: output 1 is the source's buffer, output 0 a fresh one.
     module.setInPortBuffer(0, source, 0);
     module.setInPortBuffer(1, source, 1);
     module.activeInPlaceProcessingForPort(1);
@@ -126,31 +123,18 @@ TEST(ModuleTest, InPlaceOutputsShareTheSourceBufferOthersGetTheirOwn)
     EXPECT_EQ(module.getOutPortBuffer(0)->getNumSampleFramesCapacity(), 1280u);
     EXPECT_EQ(module.getInPort(1), source->getOutPortBuffer(1));
 
-    PortsModule unwired("u", 1, 1);
-    unwired.preSetup(chain, 1280);
-    EXPECT_THROW(unwired.postSetup(1280), ParsingException);
-}
-
-TEST(ModuleTest, MetersHoldThePeakUntilReset)
-{
-    Chain chain(48000);
-    PortsModule module("m", 0, 1);
-    module.preSetup(chain, 4);
-    module.postSetup(4);
+    // Meters hold the peak until reset.
     module.allocateMeters();
-    module.getOutPortBuffer(0)->getRawData()[0] = tSample(0.5);
-    module.storeMeters();
-    module.getOutPortBuffer(0)->getRawData()[0] = tSample(0.25);
-    module.storeMeters();
+    for (float level : {0.5f, 0.25f}) {
+        module.getOutPortBuffer(0)->getRawData()[0] = tSample(level);
+        module.storeMeters();
+    }
     EXPECT_FLOAT_EQ(module.getStoredMeter(0), 0.5f);
     module.resetMeters();
     module.storeMeters();
     EXPECT_FLOAT_EQ(module.getStoredMeter(0), 0.25f);
-}
 
-TEST(ModuleTest, SetParameterAppliesOneKeyOnTopOfTheStoredSet)
-{
-    PortsModule module("m", 1, 1);
+    // One key changes on top of the stored set, at the stored rate.
     module.setParameters(Parameters{{"a", "1"}, {"b", "2"}}, 44100);
     module.setParameter("b", "3");
     EXPECT_EQ(module.getParameters().describe(), "  a=1\\l  b=3\\l");
@@ -160,19 +144,13 @@ TEST(ModuleTest, SetParameterAppliesOneKeyOnTopOfTheStoredSet)
 TEST(ModuleDeathTest, InPlaceModuleWithFewerInputsThanOutputsAsserts)
 {
     // Reports equal counts but sized its inputs short, which postSetup must catch.
-    class Lopsided : public PortsModule
+    struct Lopsided : PortsModule
     {
-    public:
-        Lopsided() : PortsModule("l", 1, 1) {}
+        Lopsided() : PortsModule("l", 1, 1) { outs = 2; }
         bool canProcessInPlace() const override { return true; }
-        unsigned int getNumOutPorts() const override { return 2; }
-    };
-    Chain chain(48000);
+    } module;
     auto source = std::make_shared<PortsModule>("src", 0, 1);
-    source->preSetup(chain, 16);
     source->postSetup(16);
-    Lopsided module;
-    module.preSetup(chain, 16);
     module.setInPortBuffer(0, source, 0);
     EXPECT_DEATH(module.postSetup(16), "m_ins.size\\(\\) > out");
 }
