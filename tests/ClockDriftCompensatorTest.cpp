@@ -8,10 +8,8 @@
 #include "support/TemporaryDirectory.h"
 
 #include <alsa/asoundlib.h>
-#include <cmath>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <gtest/gtest.h>
 #include <iterator>
 #include <map>
@@ -20,7 +18,6 @@
 
 using namespace Zelmar;
 namespace fs = std::filesystem;
-using tWritten = std::function<std::vector<long>()>;
 
 namespace {
 
@@ -65,33 +62,23 @@ protected:
         return fresh;
     }
 
-    // The control values written since the last call, one decimal line each.
-    std::vector<long> alsaWritten()
+    // The values written to the control (decimal lines) or the DAC ("%d\n\0" records) since the last call.
+    std::vector<long> written(std::string const& path)
     {
-        std::istringstream lines(appended(m_record));
-        return {std::istream_iterator<long>(lines), std::istream_iterator<long>()};
+        std::string text = appended(path);
+        std::replace(text.begin(), text.end(), '\0', ' ');
+        std::istringstream values(text);
+        return {std::istream_iterator<long>(values), std::istream_iterator<long>()};
     }
 
-    // The DAC values written since the last call, each a "%d\n\0" record.
-    tWritten dacWritten(std::string const& device)
-    {
-        return [this, device] {
-            std::vector<long> values;
-            std::string const text = appended(device);
-            for (size_t start = 0; start < text.size(); start = text.find('\0', start) + 1)
-                values.push_back(std::stol(text.substr(start)));
-            return values;
-        };
-    }
-
-    // The values the main loop's 100 ms timer writes until `count` have come, or 5 s have passed.
-    static std::vector<long> ticksOnTheMainLoop(tWritten const& written, size_t count,
-                                                std::chrono::milliseconds timeout = std::chrono::seconds(5))
+    // The values the main loop's timer writes until `count` have come, or the timeout has passed.
+    std::vector<long> ticks(std::string const& path, size_t count,
+                            std::chrono::milliseconds timeout = std::chrono::seconds(5))
     {
         std::vector<long> values;
         Testing::runMainLoopUntil(
             [&] {
-                for (long value : written())
+                for (long value : written(path))
                     values.push_back(value);
                 return values.size() >= count;
             },
@@ -103,9 +90,9 @@ protected:
     // above it; the host measures its phase, rounded to whole frames, every 100 ms tick at 48 kHz.
     // Returns the tick from which that delta stays within +-1 frame to the end of the run, or -1.
     template <class Compensator>
-    static int settlingTick(Compensator& compensator, tWritten const& written, double phase, double ppm,
-                            double slope, long mid, int ticks)
+    int settlingTick(std::string const& device, double phase, double ppm, double slope, long mid, int ticks)
     {
+        Compensator compensator;
         compensator.start();
         long value = mid;
         int settledAt = -1;
@@ -115,7 +102,7 @@ protected:
             compensator.setFrameDelta(delta);
             if (!compensator.writeClock())
                 return -2;
-            for (long latest : written())
+            for (long latest : written(device))
                 value = latest;
             phase += (ppm + slope * double(value - mid)) * 48000 * 0.1 * 1e-6;
         }
@@ -132,22 +119,23 @@ protected:
 
 using AlsaDriftCompensatorTest = ClockSteering;
 using HardwareDriftCompensatorTest = ClockSteering;
-using Type = Tools::Hardware::DriftCompensatorType;
 
 } // namespace
 
 TEST_F(AlsaDriftCompensatorTest, FactoryMakesEachTypeAndNothingForAnUnknownOne)
 {
+    using Type = Tools::Hardware::DriftCompensatorType;
     EXPECT_NE(dynamic_cast<HardwareDriftCompensator*>(DriftCompensator::create(Type(0)).get()), nullptr);
     EXPECT_NE(dynamic_cast<AlsaDriftCompensator*>(DriftCompensator::create(Type(1)).get()), nullptr);
-    auto const stretching = DriftCompensator::create(Type(2));
-    auto const lineIn = DriftCompensator::create(Type(3));
-    ASSERT_NE(dynamic_cast<TimeStretchingDriftCompensator*>(stretching.get()), nullptr);
-    ASSERT_NE(dynamic_cast<TimeStretchingLineInDriftCompensator*>(lineIn.get()), nullptr);
-    EXPECT_EQ(static_cast<TimeStretchingDriftCompensator&>(*stretching).getTimeStretcherModuleID(),
-              "timestretcher");
-    EXPECT_EQ(static_cast<TimeStretchingDriftCompensator&>(*lineIn).getTimeStretcherModuleID(),
-              "line-in-timestretcher");
+    std::vector<Tools::String> ids;
+    for (int type : {2, 3}) {
+        auto const compensator = DriftCompensator::create(Type(type));
+        auto const* stretching = dynamic_cast<TimeStretchingDriftCompensator*>(compensator.get());
+        ids.push_back(stretching ? stretching->getTimeStretcherModuleID() : "none");
+        EXPECT_EQ(dynamic_cast<TimeStretchingLineInDriftCompensator*>(compensator.get()) != nullptr,
+                  type == 3);
+    }
+    EXPECT_EQ(ids, std::vector<Tools::String>({"timestretcher", "line-in-timestretcher"}));
     EXPECT_EQ(DriftCompensator::create(Type(7)), nullptr);
 }
 
@@ -158,11 +146,12 @@ TEST_F(AlsaDriftCompensatorTest, WritesTheControllerOutputOnlyWhenItChangesAndZe
         compensator.start();
         for (int tick = 0; tick < 5; ++tick)
             EXPECT_TRUE(compensator.writeClock());
-        EXPECT_TRUE(alsaWritten().empty()) << "a constant zero equals the cleared last value";
+        EXPECT_TRUE(written(m_record).empty()) << "a constant zero equals the cleared last value";
         compensator.setFrameDelta(200);
         compensator.writeClock();
         compensator.writeClock();
-        EXPECT_EQ(alsaWritten(), std::vector<long>{-1000}) << "saturated in one tick, and not written again";
+        EXPECT_EQ(written(m_record), std::vector<long>{-1000})
+            << "saturated in one tick, and not written again";
 
         compensator.stop();
         EXPECT_FALSE(compensator.writeClock());
@@ -174,9 +163,9 @@ TEST_F(AlsaDriftCompensatorTest, WritesTheControllerOutputOnlyWhenItChangesAndZe
         }
         // As from a fresh controller: 10 * -5 + 3 * -0.05 + 1.5 * -5 / 0.01;
         // then -50 - 0.3; then -40 - 0.42 + 1.5 * 1 / 0.01.
-        EXPECT_EQ(alsaWritten(), (std::vector<long>{-800, -50, 109}));
+        EXPECT_EQ(written(m_record), (std::vector<long>{-800, -50, 109}));
     }
-    EXPECT_EQ(alsaWritten(), std::vector<long>{0});
+    EXPECT_EQ(written(m_record), std::vector<long>{0});
     EXPECT_EQ(m_log.lines(),
               (std::vector<std::string>{"3 AlsaDriftCompensator: 2nd generation HW clock control initialized",
                                         "3 AlsaDriftCompensator::start", "3 AlsaDriftCompensator::stop",
@@ -205,18 +194,30 @@ TEST_F(AlsaDriftCompensatorTest, MissingElementOrDeviceLeavesItInert)
         expected.insert(expected.end(), {"3 AlsaDriftCompensator::start", "4 STOP DRIFT COMP"});
         EXPECT_EQ(m_log.lines(), expected) << config;
     }
-    EXPECT_TRUE(alsaWritten().empty());
+    EXPECT_TRUE(written(m_record).empty());
 }
 
-TEST_F(AlsaDriftCompensatorTest, TimerOnTheMainLoopKeepsWritingUntilStopped)
+// Timers never fire early, so two ticks bound the interval from below.
+TEST_F(AlsaDriftCompensatorTest, BothTimersTickOnTheMainLoopEveryTenthOfASecondUntilStopped)
 {
-    AlsaDriftCompensator compensator;
-    compensator.start();
-    compensator.setFrameDelta(5);
-    auto const written = [this] { return alsaWritten(); };
-    EXPECT_EQ(ticksOnTheMainLoop(written, 2), (std::vector<long>{-800, -50}));
-    compensator.stop();
-    EXPECT_TRUE(ticksOnTheMainLoop(written, 1, std::chrono::milliseconds(250)).empty());
+    std::string const dac = makeDevice(HardwareDriftCompensator::s_legacyDevicePath);
+    AlsaDriftCompensator alsa;
+    HardwareDriftCompensator hardware;
+    gint64 const start = g_get_monotonic_time();
+    alsa.start();
+    hardware.start();
+    alsa.setFrameDelta(5);
+    hardware.setFrameDelta(1);
+    EXPECT_EQ(ticks(m_record, 2), (std::vector<long>{-800, -50}));
+    EXPECT_GE(g_get_monotonic_time() - start, 200000);
+    hardware.setFrameDelta(-1);
+    EXPECT_EQ(ticks(dac, 2), (std::vector<long>{3072, 1024}));
+    alsa.stop();
+    hardware.stop();
+    hardware.setFrameDelta(0);
+    alsa.setFrameDelta(0);
+    Testing::runMainLoopUntil([] { return false; }, std::chrono::milliseconds(250));
+    EXPECT_EQ(written(m_record).size() + written(dac).size(), 0u);
 }
 
 // The model clock runs 50 ppm fast and `gain` ppm per control unit faster. The loop settles within
@@ -226,16 +227,11 @@ TEST_F(AlsaDriftCompensatorTest, TimerOnTheMainLoopKeepsWritingUntilStopped)
 TEST_F(AlsaDriftCompensatorTest, ModelClockSettlesWithinOneFrameForModerateGains)
 {
     auto const settle = [this](double gain) {
-        AlsaDriftCompensator compensator;
-        return settlingTick(
-            compensator, [this] { return alsaWritten(); }, 0.0, 50.0, gain, 0, 4000);
+        return settlingTick<AlsaDriftCompensator>(m_record, 0.0, 50.0, gain, 0, 4000);
     };
-    int const weak = settle(0.1);
-    EXPECT_GE(weak, 0);
-    EXPECT_LT(weak, 2000);
-    int const strong = settle(1.2);
-    EXPECT_GE(strong, 0);
-    EXPECT_LT(strong, 600);
+    int const weak = settle(0.1), strong = settle(1.2);
+    EXPECT_TRUE(weak >= 0 && weak < 2000) << weak;
+    EXPECT_TRUE(strong >= 0 && strong < 600) << strong;
     EXPECT_EQ(settle(1.5), -1) << "oscillates";
     EXPECT_EQ(settle(0.04), -1) << "cannot cover 50 ppm";
 }
@@ -285,31 +281,16 @@ TEST_F(HardwareDriftCompensatorTest, WithoutDeviceStaysInertAndStopLogsTheShared
     EXPECT_FALSE(compensator.writeClock());
     compensator.stop();
     EXPECT_EQ(m_log.lines(), (std::vector<std::string>{
-                                   "6 HardwareDriftCompensator: unable to open hardware clock device",
-                                   "3 HardwareDriftCompensator::start", "3 AlsaDriftCompensator::stop"}));
-}
-
-TEST_F(HardwareDriftCompensatorTest, TimerOnTheMainLoopWritesEveryTickUntilStopped)
-{
-    auto const written = dacWritten(makeDevice(HardwareDriftCompensator::s_legacyDevicePath));
-    HardwareDriftCompensator compensator;
-    compensator.start();
-    compensator.setFrameDelta(1);
-    EXPECT_EQ(ticksOnTheMainLoop(written, 1), std::vector<long>{3072});
-    compensator.setFrameDelta(-1);
-    EXPECT_EQ(ticksOnTheMainLoop(written, 1), std::vector<long>{1024});
-    compensator.stop();
-    compensator.setFrameDelta(0);
-    EXPECT_TRUE(ticksOnTheMainLoop(written, 1, std::chrono::milliseconds(250)).empty());
+                                 "6 HardwareDriftCompensator: unable to open hardware clock device",
+                                 "3 HardwareDriftCompensator::start", "3 AlsaDriftCompensator::stop"}));
 }
 
 // A model clock 40 ppm fast whose DAC pulls it by -0.05 ppm per step above mid scale (about +-100 ppm
 // over the DAC range). Starting 20 frames behind, the proportional law then holds the delta at 0 or +1.
 TEST_F(HardwareDriftCompensatorTest, ModelClockSettlesWithinOneFrame)
 {
-    auto const written = dacWritten(makeDevice(HardwareDriftCompensator::s_legacyDevicePath));
-    HardwareDriftCompensator compensator;
-    int const settledAt = settlingTick(compensator, written, -20.0, 40.0, -0.05, 2048, 400);
-    EXPECT_GE(settledAt, 0);
-    EXPECT_LT(settledAt, 100) << "20 frames behind catch up at 142 ppm in about 3 s";
+    std::string const device = makeDevice(HardwareDriftCompensator::s_legacyDevicePath);
+    int const settledAt = settlingTick<HardwareDriftCompensator>(device, -20.0, 40.0, -0.05, 2048, 400);
+    EXPECT_TRUE(settledAt >= 0 && settledAt < 100)
+        << "20 frames behind catch up at 142 ppm in about 3 s: " << settledAt;
 }

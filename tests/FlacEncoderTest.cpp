@@ -26,14 +26,20 @@ using tBytes = std::vector<uint8_t>;
 // What libFLAC itself writes for these interleaved pairs at the encoder's fixed settings: compression
 // level 2 (1152-frame blocks), two channels of 24 bits, a streamable subset and an unknown length.
 // Without a seek callback the header is never rewritten, as on a live stream.
-tBytes libFlacStream(std::vector<int32_t> const& pairs, unsigned int rate = 48000)
+// What libFLAC itself writes for these channels, each sample shifted right by 4 into 24 bits, at the
+// encoder's fixed settings: compression level 2 (1152-frame blocks), two channels of 24 bits, a streamable
+// subset and an unknown length. Without a seek callback the header is never rewritten, as on a live stream.
+tBytes libFlacStream(std::vector<tSample> const& left, std::vector<tSample> const& right)
 {
+    std::vector<int32_t> pairs;
+    for (size_t i = 0; i < left.size(); ++i)
+        pairs.insert(pairs.end(), {left[i].getRaw() >> 4, right[i].getRaw() >> 4});
     tBytes bytes;
     FLAC__StreamEncoder* encoder = FLAC__stream_encoder_new();
     FLAC__stream_encoder_set_compression_level(encoder, 2);
     FLAC__stream_encoder_set_channels(encoder, 2);
     FLAC__stream_encoder_set_bits_per_sample(encoder, 24);
-    FLAC__stream_encoder_set_sample_rate(encoder, rate);
+    FLAC__stream_encoder_set_sample_rate(encoder, 48000);
     FLAC__stream_encoder_set_streamable_subset(encoder, true);
     auto const write = [](FLAC__StreamEncoder const*, FLAC__byte const buffer[], size_t size, uint32_t,
                           uint32_t, void* out) {
@@ -51,15 +57,6 @@ tBytes libFlacStream(std::vector<int32_t> const& pairs, unsigned int rate = 4800
 bool startsStream(tBytes const& piece)
 {
     return piece.size() >= 4 && std::equal(piece.begin(), piece.begin() + 4, "fLaC");
-}
-
-// Left and right pairs as the encoder must deliver them to libFLAC.
-std::vector<int32_t> pairsOf(std::vector<tSample> const& left, std::vector<tSample> const& right)
-{
-    std::vector<int32_t> pairs;
-    for (size_t i = 0; i < left.size(); ++i)
-        pairs.insert(pairs.end(), {FlacEncoder::toFlacSample(left[i]), FlacEncoder::toFlacSample(right[i])});
-    return pairs;
 }
 
 // An encoder fed by a harness, with every piece it publishes collected.
@@ -91,14 +88,9 @@ std::vector<tSample> const c_minusQuarter = Testing::constant(1000, tSample(-0.2
 
 } // namespace
 
-TEST(FlacEncoderTest, ShiftsToTwentyFourBitsWithoutClipping)
+// 1.0 reaches libFLAC as 8388608, which it refuses as a 24-bit sample (client error, state 5).
+TEST(FlacEncoderTest, FullScaleIsNotClippedAndStopsTheEncoder)
 {
-    std::pair<int32_t, int32_t> const cases[] = {
-        {0x08000000, 8388608}, {-0x08000000, -8388608}, {0x7fffffff, 0x7ffffff}, {0x1f, 1}, {-1, -1}};
-    for (auto const& [word, flac] : cases)
-        EXPECT_EQ(FlacEncoder::toFlacSample(tSample(word)), flac) << word;
-
-    // libFLAC refuses 8388608 as a 24-bit sample (client error, state 5): full scale stops the encoder.
     Testing::LogCapture log;
     Encoding e;
     e.encoder.onSigGotFrameStateChanged(Tools::FramesWanted);
@@ -135,7 +127,7 @@ TEST(FlacEncoderTest, StreamIsLibFlacsOwnAndReachesSubscribersInOrderOnTheMainLo
     Testing::runPendingMainLoopJobs();
 
     // All but the last block (1152 pairs of 24 bits: under 7 KB) before the stream is finished.
-    tBytes const expected = libFlacStream(pairsOf(left, right));
+    tBytes const expected = libFlacStream(left, right);
     tBytes const beforeFinish = e.stream();
     ASSERT_LT(beforeFinish.size(), expected.size());
     EXPECT_LT(expected.size() - beforeFinish.size(), 7000u);
@@ -178,7 +170,7 @@ TEST(FlacEncoderTest, OnlyWhatArrivesWhileEncodingIsInTheStreamAndAFinishedOneHo
     EXPECT_FALSE(e.encoder.isEncoding());
     Testing::runPendingMainLoopJobs();
     EXPECT_FALSE(e.encoder.hasUnpublishedFrames());
-    EXPECT_EQ(e.stream(), libFlacStream(pairsOf(c_quarter, c_minusQuarter)));
+    EXPECT_EQ(e.stream(), libFlacStream(c_quarter, c_minusQuarter));
     EXPECT_EQ(e.encoder.getDroppedPairs(), 0u);
 
     size_t const before = e.pieces.size();
@@ -212,7 +204,7 @@ TEST(FlacEncoderTest, AudioEncoderAndMainLoopThreadsRunTogether)
     e.encoder.finishStream();
     Testing::runPendingMainLoopJobs();
     EXPECT_EQ(e.encoder.getDroppedPairs(), 0u);
-    EXPECT_EQ(e.stream(), libFlacStream(pairsOf(left, right)));
+    EXPECT_EQ(e.stream(), libFlacStream(left, right));
 }
 
 namespace {
@@ -258,7 +250,8 @@ TEST(FlacEncoderTest, OverrunIsCountedAndReportedOnTheMainLoop)
     for (int i = 0; i < 3; ++i)
         harness.process({Testing::constant(1000, tSample(0.1)), Testing::constant(1000, tSample(0.1))});
     EXPECT_EQ(stalled->getDroppedPairs(), 952u);
-    std::string const report = "4 FlacEncoder stalled dropped 952 stereo frames because its worker thread fell behind";
+    std::string const report =
+        "4 FlacEncoder stalled dropped 952 stereo frames because its worker thread fell behind";
     EXPECT_EQ(log.count(report), 0) << "reported from the main loop, not the audio thread";
     EXPECT_TRUE(Testing::runMainLoopUntil([&] { return log.count(report) == 1; }));
     stalled->release();

@@ -1,7 +1,6 @@
 #include "dsp/Sounds.h"
 
 #include "dsp/Chain.h"
-#include "dsp/InputStage.h"
 #include "dsp/OutputStage.h"
 #include "dsp/ParsingException.h"
 #include "dsp/Rompler.h"
@@ -12,7 +11,7 @@
 #include "support/HeapWatch.h"
 #include "support/LogCapture.h"
 #include "support/MainLoop.h"
-#include "support/MemoryAlsaBuffers.h"
+#include "support/ModuleHarness.h"
 #include "support/ScopedVariable.h"
 #include "support/TemporaryDirectory.h"
 #include "support/Thrown.h"
@@ -24,6 +23,7 @@
 #include <thread>
 
 using namespace Zelmar;
+using tSound = std::vector<int16_t>;
 
 namespace {
 
@@ -32,7 +32,7 @@ struct SoundsFolder : Testing::TemporaryDirectory
 {
     SoundsFolder() { RomplerData::setSoundsDirectory(path().c_str()); }
     ~SoundsFolder() { RomplerData::setSoundsDirectory(""); }
-    std::string write(std::string const& name, std::vector<int16_t> const& interleavedStereo)
+    std::string write(std::string const& name, tSound const& interleavedStereo)
     {
         std::string error;
         EXPECT_TRUE(SoundGeneration::writeFlacFile(path(name), interleavedStereo, 44100, "", error)) << error;
@@ -41,17 +41,12 @@ struct SoundsFolder : Testing::TemporaryDirectory
 };
 
 // Left runs up from `first`, right mirrors it below zero, so channel mix-ups and sign errors show.
-std::vector<int16_t> ramp(unsigned int frames, int first = -1000, int slope = 7)
+tSound ramp(unsigned int frames, int first = -1000, int slope = 7)
 {
-    std::vector<int16_t> samples;
+    tSound samples;
     for (int i = 0; i < int(frames); ++i)
         samples.insert(samples.end(), {int16_t(first + slope * i), int16_t(-(first + slope * i) - 1)});
     return samples;
-}
-
-std::vector<int16_t> constant(unsigned int frames, int16_t value)
-{
-    return std::vector<int16_t>(2 * frames, value);
 }
 
 bool waitUntilLoaded(RomplerData const& data)
@@ -61,39 +56,26 @@ bool waitUntilLoaded(RomplerData const& data)
     return data.isLoaded();
 }
 
-int32_t shifted(int16_t sample)
-{
-    return int32_t(sample) * 4096;
-}
-
-// input -> system-sounds -> output, fed with constant music, so the duck shows as the output level.
+// The sounds module fed with constant music on both channels, so the duck shows as the output level,
+// and the one output stage it finds in its chain.
 struct SoundsRig
 {
-    explicit SoundsRig(unsigned int sampleRate, tSample music = tSample(0.5))
-        : chain(sampleRate), music(music)
+    explicit SoundsRig(unsigned int sampleRate, tSample music = tSample(0.5)) : music(music)
     {
-        chain.addModule("input", "in");
-        sounds = std::dynamic_pointer_cast<Sounds>(chain.addModule("sounds", "system-sounds"));
         sounds->setParameters(Parameters(), sampleRate);
-        output = std::dynamic_pointer_cast<OutputStage>(chain.addModule("output", "out"));
-        output->setParameters(Parameters{{"interleave-pattern", "01"}}, sampleRate);
-        chain.pullWire("system-sounds", "in");
-        chain.pullWire("out", "system-sounds");
-        chain.compile();
-        Testing::attachHostBuffers(chain, capture, playback);
+        output = std::dynamic_pointer_cast<OutputStage>(harness.getChain().addModule("output", "out"));
+        sounds->preSetup(harness.getChain(), 1280);
     }
 
-    // Processes `frames` frames in periods of `period` and appends the sounds module's output.
+    // Processes `frames` frames in periods of `period` and appends the output, as raw words.
     void run(unsigned int frames, unsigned int period = 500)
     {
         for (unsigned int done = 0; done < frames; done += period) {
-            unsigned int const n = std::min(period, frames - done);
-            capture.getChannel(0).setPeriod(std::vector<tSample>(n, music));
-            capture.getChannel(1).setPeriod(std::vector<tSample>(n, music));
-            chain.process();
-            for (unsigned int i = 0; i < n; ++i) {
-                left.push_back(sounds->getOutPortBuffer(0)->getRawData()[i].getRaw());
-                right.push_back(sounds->getOutPortBuffer(1)->getRawData()[i].getRaw());
+            auto const out = harness.process(Testing::ModuleHarness::tChannels(
+                2, Testing::constant(std::min(period, frames - done), music)));
+            for (unsigned int i = 0; i < out[0].size(); ++i) {
+                left.push_back(out[0][i].getRaw());
+                right.push_back(out[1][i].getRaw());
             }
         }
     }
@@ -105,9 +87,8 @@ struct SoundsRig
         return *data;
     }
 
-    Chain chain;
-    Testing::MemoryAlsaBuffers capture{2}, playback{2};
-    std::shared_ptr<Sounds> sounds;
+    std::shared_ptr<Sounds> sounds = std::make_shared<Sounds>("system-sounds");
+    Testing::ModuleHarness harness{sounds};
     std::shared_ptr<OutputStage> output;
     tSample music;
     std::vector<int32_t> left, right;
@@ -148,7 +129,6 @@ TEST(RomplerTest, DecodesSixteenBitStereoAndFinishesInTheLastPeriodOrOneLaterOnA
         std::vector<uint32_t>({1024, 940, 470}));
     ASSERT_TRUE(waitUntilLoaded(hundred) && waitUntilLoaded(ninety) && waitUntilLoaded(slow));
     EXPECT_EQ(hundred.getSamples(), ramp(100));
-
     // ceil(100 / 30); 90 frames end on a boundary: one period more; at step 940 they last 109 frames.
     EXPECT_EQ(std::vector<unsigned int>({periodsUntilFinished(hundred, 30), periodsUntilFinished(ninety, 30),
                                          periodsUntilFinished(slow, 109)}),
@@ -166,7 +146,7 @@ TEST(RomplerTest, DamagedFilesStillLoadWhatDecodes)
 {
     SoundsFolder folder;
     // Noise, so that the encoded frames are large enough to hit.
-    std::vector<int16_t> samples(40000);
+    tSound samples(40000);
     uint32_t seed = 1;
     for (auto& sample : samples)
         sample = static_cast<int16_t>((seed = seed * 1664525u + 1013904223u) >> 16);
@@ -183,25 +163,22 @@ TEST(RomplerTest, DamagedFilesStillLoadWhatDecodes)
     ASSERT_TRUE(waitUntilLoaded(wrongSum));
     EXPECT_EQ(wrongSum.getSamples(), samples) << "a wrong MD5 sum is noticed but accepted";
     EXPECT_TRUE(log.lines().empty());
-
     RomplerData broken(44100, "frame.flac");
     ASSERT_TRUE(waitUntilLoaded(broken));
+    EXPECT_NE(broken.getSamples(), samples);
     EXPECT_GT(log.count("4 RomplerData::errorCallback(): got error callback during flac decoding: "
                         "FLAC__STREAM_DECODER_ERROR_STATUS_"),
               0)
         << testing::PrintToString(log.lines());
-    EXPECT_NE(broken.getSamples(), samples);
 }
 
 TEST(SoundsTest, DucksToAQuarterOverAQuarterSecondAndReturnsWhenTheVoiceEnds)
 {
     SoundsFolder folder;
-    folder.write("ok.flac", constant(22050, 0));
+    folder.write("ok.flac", tSound(2 * 22050));
     SoundsRig rig(48000);
-    int32_t const music = rig.music.getRaw();
-    int32_t const quarter = (tSample(0.5) * Sounds::c_reducedAmp).getRaw();
+    int32_t const music = rig.music.getRaw(), quarter = (rig.music * Sounds::c_reducedAmp).getRaw();
     EXPECT_EQ(Sounds::c_reducedAmp.getRaw(), 0x02000000);
-
     rig.run(1000);
     EXPECT_EQ(rig.left, std::vector<int32_t>(1000, music)) << "untouched";
     EXPECT_FALSE(rig.output->hasPlayRequests());
@@ -212,19 +189,18 @@ TEST(SoundsTest, DucksToAQuarterOverAQuarterSecondAndReturnsWhenTheVoiceEnds)
     rig.run(48000, 700);
     auto const& out = rig.left;
     // The gain steps 3 / 48000 per frame: 12000 steps from 1.0 reach the quarter.
-    EXPECT_EQ(out[0], music);
-    EXPECT_EQ(out[1], (tSample(0.5) * (Sounds::c_fullAmp - tSample(3.0f / 48000.0f))).getRaw());
+    EXPECT_EQ(std::make_pair(out[0], out[1]),
+              std::make_pair(music, (rig.music * (Sounds::c_fullAmp - tSample(3.0f / 48000.0f))).getRaw()));
     EXPECT_NEAR(out[6000], tSample(0.5 * 0.625).getRaw(), 1e-4 * (1 << 27));
     EXPECT_GT(out[12000], quarter);
     EXPECT_TRUE(std::is_sorted(out.rbegin() + 36000, out.rend())) << "falls steadily";
-    // 22050 stored frames at step 940 last 24021 output frames; the quarter holds until then.
+    // 22050 stored frames at step 940 last 24021 output frames; the quarter holds until then. The voice
+    // finishes in the period holding frame 24020 (frames 23800..24499) and is removed at its end; the
+    // rise starts with the next period and takes 12000 steps back to 1.0.
     EXPECT_EQ(std::vector<int32_t>(out.begin() + 12001, out.begin() + 24501),
               std::vector<int32_t>(12500, quarter));
-    // The voice finishes in the period holding frame 24020 (frames 23800..24499) and is removed at
-    // its end; the rise starts with the next period and takes 12000 steps back to 1.0.
     EXPECT_FALSE(rig.output->hasPlayRequests());
-    EXPECT_GT(out[24501], quarter);
-    EXPECT_LT(out[24500 + 12000], music);
+    EXPECT_TRUE(out[24501] > quarter && out[36500] < music);
     EXPECT_EQ(std::vector<int32_t>(out.begin() + 36501, out.end()),
               std::vector<int32_t>(48000 - 36501, music));
 }
@@ -242,72 +218,48 @@ TEST(SoundsTest, VoiceBitsAreItsSamplesShiftedInAtTheFixedStep)
         std::vector<int32_t> left, right;
         for (unsigned int k = 0; k < 4000; ++k) {
             unsigned int const index = (k * (rate == 44100 ? 1024 : 940)) >> 10;
-            left.push_back(index < 3000 ? shifted(samples[2 * index]) : 0);
-            right.push_back(index < 3000 ? shifted(samples[2 * index + 1]) : 0);
+            left.push_back(index < 3000 ? samples[2 * index] * 4096 : 0);
+            right.push_back(index < 3000 ? samples[2 * index + 1] * 4096 : 0);
         }
         EXPECT_EQ(rig.left, left) << rate;
         EXPECT_EQ(rig.right, right) << rate;
     }
 }
 
-TEST(SoundsTest, TriggersOfOnePeriodPlayTogetherAndOnlyTheHeadIsExamined)
+// Voices triggered in one period play together, the later first in the list; only the head is examined
+// for having finished; voices triggered while several play are linked behind the head and the others
+// dropped, never to be freed.
+TEST(SoundsTest, VoicesAddUpInTheirListAndOnlyTheHeadIsExamined)
 {
     SoundsFolder folder;
-    folder.write("ok.flac", constant(100, 3));
-    folder.write("touch.flac", constant(3000, 50));
     SoundsRig rig(44100, tSample(0.0));
-    rig.load(SystemSound::Ok);
-    rig.load(SystemSound::Touch);
-    unsigned int const alive = Rompler::getNumLiveVoices();
-    rig.sounds->trigger(SystemSound::Ok);
-    rig.sounds->trigger(SystemSound::Touch);
-    rig.run(256, 256);
-    EXPECT_EQ(std::make_pair(rig.left[99], rig.left[100]), std::make_pair(shifted(53), shifted(50)))
-        << "voices add up";
-    // The short voice, listed behind the later long one, waits for it.
-    rig.run(256 * 10, 256);
-    Testing::runPendingMainLoopJobs();
-    EXPECT_EQ(Rompler::getNumLiveVoices(), alive + 2);
-    rig.run(256, 256);
-    EXPECT_EQ(Rompler::getNumLiveVoices(), alive + 2) << "freed on the main loop only";
-    Testing::runPendingMainLoopJobs();
-    EXPECT_EQ(Rompler::getNumLiveVoices(), alive + 1);
-    EXPECT_TRUE(rig.output->hasPlayRequests());
-    rig.run(256, 256);
-    Testing::runPendingMainLoopJobs();
-    EXPECT_EQ(Rompler::getNumLiveVoices(), alive);
-    EXPECT_FALSE(rig.output->hasPlayRequests());
-}
-
-TEST(SoundsTest, NewVoicesAreLinkedBehindTheHeadDroppingTheRest)
-{
-    SoundsFolder folder;
-    std::pair<char const*, SystemSound> const sounds[] = {{"error.flac", SystemSound::Error},
-                                                          {"ok.flac", SystemSound::Ok},
-                                                          {"touch.flac", SystemSound::Touch},
-                                                          {"welcome.flac", SystemSound::Welcome}};
-    SoundsRig rig(44100, tSample(0.0));
-    int16_t value = 1;
-    for (auto const& [file, sound] : sounds) {
-        folder.write(file, constant(8000, value));
+    for (auto const& [file, sound, frames, value] : {std::tuple{"ok.flac", SystemSound::Ok, 100, 3},
+                                                     {"touch.flac", SystemSound::Touch, 3000, 50},
+                                                     {"error.flac", SystemSound::Error, 4000, 1},
+                                                     {"welcome.flac", SystemSound::Welcome, 4000, 1000}}) {
+        folder.write(file, tSound(2 * frames, int16_t(value)));
         rig.load(sound);
-        value *= 10;
     }
     unsigned int const alive = Rompler::getNumLiveVoices();
-    rig.sounds->trigger(SystemSound::Error);
-    rig.run(100, 100);
+    // Live voices after the periods and after the main loop ran, and whether a play request is held.
+    auto const voices = [&](unsigned int periods) {
+        rig.run(256 * periods, 256);
+        unsigned int const beforeMainLoop = Rompler::getNumLiveVoices() - alive;
+        Testing::runPendingMainLoopJobs();
+        return std::tuple{beforeMainLoop, Rompler::getNumLiveVoices() - alive, rig.output->hasPlayRequests()};
+    };
     rig.sounds->trigger(SystemSound::Ok);
     rig.sounds->trigger(SystemSound::Touch);
-    rig.run(100, 100);
+    EXPECT_EQ(voices(1), std::tuple(2u, 2u, true)) << "the finished short voice waits behind the long one";
+    rig.sounds->trigger(SystemSound::Error);
     rig.sounds->trigger(SystemSound::Welcome);
-    rig.run(100, 100);
-    EXPECT_EQ(std::make_pair(rig.left[199], rig.left[299]), std::make_pair(shifted(111), shifted(1001)))
-        << "the two voices behind the head are gone";
-    rig.run(9000, 1000);
-    Testing::runPendingMainLoopJobs();
-    EXPECT_EQ(rig.left.back(), 0);
-    EXPECT_FALSE(rig.output->hasPlayRequests());
-    EXPECT_EQ(Rompler::getNumLiveVoices(), alive + 2) << "dropped voices are never freed";
+    // Touch ends in the twelfth period, then Welcome and Error in the seventeenth and eighteenth.
+    EXPECT_EQ(std::vector({voices(10), voices(1), voices(4), voices(1), voices(1)}),
+              std::vector({std::tuple{4u, 4u, true}, std::tuple{4u, 3u, true}, std::tuple{3u, 3u, true},
+                           std::tuple{3u, 2u, true}, std::tuple{2u, 1u, false}}));
+    EXPECT_EQ(
+        std::vector<int32_t>({rig.left[99], rig.left[100], rig.left[511], rig.left[3100], rig.left.back()}),
+        std::vector<int32_t>({53 * 4096, 50 * 4096, 1051 * 4096, 1001 * 4096, 0}));
 }
 
 TEST(SoundsTest, AVoiceOfAMissingFileWaitsSilentlyAndKeepsTheSignalDucked)
@@ -327,7 +279,7 @@ TEST(SoundsTest, AVoiceOfAMissingFileWaitsSilentlyAndKeepsTheSignalDucked)
         rig.run(30000);
         Testing::runPendingMainLoopJobs();
         EXPECT_FALSE(data.isLoaded());
-        EXPECT_EQ(rig.left.back(), (tSample(0.5) * Sounds::c_reducedAmp).getRaw());
+        EXPECT_EQ(rig.left.back(), (rig.music * Sounds::c_reducedAmp).getRaw());
         EXPECT_TRUE(rig.output->hasPlayRequests());
         EXPECT_EQ(Rompler::getNumLiveVoices(), alive + 1);
     }
@@ -336,23 +288,23 @@ TEST(SoundsTest, AVoiceOfAMissingFileWaitsSilentlyAndKeepsTheSignalDucked)
 
 TEST(SoundsTest, AdoptsTheOneOutputStageOnly)
 {
-    for (bool stereoWrapped : {false, true}) {
+    Parameters const pattern{{"interleave-pattern", "0"}};
+    for (bool wrapped : {false, true}) {
         Chain chain(48000);
-        chain.addModule("input", "in");
         chain.addModule("sounds", "system-sounds")->setParameters(Parameters(), 48000);
-        Parameters const pattern{{"interleave-pattern", "0"}};
-        for (auto const& id : stereoWrapped ? std::vector<char const*>{} : std::vector<char const*>{"a", "b"})
-            chain.addModule("output", id)->setParameters(pattern, 48000);
-        if (stereoWrapped)
+        for (char const* id : {"a", "b"})
+            if (!wrapped)
+                chain.addModule("output", id)->setParameters(pattern, 48000);
+        if (wrapped)
             chain.addStereoModule("output", "out")->setParameters(pattern, 48000);
         EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.compile(); }),
                   "The current implementation for unmuting the output stage on system sounds relies "
                   "on only one output stage existing.");
     }
     SoundsRig rig(48000);
-    rig.chain.compile();
+    rig.sounds->preSetup(rig.harness.getChain(), 1280);
     rig.sounds->requestPlay(true);
-    EXPECT_TRUE(rig.output->hasPlayRequests()) << "recompiling keeps the same stage";
+    EXPECT_TRUE(rig.output->hasPlayRequests()) << "set up again, it keeps the same stage";
 }
 
 TEST(SoundsTest, GeneratedSoundsAreTheTenShortStereoFiles)
@@ -394,16 +346,13 @@ TEST(SoundsTest, TriggersRaceTheAudioThreadAndEveryVoiceIsFreedOffIt)
     rig.load(SystemSound::Ok);
     rig.run(64, 64); // leaves 64-frame periods for the audio thread to repeat
     unsigned int const alive = Rompler::getNumLiveVoices();
-
     std::atomic<unsigned int> periods{0};
     std::atomic<bool> stop{false}, triggered{false};
     std::atomic<int> audioHeapCalls{-1};
     std::thread audio([&] {
         Testing::watchHeapOnThisThread(true);
-        while (!stop.load()) {
-            rig.chain.process();
-            periods.fetch_add(1);
-        }
+        for (; !stop.load(); periods.fetch_add(1))
+            rig.sounds->process();
         Testing::watchHeapOnThisThread(false);
         audioHeapCalls = Testing::takeHeapCallsOfWatchedThreads();
     });
@@ -428,15 +377,11 @@ TEST(SoundsTest, TriggersRaceTheAudioThreadAndEveryVoiceIsFreedOffIt)
     EXPECT_FALSE(rig.output->hasPlayRequests());
 }
 
-TEST(SystemSoundsPlayerTest, TheFirstIdOfAProcessIsOne)
+TEST(SystemSoundsPlayerTest, IdsCountUpFromOneAndUnknownIdsAreLogged)
 {
     // A fresh process: the counter is process-wide and other tests may have drawn ids already.
     EXPECT_EXIT(_exit(SystemSoundsPlayer().registerRepeatingSound(SystemSound::Ok, 100) == 1 ? 0 : 1),
                 testing::ExitedWithCode(0), "");
-}
-
-TEST(SystemSoundsPlayerTest, IdsCountUpAndUnknownIdsAreLogged)
-{
     Testing::LogCapture log;
     SystemSoundsPlayer player;
     unsigned int const first = player.registerRepeatingSound(SystemSound::Ok, 100);
@@ -458,25 +403,23 @@ TEST(SystemSoundsPlayerTest, IdsCountUpAndUnknownIdsAreLogged)
 }
 
 // Timers never fire early, so a count of plays bounds the time from below; silence is checked over
-// two intervals.
+// two intervals. Every play makes a voice at once, before any period runs.
 TEST(SystemSoundsPlayerTest, RepeatsEachIntervalFromStartUntilStopped)
 {
-    SoundsFolder folder;
-    folder.write("ok.flac", constant(10, 1));
-    SoundsRig rig(44100);
+    Chain chain(44100);
+    chain.addModule("sounds", "system-sounds")->setParameters(Parameters(), 44100);
     unsigned int const before = Rompler::getNumLiveVoices();
     auto const plays = [&] { return Rompler::getNumLiveVoices() - before; };
     auto const idle = [] { Testing::runMainLoopUntil([] { return false; }, std::chrono::milliseconds(80)); };
     SystemSoundsPlayer player;
     unsigned int const early = player.registerRepeatingSound(SystemSound::Ok, 40);
-    player.play(SystemSound::Ok, &rig.chain);
+    player.play(SystemSound::Ok, &chain);
     EXPECT_EQ(plays(), 1u) << "a single play triggers at once";
     idle();
     EXPECT_EQ(plays(), 1u) << "registered sounds wait for a chain";
-
-    player.startAllPendingSounds(&rig.chain);
+    player.startAllPendingSounds(&chain);
     unsigned int const late = player.registerRepeatingSound(SystemSound::Ok, 40);
-    player.startRepeatingSound(late, &rig.chain);
+    player.startRepeatingSound(late, &chain);
     gint64 const start = g_get_monotonic_time();
     EXPECT_TRUE(Testing::runMainLoopUntil([&] { return plays() == 3; })) << "the fresh timers expire at once";
     // Eight plays of two sounds take at least one sound to its fourth play, three intervals on.
