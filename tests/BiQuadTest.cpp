@@ -1,5 +1,5 @@
-// The biquad modules and the loops they run: the section's rule, its vector forms and the cascade; the
-// designs and the precalculated kernels are checked in BiQuadCoefficientsTest.
+// The biquad modules and the loops they run (the section's rule, its vector forms and the cascade), then
+// the designs and the precalculated kernels.
 #include "dsp/BiQuad.h"
 #include "dsp/BiQuadSection.h"
 #include "dsp/ModuleFactory.h"

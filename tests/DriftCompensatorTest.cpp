@@ -25,7 +25,6 @@
 
 using namespace Zelmar;
 using Testing::ModuleHarness;
-using tValue = FixedPointClosedLoopControl::tValue;
 
 namespace {
 
@@ -566,52 +565,40 @@ TEST_F(HardwareDriftCompensatorTest, ModelClockSettlesWithinOneFrame)
         << "20 frames behind catch up at 142 ppm in about 3 s: " << settledAt;
 }
 
-TEST(FixedPointClosedLoopControlTest, ProportionalOutputIsClampedToTheLimits)
+// Each row: gains, the limits (0: none, and the output stays 0), then measured values, each with the raw
+// Q11.20 output it gives; a NaN resets the controller. The set point is 0.
+TEST(FixedPointClosedLoopControlTest, OutputsFollowTheGainsTheLimitsAndTheDeadBand)
 {
-    FixedPointClosedLoopControl unlimited(1.0f, 1.0f, 1.0f);
-    unlimited.process(3.0f);
-    EXPECT_EQ(unlimited.getOutput(), tValue::s_Zero);
-
-    FixedPointClosedLoopControl control(1.0f, 0.0f, 0.0f);
-    control.setMinMax(-10.0f, 10.0f);
-    control.setPoint(0.0f);
-    control.process(3.0f);
-    EXPECT_EQ(control.getOutput(), tValue(-3.0));
-    control.process(20.0f);
-    EXPECT_EQ(control.getOutput(), tValue(-10.0));
-    control.process(-20);
-    EXPECT_EQ(control.getOutput(), tValue(10.0));
-}
-
-TEST(FixedPointClosedLoopControlTest, IntegralIsFrozenInsideTheDeadBand)
-{
-    FixedPointClosedLoopControl control(0.0f, 1.0f, 0.0f);
-    control.setMinMax(-100.0f, 100.0f);
-    control.process(0.05f);
-    control.process(-0.05f);
-    EXPECT_EQ(control.getOutput(), tValue::s_Zero);
-    // -0.0501 (raw -52533) times 0.01 (raw 10485), shifted right by 20, floors to -526.
-    control.process(0.0501f);
-    EXPECT_EQ(control.getOutput().getRaw(), -526);
-    control.process(0.0501f);
-    EXPECT_EQ(control.getOutput().getRaw(), -2 * 526);
-    control.reset();
-    control.process(0.0f);
-    EXPECT_EQ(control.getOutput(), tValue::s_Zero);
-}
-
-TEST(FixedPointClosedLoopControlTest, FirstDerivativeIsTheErrorOverTheInterval)
-{
-    FixedPointClosedLoopControl control(0.0f, 0.0f, 1.0f);
-    control.setMinMax(-1000.0f, 1000.0f);
-    control.process(-1.0f);
-    // 1.0 / 0.01 in Q11.20: 2^40 / 10485, truncated; about 100.0072 since 10485 is slightly under 0.01.
-    EXPECT_EQ(control.getOutput().getRaw(), 104865200);
-    control.process(-1.0f);
-    EXPECT_EQ(control.getOutput(), tValue::s_Zero);
-    control.reset();
-    control.process(1.0f);
-    EXPECT_EQ(control.getOutput().getRaw(), -104865200);
+    struct Row
+    {
+        float kp, ki, kd, limit;
+        std::vector<std::pair<float, int32_t>> steps;
+    };
+    float const reset = NAN;
+    int32_t const one = 1 << 20;
+    std::vector<Row> const rows = {
+        {1, 1, 1, 0, {{3.0f, 0}}},
+        {1, 0, 0, 10, {{3.0f, -3 * one}, {20.0f, -10 * one}, {-20.0f, 10 * one}}},
+        // Frozen inside the dead band of 0.05; -0.0501 (raw -52533) times 0.01 (raw 10485), shifted right
+        // by 20, floors to -526.
+        {0, 1, 0, 100, {{0.05f, 0}, {-0.05f, 0}, {0.0501f, -526}, {0.0501f, -1052}, {reset, 0}, {0, 0}}},
+        // 1.0 / 0.01 in Q11.20: 2^40 / 10485, truncated; about 100.0072 since 10485 is slightly under 0.01.
+        {0, 0, 1, 1000, {{-1.0f, 104865200}, {-1.0f, 0}, {reset, 0}, {1.0f, -104865200}}},
+    };
+    for (Row const& row : rows) {
+        FixedPointClosedLoopControl control(row.kp, row.ki, row.kd);
+        if (row.limit > 0)
+            control.setMinMax(-row.limit, row.limit);
+        control.setPoint(0.0f);
+        for (auto const& [in, out] : row.steps) {
+            SCOPED_TRACE(testing::Message() << row.kp << row.ki << row.kd << " at " << in);
+            if (std::isnan(in))
+                control.reset();
+            else
+                control.process(in);
+            EXPECT_EQ(control.getOutput().getRaw(), out);
+        }
+    }
 }
 
 TEST(FixedPointClosedLoopControlTest, SetPointOf2048DoesNotFit)

@@ -28,9 +28,6 @@ namespace {
 
 using tBytes = std::vector<uint8_t>;
 
-// What libFLAC itself writes for these interleaved pairs at the encoder's fixed settings: compression
-// level 2 (1152-frame blocks), two channels of 24 bits, a streamable subset and an unknown length.
-// Without a seek callback the header is never rewritten, as on a live stream.
 // What libFLAC itself writes for these channels, each sample shifted right by 4 into 24 bits, at the
 // encoder's fixed settings: compression level 2 (1152-frame blocks), two channels of 24 bits, a streamable
 // subset and an unknown length. Without a seek callback the header is never rewritten, as on a live stream.

@@ -336,13 +336,11 @@ protected:
         return reply;
     }
 
-    static GVariant* tuples(std::vector<std::array<char const*, 3>> const& entries)
+    static GVariant* tuples(std::vector<std::array<std::string, 3>> const& entries)
     {
-        GVariantBuilder builder;
-        g_variant_builder_init(&builder, G_VARIANT_TYPE("a(sss)"));
-        for (auto const& e : entries)
-            g_variant_builder_add(&builder, "(sss)", e[0], e[1], e[2]);
-        return g_variant_new("(a(sss))", &builder);
+        auto const array = ::tuples(entries);
+        GVariant* child = array.get();
+        return g_variant_new_tuple(&child, 1);
     }
 
     static float gainOf(std::shared_ptr<Module> const& module)
