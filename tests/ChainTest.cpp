@@ -1,18 +1,26 @@
 #include "dsp/Chain.h"
+#include "base/Assert.h"
 #include "base/Tracer.h"
-
+#include "dsp/ChainPrinter.h"
 #include "dsp/Gain.h"
-#include "dsp/InputStage.h"
+#include "dsp/IllegalArgumentException.h"
 #include "dsp/Meter.h"
+#include "dsp/Module.h"
 #include "dsp/ModuleFactory.h"
-#include "dsp/OutputStage.h"
 #include "dsp/ParsingException.h"
+#include "dsp/StereoBiQuad.h"
+#include "dsp/StereoWrapper.h"
+#include "dsp/ThreeBandStereoEQ.h"
+#include "support/MainLoop.h"
 #include "support/MemoryAlsaBuffers.h"
+#include "support/TemporaryDirectory.h"
 #include "support/Thrown.h"
-
+#include <atomic>
 #include <gtest/gtest.h>
+#include <thread>
 
 using namespace Zelmar;
+using Testing::thrownMessage;
 
 namespace {
 
@@ -23,6 +31,8 @@ std::vector<Tools::String> idsInOrder(Chain const& chain)
         ids.push_back(module->getID());
     return ids;
 }
+
+Parameters const c_pattern{{"interleave-pattern", "01"}};
 
 } // namespace
 
@@ -48,86 +58,35 @@ TEST(ChainTest, PassesAudioFromInputToOutputAndPrintsMetersOnceAsked)
     chain.printMeters();
     std::string const printed = testing::internal::GetCapturedStdout();
     std::string const name = Tools::Tracer::getProcessName().str();
-    EXPECT_NE(printed.find(name + " in[0] = 0.000000\n"), std::string::npos);
-    EXPECT_NE(printed.find(name + " in[0] = 0.500000\n"), std::string::npos);
-    EXPECT_NE(printed.find(name + " in[1] = 0.250000\n"), std::string::npos);
-    EXPECT_NE(printed.find(name + " output is MUTED\n"), std::string::npos);
+    for (char const* line :
+         {" in[0] = 0.000000\n", " in[0] = 0.500000\n", " in[1] = 0.250000\n", " output is MUTED\n"})
+        EXPECT_NE(printed.find(name + line), std::string::npos) << line;
 }
 
-TEST(ChainTest, SortsBySignalFlowFromTheSinksInInsertionOrder)
+// Depth first from the sinks, which are taken in insertion order.
+TEST(ChainTest, SortsBySignalFlowAndSplitsShortcutsIntoOneWirePerPort)
 {
     Chain chain(48000);
     chain.addModule("meter", "m2");
-    chain.addModule("output", "out")->setParameters(Parameters{{"interleave-pattern", "01"}}, 48000);
+    chain.addModule("output", "out")->setParameters(c_pattern, 48000);
     chain.addModule("meter", "m1");
     chain.addModule("input", "in");
     chain.pullWire("m1[0]", "in[1]");
     chain.pullWire("m2[0]", "in[0]");
     chain.pullWire("out", "in");
     chain.compile();
-    EXPECT_EQ(idsInOrder(chain), (std::vector<Tools::String>{"in", "m2", "out", "m1"}));
-    EXPECT_EQ(chain.getWires().count("out"), 0u) << "the shortcut became one wire per port";
+    std::vector<Tools::String> const order = {"in", "m2", "out", "m1"};
+    EXPECT_EQ(idsInOrder(chain), order);
+    EXPECT_EQ(chain.getWires().count("out"), 0u);
     EXPECT_EQ(chain.getWires().at("out[1]"), "in[1]");
     chain.compile();
-    EXPECT_EQ(idsInOrder(chain), (std::vector<Tools::String>{"in", "m2", "out", "m1"}))
-        << "compiling twice is safe";
-}
-
-TEST(ChainTest, WiringAndLookupFaultsRaiseTheirMessages)
-{
-    Chain chain(48000);
-    chain.addModule("input", "in");
-    chain.addModule("meter", "m");
-    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.addModule("Meter", "x"); }),
-              "Module type Meter not found in module factory");
-    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.findModule("x"); }),
-              "chain does not contain a module with ID x!");
-    EXPECT_EQ(chain.tryFindModule("x"), nullptr);
-    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.parseWireModule("m"); }),
-              "something is wrong with the port spec - should be moduleid[portnum]: m\n");
-    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.parseWirePort("m"); }),
-              "something is wrong with the port spec - should be moduleid[portnum]: m");
-    EXPECT_THROW(chain.parseWirePort("m[x]"), std::invalid_argument);
-    EXPECT_EQ(chain.parseWirePort("m[12"), 12u);
-
-    chain.pullWire("m[0]", "in");
-    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.compile(); }),
-              "something is wrong with the port spec - should be moduleid[portnum]: in\n");
-    chain.pullWire("m[0]", "gone[0]");
-    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { chain.compile(); }),
-              "Module for portSpec gone[0] does not exist");
-    chain.pullWire("m[0]", "in[1]");
-    EXPECT_NO_THROW(chain.compile()) << "the second source of an input replaced the first";
-}
-
-TEST(ChainTest, FactoryKnowsExactlyTheDocumentedTypes)
-{
-    std::string names;
-    for (auto const& name : ModuleFactory::get().getTypeNames())
-        names += name.str() + " ";
-    EXPECT_EQ(names,
-              "adaptive-biquad adaptive-limiter biquad clipguard delay dump-samples equalizer flac-encoder "
-              "gain input limiter meter mixer output patchbay phase-invert resampler signal-detector sounds "
-              "stereo-biquad stereo-equalizer switch timestretcher ");
-    std::unique_ptr<Module> meter(ModuleFactory::get().createModule("meter", "g1"));
-    EXPECT_EQ(meter->getID(), "g1");
-    EXPECT_EQ(meter->getType(), "meter");
-    EXPECT_NE(dynamic_cast<Meter*>(meter.get()), nullptr);
-    EXPECT_EQ(ModuleFactory::get().createModule("Meter", "g1"), nullptr);
-}
-
-TEST(ChainDeathTest, ModuleLeadingToNoSinkFailsCompilation)
-{
-    Chain chain(48000);
-    chain.addModule("input", "orphan");
-    chain.addModule("meter", "m");
-    EXPECT_DEATH(chain.compile(), "countOfModules == m_modules.size\\(\\)");
+    EXPECT_EQ(idsInOrder(chain), order) << "compiling twice is safe";
 }
 
 TEST(ChainTest, ExclusiveInputsRunInPlaceSharedOutputsDoNot)
 {
     Chain chain(48000);
-    chain.addModule("output", "out")->setParameters(Parameters{{"interleave-pattern", "01"}}, 48000);
+    chain.addModule("output", "out")->setParameters(c_pattern, 48000);
     auto solo = chain.addModule("gain", "solo");
     auto shared = chain.addModule("gain", "shared");
     auto in = chain.addModule("input", "in");
@@ -138,16 +97,338 @@ TEST(ChainTest, ExclusiveInputsRunInPlaceSharedOutputsDoNot)
     chain.pullWire("out[0]", "solo[0]");
     chain.pullWire("out[1]", "shared[0]");
     chain.compile();
-    EXPECT_EQ(idsInOrder(chain), (std::vector<Tools::String>{"in", "solo", "shared", "out", "m"}));
+    EXPECT_EQ(idsInOrder(chain), std::vector<Tools::String>({"in", "solo", "shared", "out", "m"}));
     EXPECT_EQ(solo->getOutPortBuffer(0), in->getOutPortBuffer(0));
     EXPECT_NE(shared->getOutPortBuffer(0), in->getOutPortBuffer(1));
     EXPECT_TRUE(chain.isExclusiveOutportUser("solo[0]", "in[0]"));
     EXPECT_FALSE(chain.isExclusiveOutportUser("shared[0]", "in[1]"));
+    std::vector<Tools::String> gains;
+    Chain::forModule<Gain>(chain.getModules(),
+                           [&](std::shared_ptr<Module> const& m) { gains.push_back(m->getID()); });
+    EXPECT_EQ(gains, std::vector<Tools::String>({"solo", "shared"}));
+}
 
-    int gains = 0;
-    Chain::forModule<Gain>(chain.getModules(), [&](std::shared_ptr<Module> const& module) {
-        EXPECT_EQ(module->getType(), "gain");
-        ++gains;
+TEST(ChainTest, WiringAndLookupFaultsRaiseTheirMessages)
+{
+    Chain chain(48000);
+    chain.addModule("input", "in");
+    chain.addModule("meter", "m");
+    EXPECT_EQ(thrownMessage<ParsingException>([&] { chain.findModule("x"); }),
+              "chain does not contain a module with ID x!");
+    EXPECT_EQ(chain.tryFindModule("x"), nullptr);
+    EXPECT_EQ(thrownMessage<ParsingException>([&] { chain.parseWireModule("m"); }),
+              "something is wrong with the port spec - should be moduleid[portnum]: m\n");
+    EXPECT_EQ(thrownMessage<ParsingException>([&] { chain.parseWirePort("m"); }),
+              "something is wrong with the port spec - should be moduleid[portnum]: m");
+    EXPECT_THROW(chain.parseWirePort("m[x]"), std::invalid_argument);
+    EXPECT_EQ(chain.parseWirePort("m[12"), 12u);
+    chain.pullWire("m[0]", "in");
+    EXPECT_EQ(thrownMessage<ParsingException>([&] { chain.compile(); }),
+              "something is wrong with the port spec - should be moduleid[portnum]: in\n");
+    chain.pullWire("m[0]", "gone[0]");
+    EXPECT_EQ(thrownMessage<ParsingException>([&] { chain.compile(); }),
+              "Module for portSpec gone[0] does not exist");
+    chain.pullWire("m[0]", "in[1]");
+    EXPECT_NO_THROW(chain.compile()) << "the later source of an input replaced the earlier";
+}
+
+TEST(ChainTest, FactoryMakesExactlyTheDocumentedTypesAndTheirStereoForms)
+{
+    std::string names;
+    for (auto const& name : ModuleFactory::get().getTypeNames())
+        names += name.str() + " ";
+    EXPECT_EQ(names,
+              "adaptive-biquad adaptive-limiter biquad clipguard delay dump-samples equalizer flac-encoder "
+              "gain input limiter meter mixer output patchbay phase-invert resampler signal-detector sounds "
+              "stereo-biquad stereo-equalizer switch timestretcher ");
+    std::unique_ptr<Module> gain(ModuleFactory::get().createModule("gain", "g1"));
+    EXPECT_EQ(std::make_pair(gain->getID(), gain->getType()),
+              std::make_pair(Tools::String("g1"), Tools::String("gain")));
+    EXPECT_NE(dynamic_cast<Gain*>(gain.get()), nullptr);
+    EXPECT_EQ(ModuleFactory::get().createModule("Gain", "g1"), nullptr);
+
+    Chain chain(48000);
+    EXPECT_EQ(thrownMessage<ParsingException>([&] { chain.addModule("Meter", "x"); }),
+              "Module type Meter not found in module factory");
+    EXPECT_EQ(thrownMessage<ParsingException>([&] { chain.addStereoModule("nothing", "x"); }),
+              "Module type nothing not found in module factory");
+    EXPECT_NE(std::dynamic_pointer_cast<StereoBiQuad>(chain.addStereoModule("biquad", "b")), nullptr);
+    EXPECT_NE(std::dynamic_pointer_cast<ThreeBandStereoEQ>(chain.addStereoModule("equalizer", "e")), nullptr);
+    auto const wrapper = std::dynamic_pointer_cast<StereoWrapper>(chain.addStereoModule("meter", "vol"));
+    ASSERT_NE(wrapper, nullptr);
+    EXPECT_EQ(wrapper->getType(), "stereo-wrapped meter");
+    EXPECT_EQ(std::make_pair(wrapper->getLeft()->getID(), wrapper->getRight()->getID()),
+              std::make_pair(Tools::String("vol-left"), Tools::String("vol-right")));
+    EXPECT_EQ(std::make_pair(wrapper->getNumInPorts(), wrapper->getNumOutPorts()), std::make_pair(2u, 0u));
+    wrapper->setParameters(Parameters{{"k", "v"}}, 32000);
+    EXPECT_EQ(wrapper->getLeft()->getParameters().getString("k"), "v");
+    EXPECT_EQ(wrapper->getRight()->getSampleRate(), 32000u);
+}
+
+TEST(ChainDeathTest, ModuleLeadingToNoSinkFailsCompilation)
+{
+    Chain chain(48000);
+    chain.addModule("input", "orphan");
+    chain.addModule("meter", "m");
+    EXPECT_DEATH(chain.compile(), "countOfModules == m_modules.size\\(\\)");
+}
+
+TEST(StereoWrapperTest, SecondInputReachesTheRightModule)
+{
+    Chain chain(48000);
+    auto in = chain.addModule("input", "in");
+    auto wrapper = std::dynamic_pointer_cast<StereoWrapper>(chain.addStereoModule("meter", "levels"));
+    chain.pullWire("levels[0]", "in[1]");
+    chain.pullWire("levels[1]", "in[0]");
+    chain.compile();
+    EXPECT_EQ(wrapper->getLeft()->getInPort(0), in->getOutPortBuffer(1));
+    EXPECT_EQ(wrapper->getRight()->getInPort(0), in->getOutPortBuffer(0));
+    in->getOutPortBuffer(0)->getRawData()[0] = tSample(0.75);
+    wrapper->process();
+    EXPECT_FLOAT_EQ(std::dynamic_pointer_cast<Meter>(wrapper->getRight())->exchange(0.0f), 0.75f);
+    EXPECT_FLOAT_EQ(std::dynamic_pointer_cast<Meter>(wrapper->getLeft())->exchange(0.0f), 0.0f);
+}
+
+TEST(ChainParserTest, CollectsParametersPerModuleAndAppliesThemAfterTheWholeFile)
+{
+    Testing::TemporaryDirectory dir;
+    Chain chain(44100);
+    // The file may stop inside an element.
+    chain.load(dir.write("config.xml", R"(<anything>
+      <parameter id="stray">1</parameter>
+      <module type="input" id="in"/>
+      <unknown><module type="output" id="out">
+        <parameter id="interleave-pattern" type="string">0</parameter>
+        <parameter id="interleave-pattern">10</parameter>
+        <parameter id="note"> spaced </parameter>
+      </module></unknown>
+      <cable out="in[0]" in="late[0]"/><cable out="in[1]" in="late[1]"/>
+      <stereo-module type="meter" id="late"><parameter id="x">1</parameter></stereo-module>
+      <cable out="in[1]" in="out[0]"/>
+      <cable out="in[0]" in="out[1]"/>)"),
+               false);
+    EXPECT_EQ(idsInOrder(chain), std::vector<Tools::String>({"in", "out", "late"})) << "not compiled yet";
+    auto const& out = chain.findModule("out")->getParameters();
+    EXPECT_EQ(out.getString("interleave-pattern"), "10");
+    EXPECT_EQ(out.getString("note"), " spaced ");
+    EXPECT_TRUE(out.getString("stray").empty());
+    EXPECT_EQ(chain.findModule("in")->getSampleRate(), 44100u)
+        << "a module without parameters still gets a set";
+    auto const late = std::dynamic_pointer_cast<StereoWrapper>(chain.findModule("late"));
+    ASSERT_NE(late, nullptr);
+    EXPECT_EQ(late->getRight()->getParameters().getString("x"), "1");
+    EXPECT_EQ(chain.getWires().at("late[0]"), "in[0]");
+    chain.compile();
+    EXPECT_EQ(chain.findModule("out")->getNumInPorts(), 2u);
+}
+
+TEST(ChainParserTest, ChainFaultsAndRefusedValuesReachTheCaller)
+{
+    Testing::TemporaryDirectory dir;
+    auto const load = [&](char const* text) { Chain(48000, dir.write("c.xml", text)); };
+    EXPECT_EQ(
+        thrownMessage<ParsingException>([&] { load(R"(<dsp><module type="equaliser" id="eq"/></dsp>)"); }),
+        "Module type equaliser not found in module factory");
+    // What the module would meet with a conversion error or an assertion is refused first.
+    EXPECT_EQ(
+        thrownMessage<IllegalArgumentException>([&] {
+            load(R"(<dsp><module type="gain" id="g"><parameter id="gain">24</parameter></module></dsp>)");
+        }),
+        "parameter gain of module g: must be below 24 dB, not 24");
+}
+
+TEST(ChainParserDeathTest, UnreadableOrMalformedFilesEndTheProcess)
+{
+    Testing::TemporaryDirectory dir;
+    EXPECT_DEATH(Chain(48000, "/nonexistent/dsp.xml"), "Could not open dsp config file: ");
+    std::string const broken = dir.write("broken.xml", "<dsp><module type=\"input\" id=\"in\"></dsp>");
+    EXPECT_DEATH(Chain(48000, broken), "Could not parse dsp config file: ");
+}
+
+TEST(ChainPrinterTest, DescribesEachWireAndRendersTheDescriptionWithDot)
+{
+    Chain chain(48000);
+    chain.addModule("input", "in-1")->setParameters(Parameters{{"b", "2"}, {"a", "1"}}, 48000);
+    chain.addStereoModule("meter", "lvl");
+    chain.addModule("output", "out")->setParameters(c_pattern, 48000);
+    chain.pullWire("out[1]", "in-1[1]");
+    chain.pullWire("out[0]", "in-1[0]");
+    chain.pullWire("lvl", "in-1");
+    chain.compile();
+    std::string const header = "digraph signalflow {size=\"6,6\";node [style=\"filled, bold\" penwidth=1 "
+                               "fillcolor=\"white\" fontname=\"Courier New\" shape=\"record\"];\n";
+    std::string const source = "in_1 [label=\"input 'in-1'\\l  a=1\\l  b=2\\l\"]\n";
+    // Wires in destination order; the sinks lvl and out get no description of their own.
+    std::string const description =
+        header + source + source + source + source + "in_1 -> lvl\nin_1 -> lvl\nin_1 -> out\nin_1 -> out\n}";
+    EXPECT_EQ(ChainPrinter::describe(chain).str(), description);
+    Chain empty(48000);
+    empty.addModule("meter", "m");
+    EXPECT_EQ(ChainPrinter::describe(empty).str(), header + "}");
+
+    std::vector<std::string> logged;
+    guint const handler = g_log_set_handler(
+        Tools::c_logDomain, G_LOG_LEVEL_MESSAGE,
+        [](gchar const*, GLogLevelFlags, gchar const* message, gpointer log) {
+            static_cast<std::vector<std::string>*>(log)->push_back(message);
+        },
+        &logged);
+    Testing::TemporaryDirectory dir;
+    std::string const dotFile = dir.path("chain.dot");
+    EXPECT_STREQ(ChainPrinter::c_dotFile, "/tmp/liborvandeldsp.dot");
+    ChainPrinter::print(chain, "svg", dir.path("chain.svg"), dotFile);
+    EXPECT_EQ(dir.read("chain.dot"), description);
+    EXPECT_NE(dir.read("chain.svg").find("<svg"), std::string::npos);
+    EXPECT_NE(dir.read("chain.svg").find("in_1"), std::string::npos);
+    // No output file: dot still runs and its picture is dropped; an unwritable output is only logged.
+    ChainPrinter::print(chain, "svg", "", dotFile);
+    ChainPrinter::print(chain, "svg", dir.path("missing/chain.svg"), dotFile);
+    g_log_remove_handler(Tools::c_logDomain, handler);
+    ASSERT_EQ(logged.size(), 4u);
+    EXPECT_EQ(std::vector<std::string>(logged.begin(), logged.begin() + 3),
+              std::vector<std::string>(3, "invoking dot -Tsvg " + dotFile));
+    EXPECT_NE(logged[3].find("No such file"), std::string::npos) << logged[3];
+}
+
+namespace {
+
+// A module whose port counts the test chooses, set up as a compiled chain would; process() does nothing.
+class PortsModule : public Module
+{
+public:
+    PortsModule(Tools::String const& id, unsigned int ins, unsigned int outs)
+        : Module(id), ins(ins), outs(outs)
+    {
+        preSetup(m_chain, 1280);
+    }
+    unsigned int getNumOutPorts() const override { return outs; }
+    unsigned int getNumInPorts() const override { return ins; }
+    void process() override {}
+
+    unsigned int ins, outs;
+    Chain m_chain{48000};
+};
+
+// Counts live snapshots so that leaks and double frees show.
+struct CountedSet : Module::ParameterSet
+{
+    explicit CountedSet(int v) : value(v) { ++s_alive; }
+    ~CountedSet() override { --s_alive; }
+    int value;
+    static std::atomic<int> s_alive;
+};
+std::atomic<int> CountedSet::s_alive{0};
+
+int current(Module& module)
+{
+    auto* set = static_cast<CountedSet*>(module.getCurrentParameterSet());
+    return set ? set->value : 0;
+}
+
+} // namespace
+
+TEST(ModuleTest, UntakenParameterSetsAreDiscardedAndReplacedOnesFreedOnTheMainLoop)
+{
+    {
+        PortsModule module("m", 1, 1);
+        EXPECT_EQ(current(module), 0);
+        module.setFutureParameterSet(new CountedSet(1));
+        module.setFutureParameterSet(new CountedSet(2));
+        EXPECT_EQ(CountedSet::s_alive, 1) << "the set nobody took is deleted unseen";
+        EXPECT_EQ(current(module), 2);
+        EXPECT_EQ(current(module), 2);
+        Testing::runPendingMainLoopJobs();
+        EXPECT_EQ(CountedSet::s_alive, 1) << "no pending set: nothing replaced";
+
+        module.setFutureParameterSet(new CountedSet(3));
+        EXPECT_EQ(current(module), 3);
+        EXPECT_EQ(CountedSet::s_alive, 2) << "the audio thread never frees";
+        Testing::runPendingMainLoopJobs();
+        EXPECT_EQ(CountedSet::s_alive, 1);
+        module.setFutureParameterSet(new CountedSet(4));
+    }
+    EXPECT_EQ(CountedSet::s_alive, 0);
+}
+
+TEST(ModuleTest, HandOffBetweenTwoThreadsLosesNothingAndGoesForward)
+{
+    PortsModule module("m", 1, 1);
+    constexpr int sets = 20000;
+    std::atomic<bool> done{false};
+    std::thread control([&] {
+        for (int i = 1; i <= sets; ++i)
+            module.setFutureParameterSet(new CountedSet(i));
+        done = true;
     });
-    EXPECT_EQ(gains, 2);
+    int last = 0, backwards = 0;
+    while (!done || last != sets) {
+        int const now = current(module);
+        backwards += now < last;
+        last = std::max(now, last);
+        Testing::runPendingMainLoopJobs();
+    }
+    control.join();
+    Testing::runPendingMainLoopJobs();
+    EXPECT_EQ(backwards, 0);
+    EXPECT_EQ(CountedSet::s_alive, 1) << "only the current set remains";
+}
+
+TEST(ModuleTest, PortsBuffersFlagsMetersAndTheirMessages)
+{
+    auto source = std::make_shared<PortsModule>("src", 0, 2);
+    source->postSetup(1280);
+    PortsModule module("a.b-c", 2, 2);
+    EXPECT_EQ(module.getDotSafeID(), "a_b_c");
+    EXPECT_EQ(Testing::thrownMessage<IllegalArgumentException>([&] { module.setInPortBuffer(2, source, 0); }),
+              "inport 2 of module a.b-c does not exist");
+    EXPECT_EQ(Testing::thrownMessage<ParsingException>([&] { module.getInPort(1); }),
+              "Input port 1 of module a.b-c is not connected!\n");
+    EXPECT_THROW(module.postSetup(1280), ParsingException) << "in place, its inputs must be wired";
+    module.setCompileFlag(7);
+    EXPECT_TRUE(module.getCompileFlag(7));
+    EXPECT_THROW(module.setCompileFlag(8), std::out_of_range);
+    EXPECT_THROW(module.getCompileFlag(8), std::out_of_range);
+    module.resetCompileFlags();
+    EXPECT_FALSE(module.getCompileFlag(7));
+
+    // In place on input 1 only: output 1 is the source's buffer, output 0 a fresh one.
+    module.setInPortBuffer(0, source, 0);
+    module.setInPortBuffer(1, source, 1);
+    module.activeInPlaceProcessingForPort(1);
+    module.postSetup(1280);
+    EXPECT_EQ(module.getOutPortBuffer(1), source->getOutPortBuffer(1));
+    EXPECT_NE(module.getOutPortBuffer(0), source->getOutPortBuffer(0));
+    EXPECT_EQ(module.getOutPortBuffer(0)->getNumSampleFramesCapacity(), 1280u);
+    EXPECT_EQ(module.getInPort(1), source->getOutPortBuffer(1));
+
+    // Meters hold the peak until reset.
+    module.allocateMeters();
+    for (float level : {0.5f, 0.25f}) {
+        module.getOutPortBuffer(0)->getRawData()[0] = tSample(level);
+        module.storeMeters();
+    }
+    EXPECT_FLOAT_EQ(module.getStoredMeter(0), 0.5f);
+    module.resetMeters();
+    module.storeMeters();
+    EXPECT_FLOAT_EQ(module.getStoredMeter(0), 0.25f);
+
+    // One key changes on top of the stored set, at the stored rate.
+    module.setParameters(Parameters{{"a", "1"}, {"b", "2"}}, 44100);
+    module.setParameter("b", "3");
+    EXPECT_EQ(module.getParameters().describe(), "  a=1\\l  b=3\\l");
+    EXPECT_EQ(module.getSampleRate(), 44100u);
+}
+
+TEST(ModuleDeathTest, InPlaceModuleWithFewerInputsThanOutputsAsserts)
+{
+    // Reports equal counts but sized its inputs short, which postSetup must catch.
+    struct Lopsided : PortsModule
+    {
+        Lopsided() : PortsModule("l", 1, 1) { outs = 2; }
+        bool canProcessInPlace() const override { return true; }
+    } module;
+    auto source = std::make_shared<PortsModule>("src", 0, 1);
+    source->postSetup(16);
+    module.setInPortBuffer(0, source, 0);
+    EXPECT_DEATH(module.postSetup(16), "m_ins.size\\(\\) > out");
 }

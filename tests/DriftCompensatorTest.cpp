@@ -1,89 +1,44 @@
 #include "dsp/DriftCompensator.h"
-#include "dsp/TimeStretcher.h"
-
-#include "dsp/InputStage.h"
+#include "dsp/AlsaDriftCompensator.h"
+#include "dsp/Chain.h"
+#include "dsp/FixedPointClosedLoopControl.h"
+#include "dsp/HardwareDriftCompensator.h"
 #include "dsp/StereoWrapper.h"
+#include "dsp/TimeStretcher.h"
 #include "dsp/TimeStretchingDriftCompensator.h"
 #include "dsp/TimeStretchingLineInDriftCompensator.h"
 #include "support/LogCapture.h"
-#include "support/MemoryAlsaBuffers.h"
+#include "support/MainLoop.h"
+#include "support/ModuleHarness.h"
+#include "support/ScopedVariable.h"
 #include "support/TemporaryDirectory.h"
-
+#include <alsa/asoundlib.h>
 #include <cmath>
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <iterator>
+#include <map>
+#include <optional>
+#include <sstream>
 #include <vector>
 
 using namespace Zelmar;
+using Testing::ModuleHarness;
 
 namespace {
 
-// A compiled chain "in" -> time stretcher `id` (mono on the left channel, or stereo-wrapped) -> meters,
-// fed the same period on both capture channels.
-class StretcherChain
-{
-public:
-    StretcherChain(Tools::String const& id, bool stereo) : chain(48000)
-    {
-        chain.addModule("input", "in");
-        module = stereo ? chain.addStereoModule("timestretcher", id) : chain.addModule("timestretcher", id);
-        chain.addModule("meter", "m0");
-        chain.addModule("meter", "m1");
-        chain.pullWire(id + "[0]", "in[0]");
-        chain.pullWire("m0[0]", id + "[0]");
-        chain.pullWire(stereo ? id + "[1]" : Tools::String("m1[0]"), "in[1]");
-        if (stereo)
-            chain.pullWire("m1[0]", id + "[1]");
-        chain.compile();
-        std::dynamic_pointer_cast<InputStage>(chain.findModule("in"))->setInput(&capture);
-        if (auto const wrapper = std::dynamic_pointer_cast<StereoWrapper>(module))
-            stretchers = {std::dynamic_pointer_cast<TimeStretcher>(wrapper->getLeft()),
-                          std::dynamic_pointer_cast<TimeStretcher>(wrapper->getRight())};
-        else
-            stretchers = {std::dynamic_pointer_cast<TimeStretcher>(module)};
-    }
-
-    // One period with an order for every stretcher; returns the output of port 0.
-    std::vector<tSample> run(std::vector<tSample> const& period, TimeStretcher::TaskForNextBuffer task)
-    {
-        for (auto& stretcher : stretchers)
-            stretcher->setTaskForNextBuffer(task);
-        return run(period);
-    }
-
-    std::vector<tSample> run(std::vector<tSample> const& period)
-    {
-        capture.getChannel(0).setPeriod(period);
-        capture.getChannel(1).setPeriod(period);
-        chain.process();
-        return output(0);
-    }
-
-    std::vector<tSample> output(unsigned int port) const
-    {
-        AudioBuffer const& out = *module->getOutPort(port);
-        return std::vector<tSample>(out.getRawData(), out.getRawData() + out.getNumSampleFrames());
-    }
-
-    Chain chain;
-    Testing::MemoryAlsaBuffers capture{2};
-    std::shared_ptr<Module> module;
-    std::vector<std::shared_ptr<TimeStretcher>> stretchers;
-};
-
-// Points the logging marker at a scratch path and collects the log entries of each test.
+// Points the logging marker at a scratch path and collects the log lines of each test.
 class DriftCompensatorTest : public ::testing::Test
 {
 protected:
-    DriftCompensatorTest() { DriftCompensator::setEnableFrameDiffFile(m_marker); }
+    DriftCompensatorTest() { DriftCompensator::setEnableFrameDiffFile(m_scratch.path("marker")); }
     ~DriftCompensatorTest() override
     {
         DriftCompensator::setEnableFrameDiffFile("/etc/orvandel/drift_comp_info_enabled");
     }
 
-    void writeMarker(char const* content) { m_scratch.write("marker", content); }
-
     Testing::TemporaryDirectory m_scratch{"drift-XXXXXX"};
-    std::string const m_marker = m_scratch.path("marker");
     Testing::LogCapture m_log;
 };
 
@@ -93,14 +48,37 @@ public:
     AverageValue& average() { return m_average; }
 };
 
-// Frames on each output port of the stretcher after one 8-frame period.
-std::vector<unsigned int> runPeriod(StretcherChain& rig)
+// A chain holding a time stretcher `id`, mono or stereo-wrapped, where the compensators look for it,
+// run through the module harness.
+struct Stretching
 {
-    rig.run(std::vector<tSample>(8, tSample(0.25)));
-    std::vector<unsigned int> frames;
-    for (unsigned int port = 0; port < rig.module->getNumOutPorts(); ++port)
-        frames.push_back(static_cast<unsigned int>(rig.output(port).size()));
-    return frames;
+    Stretching(char const* id, bool stereo)
+        : module(stereo ? chain.addStereoModule("timestretcher", id) : chain.addModule("timestretcher", id))
+    {
+    }
+    // The frames on each output after an 8-frame period.
+    std::vector<size_t> period()
+    {
+        std::vector<size_t> frames;
+        for (auto const& out :
+             harness.process(ModuleHarness::tChannels(module->getNumInPorts(), std::vector<tSample>(8))))
+            frames.push_back(out.size());
+        return frames;
+    }
+    Chain chain{48000};
+    std::shared_ptr<Module> module;
+    ModuleHarness harness{module};
+};
+
+// Gives the stretcher, or both of a stereo-wrapped pair, the order for the next period.
+void order(std::shared_ptr<Module> const& module, TimeStretcher::TaskForNextBuffer task)
+{
+    if (auto const pair = std::dynamic_pointer_cast<StereoWrapper>(module)) {
+        order(pair->getLeft(), task);
+        order(pair->getRight(), task);
+    } else {
+        std::static_pointer_cast<TimeStretcher>(module)->setTaskForNextBuffer(task);
+    }
 }
 
 std::vector<tSample> samples(std::vector<double> const& values)
@@ -122,8 +100,8 @@ TEST_F(DriftCompensatorTest, AverageRoundsHalfAwayFromZero)
          {std::pair{std::vector<int>{}, 0}, {{1, 2}, 2}, {{-1, -2}, -2}, {{-1, -1, 1}, 0}}) {
         for (int value : values)
             average.addValue(value);
-        EXPECT_EQ(average.readAndReset(), expected) << values.size();
-        EXPECT_EQ(average.readAndReset(), 0) << "reset";
+        int const read = average.readAndReset();
+        EXPECT_EQ(std::make_pair(read, average.readAndReset()), std::make_pair(expected, 0)) << values.size();
     }
 }
 
@@ -132,20 +110,20 @@ TEST_F(DriftCompensatorTest, MarkerFileEnablesReportsAndSetsTheirPeriod)
     DriftCompensator quiet;
     EXPECT_FALSE(DriftCompensator::isFrameDiffLoggingEnabled());
     for (auto const& [content, period] : {std::pair{"20\n", 500u}, {"2000\n", 2000u}, {"", 500u}}) {
-        writeMarker(content);
+        m_scratch.write("marker", content);
         DriftCompensator enabled;
         EXPECT_TRUE(DriftCompensator::isFrameDiffLoggingEnabled());
         EXPECT_EQ(DriftCompensator::getDiffReportDelta(), period) << content;
-        EXPECT_EQ(m_log.leveled().back(),
+        EXPECT_EQ(m_log.lines().back(),
                   "3 DriftCompensator::enabling logging with every " + std::to_string(period) + " ms");
     }
-    EXPECT_EQ(m_log.leveled().size(), 3u);
+    EXPECT_EQ(m_log.lines().size(), 3u);
     EXPECT_EQ(DriftCompensator::readLogPeriod("/nonexistent/drift"), 0);
 }
 
 TEST_F(DriftCompensatorTest, ReportsAtMostOncePerPeriodUntilAnyCompensatorStops)
 {
-    writeMarker("2000");
+    m_scratch.write("marker", "2000");
     Averaging compensator;
     DriftCompensator other;
     m_log.clear();
@@ -153,8 +131,7 @@ TEST_F(DriftCompensatorTest, ReportsAtMostOncePerPeriodUntilAnyCompensatorStops)
     compensator.average().addValue(2);
     compensator.reportFrameDelta(7);
     compensator.reportFrameDelta(8);
-    EXPECT_EQ(m_log.leveled(), std::vector<std::string>{"2 frame delta: 7 2"});
-
+    EXPECT_EQ(m_log.lines(), std::vector<std::string>{"2 frame delta: 7 2"});
     other.start();
     EXPECT_TRUE(other.isRunning());
     other.stop();
@@ -162,7 +139,7 @@ TEST_F(DriftCompensatorTest, ReportsAtMostOncePerPeriodUntilAnyCompensatorStops)
     Averaging fresh;
     fresh.stop();
     fresh.reportFrameDelta(9);
-    EXPECT_EQ(m_log.messages().size(), 2u) << "only the construction notice";
+    EXPECT_EQ(m_log.lines().size(), 2u) << "only the construction notice";
     EXPECT_EQ(other.setFrameDelta(-12), 0);
     EXPECT_EQ(other.getFrameDelta(), -12);
 }
@@ -170,149 +147,462 @@ TEST_F(DriftCompensatorTest, ReportsAtMostOncePerPeriodUntilAnyCompensatorStops)
 TEST_F(DriftCompensatorTest, SmoothedSignDecidesTheOrder)
 {
     TimeStretchingDriftCompensator ahead;
-    for (int call = 1; call <= 13; ++call)
-        EXPECT_EQ(ahead.setFrameDelta(1), 0) << call;
-    EXPECT_EQ(ahead.setFrameDelta(1), 1);
+    std::vector<int> orders;
+    for (int call = 1; call <= 14; ++call)
+        orders.push_back(ahead.setFrameDelta(1));
+    EXPECT_EQ(orders, std::vector<int>({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}))
+        << "the first Skip on the 14th";
     EXPECT_NEAR(ahead.getFilteredDelta(), 1 - std::pow(0.95, 14), 1e-12);
     EXPECT_EQ(ahead.setFrameDelta(100), 1);
     // A zero decays the value by 5% without pushing it: 1 - 0.95^15 = 0.536..., then 0.509..., 0.484...
     EXPECT_EQ(ahead.setFrameDelta(0), 1);
     EXPECT_EQ(ahead.setFrameDelta(0), 0);
     EXPECT_NEAR(ahead.getFilteredDelta(), (1 - std::pow(0.95, 15)) * 0.95 * 0.95, 1e-12);
-
     TimeStretchingDriftCompensator wobbling;
+    int ordered = 0;
     for (int call = 0; call < 200; ++call)
-        EXPECT_EQ(wobbling.setFrameDelta(call % 2 ? -3 : 3), 0) << call;
+        ordered += wobbling.setFrameDelta(call % 2 ? -3 : 3) != 0;
+    EXPECT_EQ(ordered, 0);
 }
 
 TEST_F(DriftCompensatorTest, BothStretchersOfAStereoPairGetTheSameOrder)
 {
-    StretcherChain rig("timestretcher", true);
+    Stretching rig("timestretcher", true);
     TimeStretchingDriftCompensator compensator;
     compensator.initChain(rig.chain);
     for (int call = 0; call < 14; ++call)
         compensator.setFrameDelta(2);
-    EXPECT_EQ(runPeriod(rig), (std::vector<unsigned int>{7, 7}));
+    EXPECT_EQ(rig.period(), (std::vector<size_t>{7, 7}));
     for (int call = 0; call < 40; ++call)
         compensator.setFrameDelta(-2);
-    EXPECT_EQ(runPeriod(rig), (std::vector<unsigned int>{9, 9}));
-    EXPECT_TRUE(m_log.messages().empty());
+    EXPECT_EQ(rig.period(), (std::vector<size_t>{9, 9}));
+    EXPECT_TRUE(m_log.lines().empty());
 }
 
-TEST_F(DriftCompensatorTest, LineInCountsFramesOfAMonoStretcher)
+TEST_F(DriftCompensatorTest, LineInCountsFramesOfAMonoStretcherAndAMissingOneIsLogged)
 {
-    StretcherChain rig("line-in-timestretcher", false);
+    Stretching rig("line-in-timestretcher", false);
     TimeStretchingLineInDriftCompensator compensator;
     EXPECT_EQ(compensator.getNumSamplesProduced(), 0u);
     compensator.initChain(rig.chain);
-    runPeriod(rig);
+    rig.period();
     for (int call = 0; call < 14; ++call)
         compensator.setFrameDelta(-1);
-    EXPECT_EQ(runPeriod(rig), std::vector<unsigned int>{9});
+    EXPECT_EQ(rig.period(), std::vector<size_t>{9});
     EXPECT_EQ(compensator.getNumSamplesProduced(), 17u);
     compensator.resetNumSamplesProduced();
     EXPECT_EQ(compensator.getNumSamplesProduced(), 0u);
-}
 
-TEST_F(DriftCompensatorTest, MissingStretcherIsLoggedAndNotFatal)
-{
-    StretcherChain rig("timestretcher", true);
-    TimeStretchingLineInDriftCompensator compensator;
-    compensator.initChain(rig.chain);
-    EXPECT_EQ(m_log.leveled(),
+    Stretching other("timestretcher", true);
+    TimeStretchingLineInDriftCompensator unbound;
+    unbound.initChain(other.chain);
+    EXPECT_EQ(m_log.lines(),
               std::vector<std::string>{
                   "4 There is no timestretcher with id line-in-timestretcher in the dsp chain"});
     for (int call = 0; call < 13; ++call)
-        compensator.setFrameDelta(1);
-    EXPECT_EQ(compensator.setFrameDelta(1), 1);
-    EXPECT_EQ(compensator.getNumSamplesProduced(), 0u);
-    EXPECT_EQ(runPeriod(rig), (std::vector<unsigned int>{8, 8}));
+        unbound.setFrameDelta(1);
+    EXPECT_EQ(unbound.setFrameDelta(1), 1) << "orders are still computed";
+    EXPECT_EQ(unbound.getNumSamplesProduced(), 0u);
+    EXPECT_EQ(other.period(), (std::vector<size_t>{8, 8}));
 }
 
 TEST_F(DriftCompensatorTest, DeltaLogLineIsThrottledWhenEnabled)
 {
     TimeStretchingDriftCompensator silent;
     silent.setFrameDelta(3);
-    EXPECT_TRUE(m_log.messages().empty());
-
-    writeMarker("");
+    EXPECT_TRUE(m_log.lines().empty());
+    m_scratch.write("marker", "");
     TimeStretchingDriftCompensator logging;
     m_log.clear();
     logging.setFrameDelta(3);
     logging.setFrameDelta(4);
-    EXPECT_EQ(m_log.leveled(), std::vector<std::string>{"2 TimeStretchingDriftCompensator: frame delta 3"});
+    EXPECT_EQ(m_log.lines(), std::vector<std::string>{"2 TimeStretchingDriftCompensator: frame delta 3"});
 }
 
-TEST(TimeStretcherTest, ChangesOneFrameWhereTheStepIsSmallest)
+TEST(TimeStretcherTest, ChangesOneFrameWhereTheStepIsSmallestOncePerOrder)
 {
-    StretcherChain rig("ts", false);
+    auto const stretcher = std::make_shared<TimeStretcher>("ts");
+    ModuleHarness harness(stretcher);
+    auto const run = [&](std::vector<tSample> const& in, TimeStretcher::TaskForNextBuffer task) {
+        order(stretcher, task);
+        return harness.run(in);
+    };
     auto const input = samples({0, 5, 5, 9});
-    rig.run(input);
-    EXPECT_EQ(rig.stretchers[0]->findSmallestChangeInBuffer(), 2u);
-    EXPECT_EQ(rig.run(input, TimeStretcher::Skip), samples({0, 5, 9}));
-    EXPECT_EQ(rig.run(input, TimeStretcher::Stretch), samples({0, 5, 5, 5, 9}));
-    // The order is used up by the period it changed.
-    EXPECT_EQ(rig.run(input), input);
-    EXPECT_EQ(rig.run(input, TimeStretcher::None), input);
-
+    harness.run(input);
+    EXPECT_EQ(stretcher->findSmallestChangeInBuffer(), 2u);
+    EXPECT_EQ(run(input, TimeStretcher::Skip), samples({0, 5, 9}));
+    EXPECT_EQ(run(input, TimeStretcher::Stretch), samples({0, 5, 5, 5, 9}));
+    EXPECT_EQ(harness.run(input), input) << "the order is used up by the period it changed";
+    EXPECT_EQ(run(input, TimeStretcher::None), input);
     // Equal steps: the first pair wins; the last pair is a candidate too.
-    EXPECT_EQ(rig.run(samples({1, 2, 3, 4}), TimeStretcher::Skip), samples({1, 3, 4}));
-    EXPECT_EQ(rig.run(samples({0, 5, 9, 10}), TimeStretcher::Skip), samples({0, 5, 9}));
+    EXPECT_EQ(run(samples({1, 2, 3, 4}), TimeStretcher::Skip), samples({1, 3, 4}));
+    EXPECT_EQ(run(samples({0, 5, 9, 10}), TimeStretcher::Skip), samples({0, 5, 9}));
     // The jump across the whole range wraps to a step of 2 raw units and so counts as the smallest.
-    EXPECT_EQ(rig.run(raw({INT32_MIN + 1, INT32_MAX, INT32_MAX - 4, 0}), TimeStretcher::Skip),
+    EXPECT_EQ(run(raw({INT32_MIN + 1, INT32_MAX, INT32_MAX - 4, 0}), TimeStretcher::Skip),
               raw({INT32_MIN + 1, INT32_MAX - 4, 0}));
+    EXPECT_EQ(run(samples({1, 2}), TimeStretcher::Skip), samples({1}));
+    EXPECT_EQ(run(samples({1, 2}), TimeStretcher::Stretch), samples({1, 1.5, 2}));
+    // Stretch -1.0 and 0.5 to -0.25; a sum of -2^-27 halves toward zero to 0; the sum wraps in 32 bits.
+    EXPECT_EQ(run(samples({-1.0, 0.5}), TimeStretcher::Stretch), samples({-1.0, -0.25, 0.5}));
+    EXPECT_EQ(run(raw({-3, 2}), TimeStretcher::Stretch), raw({-3, 0, 2}));
+    EXPECT_EQ(run(raw({INT32_MAX, 1}), TimeStretcher::Stretch), raw({INT32_MAX, -(1 << 30), 1}));
+    EXPECT_EQ(stretcher->getNumSamplesProduced(), 4u + 3 + 5 + 4 + 4 + 3 + 3 + 3 + 1 + 3 + 3 + 3 + 3);
 
-    EXPECT_EQ(rig.run(samples({1, 2}), TimeStretcher::Skip), samples({1}));
-    EXPECT_EQ(rig.run(samples({1, 2}), TimeStretcher::Stretch), samples({1, 1.5, 2}));
-    EXPECT_EQ(rig.stretchers[0]->getNumSamplesProduced(), 4u + 3 + 5 + 4 + 4 + 3 + 3 + 3 + 1 + 3);
-    rig.stretchers[0]->resetNumSamplesProduced();
-    EXPECT_EQ(rig.stretchers[0]->getNumSamplesProduced(), 0u);
-}
-
-TEST(TimeStretcherTest, OneFramePeriodLeavesTheOrderPending)
-{
-    StretcherChain rig("ts", false);
-    EXPECT_EQ(rig.run(samples({0.25}), TimeStretcher::Skip), samples({0.25}));
-    EXPECT_EQ(rig.run({}), std::vector<tSample>{});
-    EXPECT_EQ(rig.run(samples({0, 5, 5, 9})), samples({0, 5, 9}));
-    EXPECT_EQ(rig.run(samples({0, 5, 5, 9})), samples({0, 5, 5, 9}));
-    EXPECT_EQ(rig.stretchers[0]->getNumSamplesProduced(), 1u + 0 + 3 + 4);
-}
-
-TEST(TimeStretcherTest, InsertedValueRoundsTowardZero)
-{
-    StretcherChain rig("ts", false);
-    EXPECT_EQ(rig.run(samples({-1.0, 0.5}), TimeStretcher::Stretch), samples({-1.0, -0.25, 0.5}));
-    // The sum is -2^-27: halving toward zero gives 0, not -2^-27.
-    EXPECT_EQ(rig.run(raw({-3, 2}), TimeStretcher::Stretch), raw({-3, 0, 2}));
-    // The sum wraps in 32 bits before it is halved.
-    EXPECT_EQ(rig.run(raw({INT32_MAX, 1}), TimeStretcher::Stretch), raw({INT32_MAX, -(1 << 30), 1}));
+    // A period of one frame leaves the order pending.
+    stretcher->resetNumSamplesProduced();
+    EXPECT_EQ(run(samples({0.25}), TimeStretcher::Skip), samples({0.25}));
+    EXPECT_EQ(harness.run({}), std::vector<tSample>{});
+    EXPECT_EQ(harness.run(input), samples({0, 5, 9}));
+    EXPECT_EQ(harness.run(input), input);
+    EXPECT_EQ(stretcher->getNumSamplesProduced(), 1u + 0 + 3 + 4);
 }
 
 TEST(TimeStretcherTest, OutputStorageNeverMovesEvenForAFullPeriod)
 {
     std::vector<tSample> const full(Chain::getMaxNumFramesPerProcessCall(), tSample(0.125));
     for (bool stereo : {false, true}) {
-        StretcherChain rig("ts", stereo);
-        tSample const* const left = rig.module->getOutPort(0)->getRawData();
-        tSample const* const right = rig.module->getOutPort(stereo ? 1 : 0)->getRawData();
+        Stretching rig("ts", stereo);
+        std::vector<tSample const*> const storage = {rig.module->getOutPort(0)->getRawData(),
+                                                     rig.module->getOutPort(stereo)->getRawData()};
+        ModuleHarness::tChannels out;
         for (auto task : {TimeStretcher::Stretch, TimeStretcher::Skip, TimeStretcher::Stretch}) {
-            rig.run(full, task);
-            EXPECT_EQ(rig.module->getOutPort(0)->getRawData(), left);
-            EXPECT_EQ(rig.module->getOutPort(stereo ? 1 : 0)->getRawData(), right);
+            order(rig.module, task);
+            out = rig.harness.process(ModuleHarness::tChannels(stereo ? 2 : 1, full));
+            EXPECT_EQ(storage, std::vector<tSample const*>({rig.module->getOutPort(0)->getRawData(),
+                                                            rig.module->getOutPort(stereo)->getRawData()}));
         }
-        EXPECT_EQ(rig.output(0).size(), full.size() + 1);
-        if (stereo) {
-            EXPECT_EQ(rig.output(1), rig.output(0));
-        }
+        EXPECT_EQ(out[0].size(), full.size() + 1);
+        EXPECT_EQ(out.back(), out[0]);
     }
 }
 
 TEST(TimeStretcherTest, MovedStorageIsFatal)
 {
-    StretcherChain rig("ts", false);
+    auto const stretcher = std::make_shared<TimeStretcher>("ts");
+    ModuleHarness harness(stretcher);
     // Without the reserved frame an insertion into a full period has to reallocate.
-    rig.module->getOutPort(0)->getUnderlyingStorage().shrink_to_fit();
+    stretcher->getOutPort(0)->getUnderlyingStorage().shrink_to_fit();
+    stretcher->setTaskForNextBuffer(TimeStretcher::Stretch);
     std::vector<tSample> const full(Chain::getMaxNumFramesPerProcessCall(), tSample(0.125));
-    EXPECT_DEATH(rig.run(full, TimeStretcher::Stretch), "oldOutPtr == getOutPort\\(0\\)->getRawData\\(\\)");
+    EXPECT_DEATH(harness.run(full), "oldOutPtr == getOutPort\\(0\\)->getRawData\\(\\)");
+}
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Both clock steerers against stand-ins: the test ALSA control plugin (tests/alsa) as the "default"
+// control device, which appends every value written to a record file, and a scratch tree for /sys.
+class ClockSteering : public testing::Test
+{
+protected:
+    ClockSteering()
+    {
+        HardwareDriftCompensator::setDeviceRoot(m_scratch.path());
+        useAlsaConfig("drift-control.conf");
+    }
+    ~ClockSteering() override
+    {
+        HardwareDriftCompensator::setDeviceRoot("");
+        snd_config_update_free_global();
+    }
+
+    // alsa-lib caches its configuration, so switching files drops the cache.
+    void useAlsaConfig(char const* name)
+    {
+        m_alsaConfig.emplace("ALSA_CONFIG_PATH", std::string(ALSA_TEST_CONFIG_DIR) + "/" + name);
+        snd_config_update_free_global();
+    }
+
+    // Creates an empty device file under the scratch root; a target makes it a link instead.
+    std::string makeDevice(char const* devicePath, char const* target = nullptr)
+    {
+        fs::path const path = m_scratch.path() + devicePath;
+        fs::create_directories(path.parent_path());
+        target ? fs::create_symlink(target, path) : void(std::ofstream{path});
+        return path.string();
+    }
+
+    // What was appended to a file since the last call.
+    std::string appended(std::string const& path)
+    {
+        std::string const text = m_scratch.read(fs::relative(path, m_scratch.path()));
+        std::string fresh = text.substr(std::min(m_readUpTo[path], text.size()));
+        m_readUpTo[path] = text.size();
+        return fresh;
+    }
+
+    // The values written to the control (decimal lines) or the DAC ("%d\n\0" records) since the last call.
+    std::vector<long> written(std::string const& path)
+    {
+        std::string text = appended(path);
+        std::replace(text.begin(), text.end(), '\0', ' ');
+        std::istringstream values(text);
+        return {std::istream_iterator<long>(values), std::istream_iterator<long>()};
+    }
+
+    // The values the main loop's timer writes until `count` have come, or the timeout has passed.
+    std::vector<long> ticks(std::string const& path, size_t count,
+                            std::chrono::milliseconds timeout = std::chrono::seconds(5))
+    {
+        std::vector<long> values;
+        Testing::runMainLoopUntil(
+            [&] {
+                for (long value : written(path))
+                    values.push_back(value);
+                return values.size() >= count;
+            },
+            timeout);
+        return values;
+    }
+
+    // A playback clock `ppm` fast while the compensator's value is `mid`, pulled by `slope` ppm per unit
+    // above it; the host measures its phase, rounded to whole frames, every 100 ms tick at 48 kHz.
+    // Returns the tick from which that delta stays within +-1 frame to the end of the run, or -1.
+    template <class Compensator>
+    int settlingTick(std::string const& device, double phase, double ppm, double slope, long mid, int ticks)
+    {
+        Compensator compensator;
+        compensator.start();
+        long value = mid;
+        int settledAt = -1;
+        for (int tick = 0; tick < ticks; ++tick) {
+            int const delta = static_cast<int>(std::lround(phase));
+            settledAt = std::abs(delta) > 1 ? -1 : settledAt < 0 ? tick : settledAt;
+            compensator.setFrameDelta(delta);
+            if (!compensator.writeClock())
+                return -2;
+            for (long latest : written(device))
+                value = latest;
+            phase += (ppm + slope * double(value - mid)) * 48000 * 0.1 * 1e-6;
+        }
+        return settledAt;
+    }
+
+    Testing::TemporaryDirectory m_scratch{"clock-steering-XXXXXX"};
+    std::string const m_record = m_scratch.path("control-record");
+    Testing::ScopedVariable m_recordVariable{"DRIFT_CONTROL_RECORD", m_record};
+    std::optional<Testing::ScopedVariable> m_alsaConfig;
+    std::map<std::string, size_t> m_readUpTo;
+    Testing::LogCapture m_log;
+};
+
+using AlsaDriftCompensatorTest = ClockSteering;
+using HardwareDriftCompensatorTest = ClockSteering;
+
+} // namespace
+
+TEST_F(AlsaDriftCompensatorTest, FactoryMakesEachTypeAndNothingForAnUnknownOne)
+{
+    using Type = Tools::Hardware::DriftCompensatorType;
+    EXPECT_NE(dynamic_cast<HardwareDriftCompensator*>(DriftCompensator::create(Type(0)).get()), nullptr);
+    EXPECT_NE(dynamic_cast<AlsaDriftCompensator*>(DriftCompensator::create(Type(1)).get()), nullptr);
+    std::vector<Tools::String> ids;
+    for (int type : {2, 3}) {
+        auto const compensator = DriftCompensator::create(Type(type));
+        auto const* stretching = dynamic_cast<TimeStretchingDriftCompensator*>(compensator.get());
+        ids.push_back(stretching ? stretching->getTimeStretcherModuleID() : "none");
+        EXPECT_EQ(dynamic_cast<TimeStretchingLineInDriftCompensator*>(compensator.get()) != nullptr,
+                  type == 3);
+    }
+    EXPECT_EQ(ids, std::vector<Tools::String>({"timestretcher", "line-in-timestretcher"}));
+    EXPECT_EQ(DriftCompensator::create(Type(7)), nullptr);
+}
+
+TEST_F(AlsaDriftCompensatorTest, WritesTheControllerOutputOnlyWhenItChangesAndZeroWhenDestroyed)
+{
+    {
+        AlsaDriftCompensator compensator;
+        compensator.start();
+        for (int tick = 0; tick < 5; ++tick)
+            EXPECT_TRUE(compensator.writeClock());
+        EXPECT_TRUE(written(m_record).empty()) << "a constant zero equals the cleared last value";
+        compensator.setFrameDelta(200);
+        compensator.writeClock();
+        compensator.writeClock();
+        EXPECT_EQ(written(m_record), std::vector<long>{-1000})
+            << "saturated in one tick, and not written again";
+
+        compensator.stop();
+        EXPECT_FALSE(compensator.writeClock());
+        compensator.start();
+        EXPECT_EQ(compensator.getFrameDelta(), 0);
+        for (int delta : {5, 5, 4}) {
+            compensator.setFrameDelta(delta);
+            compensator.writeClock();
+        }
+        // As from a fresh controller: 10 * -5 + 3 * -0.05 + 1.5 * -5 / 0.01;
+        // then -50 - 0.3; then -40 - 0.42 + 1.5 * 1 / 0.01.
+        EXPECT_EQ(written(m_record), (std::vector<long>{-800, -50, 109}));
+    }
+    EXPECT_EQ(written(m_record), std::vector<long>{0});
+    EXPECT_EQ(m_log.lines(),
+              (std::vector<std::string>{"3 AlsaDriftCompensator: 2nd generation HW clock control initialized",
+                                        "3 AlsaDriftCompensator::start", "3 AlsaDriftCompensator::stop",
+                                        "3 AlsaDriftCompensator::start"}));
+}
+
+TEST_F(AlsaDriftCompensatorTest, MissingElementOrDeviceLeavesItInert)
+{
+    for (auto const& [config, lines] :
+         {std::pair{
+              "drift-control-other-element.conf",
+              std::vector<std::string>{
+                  "6 AlsaDriftCompensator: Cannot find mixer control Drift compensator",
+                  "6 AlsaDriftCompensator: unable to initialize drift alsa control: Drift compensator"}},
+          {"drift-control-broken.conf",
+           {"6 AlsaDriftCompensator: unable to open mixer device for clock control: No such device"}}}) {
+        useAlsaConfig(config);
+        m_log.clear();
+        {
+            AlsaDriftCompensator compensator;
+            compensator.start();
+            compensator.setFrameDelta(3);
+            EXPECT_FALSE(compensator.writeClock());
+        }
+        std::vector<std::string> expected = lines;
+        expected.insert(expected.end(), {"3 AlsaDriftCompensator::start", "4 STOP DRIFT COMP"});
+        EXPECT_EQ(m_log.lines(), expected) << config;
+    }
+    EXPECT_TRUE(written(m_record).empty());
+}
+
+// Timers never fire early, so two ticks bound the interval from below.
+TEST_F(AlsaDriftCompensatorTest, BothTimersTickOnTheMainLoopEveryTenthOfASecondUntilStopped)
+{
+    std::string const dac = makeDevice(HardwareDriftCompensator::s_legacyDevicePath);
+    AlsaDriftCompensator alsa;
+    HardwareDriftCompensator hardware;
+    gint64 const start = g_get_monotonic_time();
+    alsa.start();
+    hardware.start();
+    alsa.setFrameDelta(5);
+    hardware.setFrameDelta(1);
+    EXPECT_EQ(ticks(m_record, 2), (std::vector<long>{-800, -50}));
+    EXPECT_GE(g_get_monotonic_time() - start, 200000);
+    hardware.setFrameDelta(-1);
+    EXPECT_EQ(ticks(dac, 2), (std::vector<long>{3072, 1024}));
+    alsa.stop();
+    hardware.stop();
+    hardware.setFrameDelta(0);
+    alsa.setFrameDelta(0);
+    Testing::runMainLoopUntil([] { return false; }, std::chrono::milliseconds(250));
+    EXPECT_EQ(written(m_record).size() + written(dac).size(), 0u);
+}
+
+// The model clock runs 50 ppm fast and `gain` ppm per control unit faster. The loop settles within
+// +-1 frame for gains from about 0.055 (the +-1000 range must cover the offset with some margin: the
+// saturated integral winds up) to about 1.34 ppm per unit, where each one-frame step's derivative kick
+// of 150 units moves the phase by a frame itself and the delta keeps swinging by several frames.
+TEST_F(AlsaDriftCompensatorTest, ModelClockSettlesWithinOneFrameForModerateGains)
+{
+    auto const settle = [this](double gain) {
+        return settlingTick<AlsaDriftCompensator>(m_record, 0.0, 50.0, gain, 0, 4000);
+    };
+    int const weak = settle(0.1), strong = settle(1.2);
+    EXPECT_TRUE(weak >= 0 && weak < 2000) << weak;
+    EXPECT_TRUE(strong >= 0 && strong < 600) << strong;
+    EXPECT_EQ(settle(1.5), -1) << "oscillates";
+    EXPECT_EQ(settle(0.04), -1) << "cannot cover 50 ppm";
+}
+
+// Only the IIO file exists here; the legacy one is preferred where both do (see the short write).
+TEST_F(HardwareDriftCompensatorTest, WritesTheDeltaTableAsTerminatedTextAndNoRepeats)
+{
+    std::string const device = makeDevice(HardwareDriftCompensator::s_devicePath);
+    HardwareDriftCompensator compensator;
+    EXPECT_FALSE(compensator.writeClock()) << "not started";
+    compensator.start();
+    for (int delta = -3; delta <= 3; ++delta) {
+        compensator.setFrameDelta(delta);
+        EXPECT_TRUE(compensator.writeClock());
+    }
+    EXPECT_TRUE(compensator.writeClock());
+    // -3 and -2 give 0, the cleared last value; 3 and the last tick repeat 4095.
+    EXPECT_EQ(appended(device), std::string("1024\n\0"
+                                            "2048\n\0"
+                                            "3072\n\0"
+                                            "4095\n\0",
+                                            24));
+    EXPECT_EQ(HardwareDriftCompensator::dacValue(2097150), 0) << "(2^21 - 2 + 2) * 1024 wraps to -2^31";
+    EXPECT_EQ(m_log.lines(),
+              (std::vector<std::string>{"3 HardwareDriftCompensator: HW clock control initialized",
+                                        "3 HardwareDriftCompensator::start"}));
+}
+
+TEST_F(HardwareDriftCompensatorTest, ShortWriteNamesTheIioPathAndIsNotRetried)
+{
+    makeDevice(HardwareDriftCompensator::s_legacyDevicePath, "/dev/full");
+    HardwareDriftCompensator compensator;
+    compensator.start();
+    m_log.clear();
+    compensator.setFrameDelta(1);
+    EXPECT_TRUE(compensator.writeClock());
+    EXPECT_TRUE(compensator.writeClock());
+    EXPECT_EQ(m_log.lines(),
+              std::vector<std::string>{"4 HardwareDriftCompensator: Can't write to " + m_scratch.path() +
+                                       HardwareDriftCompensator::s_devicePath});
+}
+
+TEST_F(HardwareDriftCompensatorTest, WithoutDeviceStaysInertAndStopLogsTheSharedLine)
+{
+    HardwareDriftCompensator compensator;
+    compensator.start();
+    EXPECT_FALSE(compensator.writeClock());
+    compensator.stop();
+    EXPECT_EQ(m_log.lines(), (std::vector<std::string>{
+                                 "6 HardwareDriftCompensator: unable to open hardware clock device",
+                                 "3 HardwareDriftCompensator::start", "3 AlsaDriftCompensator::stop"}));
+}
+
+// A model clock 40 ppm fast whose DAC pulls it by -0.05 ppm per step above mid scale (about +-100 ppm
+// over the DAC range). Starting 20 frames behind, the proportional law then holds the delta at 0 or +1.
+TEST_F(HardwareDriftCompensatorTest, ModelClockSettlesWithinOneFrame)
+{
+    std::string const device = makeDevice(HardwareDriftCompensator::s_legacyDevicePath);
+    int const settledAt = settlingTick<HardwareDriftCompensator>(device, -20.0, 40.0, -0.05, 2048, 400);
+    EXPECT_TRUE(settledAt >= 0 && settledAt < 100)
+        << "20 frames behind catch up at 142 ppm in about 3 s: " << settledAt;
+}
+
+// Each row: gains, the limits (0: none, and the output stays 0), then measured values, each with the raw
+// Q11.20 output it gives; a NaN resets the controller. The set point is 0.
+TEST(FixedPointClosedLoopControlTest, OutputsFollowTheGainsTheLimitsAndTheDeadBand)
+{
+    struct Row
+    {
+        float kp, ki, kd, limit;
+        std::vector<std::pair<float, int32_t>> steps;
+    };
+    float const reset = NAN;
+    int32_t const one = 1 << 20;
+    std::vector<Row> const rows = {
+        {1, 1, 1, 0, {{3.0f, 0}}},
+        {1, 0, 0, 10, {{3.0f, -3 * one}, {20.0f, -10 * one}, {-20.0f, 10 * one}}},
+        // Frozen inside the dead band of 0.05; -0.0501 (raw -52533) times 0.01 (raw 10485), shifted right
+        // by 20, floors to -526.
+        {0, 1, 0, 100, {{0.05f, 0}, {-0.05f, 0}, {0.0501f, -526}, {0.0501f, -1052}, {reset, 0}, {0, 0}}},
+        // 1.0 / 0.01 in Q11.20: 2^40 / 10485, truncated; about 100.0072 since 10485 is slightly under 0.01.
+        {0, 0, 1, 1000, {{-1.0f, 104865200}, {-1.0f, 0}, {reset, 0}, {1.0f, -104865200}}},
+    };
+    for (Row const& row : rows) {
+        FixedPointClosedLoopControl control(row.kp, row.ki, row.kd);
+        if (row.limit > 0)
+            control.setMinMax(-row.limit, row.limit);
+        control.setPoint(0.0f);
+        for (auto const& [in, out] : row.steps) {
+            SCOPED_TRACE(testing::Message() << row.kp << row.ki << row.kd << " at " << in);
+            if (std::isnan(in))
+                control.reset();
+            else
+                control.process(in);
+            EXPECT_EQ(control.getOutput().getRaw(), out);
+        }
+    }
+}
+
+TEST(FixedPointClosedLoopControlTest, SetPointOf2048DoesNotFit)
+{
+    FixedPointClosedLoopControl control(1.0f, 0.0f, 0.0f);
+    EXPECT_DEATH(control.setPoint(2048.0f), "v < pow\\(2, pre_comma\\)");
 }

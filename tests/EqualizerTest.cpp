@@ -1,4 +1,6 @@
+// The two tone controls: the mono equaliser of four child modules and the single-module stereo one.
 #include "dsp/Equalizer.h"
+#include "dsp/ThreeBandStereoEQ.h"
 
 #include "dsp/Gain.h"
 #include "dsp/ModuleFactory.h"
@@ -20,53 +22,53 @@ Parameters bands(char const* low, char const* mid, char const* high, char const*
 
 std::shared_ptr<Equalizer> makeEqualizer()
 {
-    std::shared_ptr<Module> module(ModuleFactory::get().createModule("equalizer", "eq"));
-    return std::dynamic_pointer_cast<Equalizer>(module);
+    return std::dynamic_pointer_cast<Equalizer>(
+        std::shared_ptr<Module>(ModuleFactory::get().createModule("equalizer", "eq")));
 }
 
-class EqualizerTest : public Testing::HardwaredBusTest
+// The correction child's level as text and as the factor it applies.
+std::pair<std::string, tSample> correction(Equalizer const& eq)
 {
-protected:
-    static Tools::String correctionText(Equalizer const& eq)
-    {
-        return eq.getChildModules()[3]->getParameters().getString("gain");
-    }
+    return {eq.getChildModules()[3]->getParameters().getString("gain").str(),
+            static_cast<Gain&>(*eq.getChildModules()[3]).getTargetGain()};
+}
 
-    static tSample correctionFactor(Equalizer const& eq)
-    {
-        return static_cast<Gain&>(*eq.getChildModules()[3]).getTargetGain();
-    }
-};
+using EqualizerTest = Testing::HardwaredBusTest;
 
 } // namespace
 
+// The mono equaliser reports its correction only when correcting, the stereo one on every change.
 TEST_F(EqualizerTest, CorrectsTheLargestBoostAndReportsItAsHiddenVolume)
 {
     // Without a chain there is nowhere to report to; the correction is still applied.
     auto unchained = makeEqualizer();
     unchained->setParameters(bands("6", "3", "-2", "true"), 48000);
-    EXPECT_EQ(correctionText(*unchained), "-6.000000");
+    EXPECT_EQ(correction(*unchained), std::make_pair(std::string("-6.000000"), tSample(0.5)));
 
     bringUpDaemon();
     auto eq = makeEqualizer();
     ModuleHarness harness(eq, true);
-    eq->setParameters(bands("6", "3", "-2", "true"), 48000);
-    EXPECT_EQ(correctionText(*eq), "-6.000000");
-    EXPECT_EQ(correctionFactor(*eq), tSample(0.5));
-    eq->setParameters(bands("1", "4.5", "2", "true"), 48000);
-    EXPECT_EQ(correctionText(*eq), "-4.500000");
-    // Cuts are not made up for; the zero keeps its sign through "%f".
-    eq->setParameters(bands("-3", "-6", "-1", "true"), 48000);
-    EXPECT_EQ(correctionText(*eq), "-0.000000");
-    EXPECT_EQ(correctionFactor(*eq).getRaw(), 0x08000000);
-    eq->setParameters(bands("0", "0", "0", "true"), 48000);
-    EXPECT_EQ(correctionText(*eq), "-0.000000");
-    // Correction off: the last correction stays and nothing is reported.
-    eq->setParameters(bands("2", "1", "0", "true"), 48000);
-    eq->setParameters(bands("9", "0", "0", "false"), 48000);
-    EXPECT_EQ(correctionText(*eq), "-2.000000");
-    EXPECT_EQ(receivedUpToMarker(), (std::vector<double>{6, 4.5, 0, 0, 2, c_marker}));
-
+    std::vector<std::pair<std::string, tSample>> corrections;
+    for (auto const& set :
+         {bands("6", "3", "-2", "true"), bands("1", "4.5", "2", "true"), bands("-3", "-6", "-1", "true"),
+          bands("0", "0", "0", "true"), bands("2", "1", "0", "true"), bands("9", "0", "0", "false")}) {
+        eq->setParameters(set, 48000);
+        corrections.push_back(correction(*eq));
+    }
+    // Cuts are not made up for, and the zero keeps its sign through "%f"; off keeps the last correction.
+    EXPECT_EQ(corrections, (std::vector<std::pair<std::string, tSample>>{
+                               {"-6.000000", tSample(0.5)},
+                               {"-4.500000", tSample(std::pow(2.0, -4.5 / 6))},
+                               {"-0.000000", tSample(1.0)},
+                               {"-0.000000", tSample(1.0)},
+                               {"-2.000000", tSample(std::pow(2.0, -2.0 / 6))},
+                               {"-2.000000", tSample(std::pow(2.0, -2.0 / 6))}}));
+    Chain chain(48000);
+    auto const stereo = chain.addModule("stereo-equalizer", "tone");
+    for (auto const& set :
+         {bands("6", "0", "3", "true"), bands("-3", "-6", "-1", "true"), bands("6", "0", "3", "false")})
+        stereo->setParameters(set, 48000);
+    EXPECT_EQ(receivedUpToMarker(), (std::vector<double>{6, 4.5, 0, 0, 2, 6, 0, 0, c_marker}));
     EXPECT_THROW(eq->setParameters(bands("2", "loud", "0", "true"), 48000), std::invalid_argument);
 }
 
@@ -81,18 +83,17 @@ TEST_F(EqualizerTest, FixesItsFiltersAtTheFirstSetAndRunsThemInPlaceInSeries)
         EXPECT_EQ(child->getOutPort(0), harness.getSourceBuffer(0)) << child->getID();
 
     eq->setParameters(bands("5", "-4", "2.5", "false"), 44100);
-    using tMap = Parameters::tMap;
-    std::pair<char const*, tMap> const children[] = {
-        {"low-gain", {{"type", "loshelf"}, {"frequency", "300"}, {"q", "0.707"}, {"gain", "5"}}},
-        {"mid-gain", {{"type", "peak"}, {"frequency", "1000"}, {"q", "0.707"}, {"gain", "-4"}}},
-        {"high-gain", {{"type", "hishelf"}, {"frequency", "3000"}, {"q", "0.707"}, {"gain", "2.5"}}},
-        {"gain-correction", {{"gain", "0"}}}};
-    for (unsigned int i = 0; i < 4; ++i) {
-        auto const& child = *eq->getChildModules()[i];
-        EXPECT_EQ(child.getID(), children[i].first);
-        EXPECT_EQ(child.getType(), i < 3 ? "biquad" : "gain");
-        EXPECT_EQ(child.getParameters().getParams(), children[i].second) << children[i].first;
-    }
+    std::vector<std::pair<Tools::String, Parameters::tMap>> children;
+    for (auto const& child : eq->getChildModules())
+        children.push_back({child->getType() + " " + child->getID(), child->getParameters().getParams()});
+    EXPECT_EQ(
+        children,
+        (std::vector<std::pair<Tools::String, Parameters::tMap>>{
+            {"biquad low-gain", {{"type", "loshelf"}, {"frequency", "300"}, {"q", "0.707"}, {"gain", "5"}}},
+            {"biquad mid-gain", {{"type", "peak"}, {"frequency", "1000"}, {"q", "0.707"}, {"gain", "-4"}}},
+            {"biquad high-gain",
+             {{"type", "hishelf"}, {"frequency", "3000"}, {"q", "0.707"}, {"gain", "2.5"}}},
+            {"gain gain-correction", {{"gain", "0"}}}}));
 
     // The same filters and correction as separate modules in series.
     auto const whole = harness.run(input);
@@ -120,21 +121,19 @@ TEST_F(EqualizerTest, FixesItsFiltersAtTheFirstSetAndRunsThemInPlaceInSeries)
 
 TEST_F(EqualizerTest, BoostsTheMidBandAndTakesItBackWithTheCorrection)
 {
-    auto const sine = Testing::makeSine(0.25, 1000, 48000, 9600);
+    auto const sine = Testing::makeSine(0.25, 1000, 48000, 9600),
+               bass = Testing::makeSine(0.25, 25, 48000, 96000);
     auto eq = makeEqualizer();
     ModuleHarness harness(eq, true);
-    eq->setParameters(bands("0", "6", "0", "false"), 48000);
-    EXPECT_NEAR(Testing::levelDb(harness.run(sine), 4800, 0.25), 6.0, 0.1);
-    eq->setParameters(bands("0", "6", "0", "true"), 48000);
-    EXPECT_NEAR(Testing::levelDb(harness.run(sine), 4800, 0.25), 0.0, 0.1);
-
     // Bass, on the low shelf's plateau well below 300 Hz: switching the correction off keeps the last
     // one, which here takes the bass boost back; the corrected treble boost leaves the bass 6 dB down.
-    auto const bass = Testing::makeSine(0.25, 25, 48000, 96000);
-    eq->setParameters(bands("6", "0", "0", "false"), 48000);
-    EXPECT_NEAR(Testing::levelDb(harness.run(bass), 48000, 0.25), 0.0, 0.1);
-    eq->setParameters(bands("0", "0", "6", "true"), 48000);
-    EXPECT_NEAR(Testing::levelDb(harness.run(bass), 48000, 0.25), -6.0, 0.1);
+    for (auto const& [set, signal, db] : {std::tuple{bands("0", "6", "0", "false"), &sine, 6.0},
+                                          {bands("0", "6", "0", "true"), &sine, 0.0},
+                                          {bands("6", "0", "0", "false"), &bass, 0.0},
+                                          {bands("0", "0", "6", "true"), &bass, -6.0}}) {
+        eq->setParameters(set, 48000);
+        EXPECT_NEAR(Testing::levelDb(harness.run(*signal), unsigned(signal->size() / 2), 0.25), db, 0.1);
+    }
 }
 
 TEST(EqualizerDeathTest, AcceptsOnlyPortZero)
@@ -142,4 +141,61 @@ TEST(EqualizerDeathTest, AcceptsOnlyPortZero)
     auto eq = makeEqualizer();
     EXPECT_DEATH(eq->setInPortBuffer(1, eq, 0), "inPort == 0");
     EXPECT_DEATH(eq->setOutPortBuffer(1, std::make_shared<AudioBuffer>(16)), "outPort == 0");
+}
+
+// Six decibels per doubling for the correction, true decibels for the bands, deliberately.
+TEST(ThreeBandStereoEQTest, CorrectionUsesSixDecibelsPerDoublingAndTheLargestBoost)
+{
+    for (auto const& [set, factor, delta] :
+         {std::tuple{bands("6", "0", "3", "true"), 0.5, 6.0},
+          {bands("-3", "-6", "-1", "true"), 1.0, 0.0},
+          {bands("6", "0", "3", "false"), 1.0, 0.0},
+          {bands("1", "4.5", "-2", "true"), std::pow(2.0, -4.5 / 6.0), 4.5}}) {
+        ThreeBandStereoEQ::ParameterSet const ps(set, 48000);
+        EXPECT_EQ(std::make_pair(ps.m_correctionGain, ps.m_hiddenVolumeDelta),
+                  std::make_pair(tSample(factor), tSample(delta)));
+    }
+    // The shelves as the generic design at 300 and 3000 Hz; the mid band multiplies by 1/0.707 rather
+    // than dividing: equal up to the last single-precision bit.
+    ThreeBandStereoEQ::ParameterSet const ps(bands("4", "-5", "2", "false"), 44100);
+    BiQuadSection low, high, mid;
+    low.design(AudioFilter::Characteristic::LoShelf, 44100, 300, 1, 4);
+    high.design(AudioFilter::Characteristic::HiShelf, 44100, 3000, 1, 2);
+    mid.design(AudioFilter::Characteristic::Peak, 44100, 1000, 0.707, -5);
+    EXPECT_EQ(std::vector<tSample>({ps.m_low.b0, ps.m_low.a2, ps.m_high.b0, ps.m_high.a2}),
+              std::vector<tSample>({low.b0, low.a2, high.b0, high.a2}));
+    EXPECT_NEAR(ps.m_mid.b0.getRaw(), mid.b0.getRaw(), 16);
+    EXPECT_NEAR(ps.m_mid.a2.getRaw(), mid.a2.getRaw(), 16);
+}
+
+TEST(ThreeBandStereoEQTest, RunsBothChannelsInPlaceWithStateAcrossPeriods)
+{
+    auto const left = Testing::noise(700, 1, 1 << 26), right = Testing::noise(700, 2, 1 << 26);
+    auto const make = [](Parameters const& params) {
+        std::shared_ptr<Module> eq(ModuleFactory::get().createModule("stereo-equalizer", "eq"));
+        if (!params.getParams().empty())
+            eq->setParameters(params, 48000);
+        return eq;
+    };
+    EXPECT_EQ(ModuleHarness(make({}), true).process({left, right}), (ModuleHarness::tChannels{left, right}))
+        << "nothing before the first set";
+    // Flat and uncorrected: the identity up to the truncation of the coefficients.
+    auto const flat = ModuleHarness(make(bands("0", "0", "0", "false")), true).process({left, right});
+    for (unsigned int i = 0; i < left.size(); ++i)
+        ASSERT_TRUE(std::abs(flat[0][i].getRaw() - left[i].getRaw()) <= 64 &&
+                    std::abs(flat[1][i].getRaw() - right[i].getRaw()) <= 64)
+            << i;
+
+    // Each channel runs the three sections and the correction, whatever the period split.
+    Parameters const params = bands("5", "-4", "3", "true");
+    auto const whole = ModuleHarness(make(params)).process({left, right});
+    ThreeBandStereoEQ::ParameterSet const ps(params, 48000);
+    tSample z[6];
+    std::vector<tSample> expected;
+    for (tSample x : right)
+        expected.push_back(
+            ps.m_high.step(ps.m_mid.step(ps.m_low.step(x, z[0], z[1]), z[2], z[3]), z[4], z[5]) *
+            ps.m_correctionGain);
+    EXPECT_EQ(whole[1], expected);
+    EXPECT_EQ(ModuleHarness(make(params), true).processInPeriods({left, right}, 350), whole);
 }

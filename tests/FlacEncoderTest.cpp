@@ -1,19 +1,24 @@
 #include "dsp/FlacEncoder.h"
+#include "dsp/DumpSamples.h"
 #include "dsp/IllegalArgumentException.h"
-
+#include "dsp/OneWriterOneReaderRingBuffer.h"
 #include "support/LogCapture.h"
 #include "support/MainLoop.h"
 #include "support/ModuleHarness.h"
 #include "support/TemporaryDirectory.h"
 #include "support/Thrown.h"
-
 #include <FLAC/stream_encoder.h>
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <future>
 #include <gtest/gtest.h>
+#include <numeric>
+#include <stdexcept>
 #include <thread>
+#include <vector>
 
 using namespace Zelmar;
 using Testing::ModuleHarness;
@@ -23,17 +28,20 @@ namespace {
 
 using tBytes = std::vector<uint8_t>;
 
-// What libFLAC itself writes for these interleaved pairs at the encoder's fixed settings: compression
-// level 2 (1152-frame blocks), two channels of 24 bits, a streamable subset and an unknown length.
-// Without a seek callback the header is never rewritten, as on a live stream.
-tBytes libFlacStream(std::vector<int32_t> const& pairs, unsigned int rate = 48000)
+// What libFLAC itself writes for these channels, each sample shifted right by 4 into 24 bits, at the
+// encoder's fixed settings: compression level 2 (1152-frame blocks), two channels of 24 bits, a streamable
+// subset and an unknown length. Without a seek callback the header is never rewritten, as on a live stream.
+tBytes libFlacStream(std::vector<tSample> const& left, std::vector<tSample> const& right)
 {
+    std::vector<int32_t> pairs;
+    for (size_t i = 0; i < left.size(); ++i)
+        pairs.insert(pairs.end(), {left[i].getRaw() >> 4, right[i].getRaw() >> 4});
     tBytes bytes;
     FLAC__StreamEncoder* encoder = FLAC__stream_encoder_new();
     FLAC__stream_encoder_set_compression_level(encoder, 2);
     FLAC__stream_encoder_set_channels(encoder, 2);
     FLAC__stream_encoder_set_bits_per_sample(encoder, 24);
-    FLAC__stream_encoder_set_sample_rate(encoder, rate);
+    FLAC__stream_encoder_set_sample_rate(encoder, 48000);
     FLAC__stream_encoder_set_streamable_subset(encoder, true);
     auto const write = [](FLAC__StreamEncoder const*, FLAC__byte const buffer[], size_t size, uint32_t,
                           uint32_t, void* out) {
@@ -51,15 +59,6 @@ tBytes libFlacStream(std::vector<int32_t> const& pairs, unsigned int rate = 4800
 bool startsStream(tBytes const& piece)
 {
     return piece.size() >= 4 && std::equal(piece.begin(), piece.begin() + 4, "fLaC");
-}
-
-// Left and right pairs as the encoder must deliver them to libFLAC.
-std::vector<int32_t> pairsOf(std::vector<tSample> const& left, std::vector<tSample> const& right)
-{
-    std::vector<int32_t> pairs;
-    for (size_t i = 0; i < left.size(); ++i)
-        pairs.insert(pairs.end(), {FlacEncoder::toFlacSample(left[i]), FlacEncoder::toFlacSample(right[i])});
-    return pairs;
 }
 
 // An encoder fed by a harness, with every piece it publishes collected.
@@ -91,20 +90,15 @@ std::vector<tSample> const c_minusQuarter = Testing::constant(1000, tSample(-0.2
 
 } // namespace
 
-TEST(FlacEncoderTest, ShiftsToTwentyFourBitsWithoutClipping)
+// 1.0 reaches libFLAC as 8388608, which it refuses as a 24-bit sample (client error, state 5).
+TEST(FlacEncoderTest, FullScaleIsNotClippedAndStopsTheEncoder)
 {
-    std::pair<int32_t, int32_t> const cases[] = {
-        {0x08000000, 8388608}, {-0x08000000, -8388608}, {0x7fffffff, 0x7ffffff}, {0x1f, 1}, {-1, -1}};
-    for (auto const& [word, flac] : cases)
-        EXPECT_EQ(FlacEncoder::toFlacSample(tSample(word)), flac) << word;
-
-    // libFLAC refuses 8388608 as a 24-bit sample (client error, state 5): full scale stops the encoder.
     Testing::LogCapture log;
     Encoding e;
     e.encoder.onSigGotFrameStateChanged(Tools::FramesWanted);
     e.harness.process({Testing::constant(1280, tSample(1.0)), Testing::constant(1280, tSample(0.0))});
     e.encoder.onSigGotFrameStateChanged(Tools::FramesNotWanted);
-    EXPECT_TRUE(log.contains("FlacEncoder error: 5"));
+    EXPECT_EQ(log.count("4 FlacEncoder error: 5"), 1);
 }
 
 TEST(FlacEncoderTest, StreamIsLibFlacsOwnAndReachesSubscribersInOrderOnTheMainLoop)
@@ -135,7 +129,7 @@ TEST(FlacEncoderTest, StreamIsLibFlacsOwnAndReachesSubscribersInOrderOnTheMainLo
     Testing::runPendingMainLoopJobs();
 
     // All but the last block (1152 pairs of 24 bits: under 7 KB) before the stream is finished.
-    tBytes const expected = libFlacStream(pairsOf(left, right));
+    tBytes const expected = libFlacStream(left, right);
     tBytes const beforeFinish = e.stream();
     ASSERT_LT(beforeFinish.size(), expected.size());
     EXPECT_LT(expected.size() - beforeFinish.size(), 7000u);
@@ -178,7 +172,7 @@ TEST(FlacEncoderTest, OnlyWhatArrivesWhileEncodingIsInTheStreamAndAFinishedOneHo
     EXPECT_FALSE(e.encoder.isEncoding());
     Testing::runPendingMainLoopJobs();
     EXPECT_FALSE(e.encoder.hasUnpublishedFrames());
-    EXPECT_EQ(e.stream(), libFlacStream(pairsOf(c_quarter, c_minusQuarter)));
+    EXPECT_EQ(e.stream(), libFlacStream(c_quarter, c_minusQuarter));
     EXPECT_EQ(e.encoder.getDroppedPairs(), 0u);
 
     size_t const before = e.pieces.size();
@@ -212,7 +206,7 @@ TEST(FlacEncoderTest, AudioEncoderAndMainLoopThreadsRunTogether)
     e.encoder.finishStream();
     Testing::runPendingMainLoopJobs();
     EXPECT_EQ(e.encoder.getDroppedPairs(), 0u);
-    EXPECT_EQ(e.stream(), libFlacStream(pairsOf(left, right)));
+    EXPECT_EQ(e.stream(), libFlacStream(left, right));
 }
 
 namespace {
@@ -259,9 +253,9 @@ TEST(FlacEncoderTest, OverrunIsCountedAndReportedOnTheMainLoop)
         harness.process({Testing::constant(1000, tSample(0.1)), Testing::constant(1000, tSample(0.1))});
     EXPECT_EQ(stalled->getDroppedPairs(), 952u);
     std::string const report =
-        "FlacEncoder stalled dropped 952 stereo frames because its worker thread fell behind";
-    EXPECT_FALSE(log.contains(report)) << "reported from the main loop, not the audio thread";
-    EXPECT_TRUE(Testing::runMainLoopUntil([&] { return log.contains(report); }));
+        "4 FlacEncoder stalled dropped 952 stereo frames because its worker thread fell behind";
+    EXPECT_EQ(log.count(report), 0) << "reported from the main loop, not the audio thread";
+    EXPECT_TRUE(Testing::runMainLoopUntil([&] { return log.count(report) == 1; }));
     stalled->release();
 }
 
@@ -273,4 +267,177 @@ TEST(FlacEncoderTest, RejectsASampleRateLibFlacCannotEncode)
               "FlacEncoder enc: cannot encode at 2000000 Hz (libFLAC init status 6)");
     encoder.startEncoding();
     EXPECT_FALSE(encoder.isEncoding());
+}
+
+namespace {
+
+class DumpSamplesTest : public testing::Test
+{
+protected:
+    // The file's words as samples.
+    std::vector<tSample> recorded(char const* name) const
+    {
+        std::string const bytes = m_scratch.read(name);
+        EXPECT_EQ(bytes.size() % 4, 0u);
+        std::vector<tSample> samples(bytes.size() / 4);
+        std::memcpy(samples.data(), bytes.data(), samples.size() * 4);
+        return samples;
+    }
+
+    Testing::TemporaryDirectory m_scratch{"dump-samples-XXXXXX"};
+    Parameters const m_parameters{{"directory", m_scratch.path()}};
+};
+
+std::vector<tSample> fullRangeNoise(unsigned int frames, unsigned int seed)
+{
+    return Testing::noise(frames, seed, int64_t(1) << 31);
+}
+
+} // namespace
+
+TEST_F(DumpSamplesTest, PassesThroughAndWritesExactlyWhatItSawSinceTheLastParameters)
+{
+    for (bool inPlace : {true, false}) {
+        std::vector<tSample> const input = fullRangeNoise(3 * 4096 + 77, inPlace ? 1 : 2);
+        std::vector<tSample> output;
+        {
+            ModuleHarness harness(std::make_shared<DumpSamples>("d"), inPlace);
+            harness.module().setParameters(m_parameters, 48000);
+            harness.processInPeriods({fullRangeNoise(2000, 9)}, 1280);
+            harness.module().setParameters(m_parameters, 48000);
+            output = harness.processInPeriods({input}, 1280)[0];
+        }
+        EXPECT_EQ(output, input) << inPlace;
+        EXPECT_EQ(recorded("d.raw"), input) << inPlace;
+    }
+}
+
+TEST_F(DumpSamplesTest, RejectsAMissingOrUnwritableDirectory)
+{
+    DumpSamples dump("d");
+    EXPECT_EQ(
+        Testing::thrownMessage<IllegalArgumentException>([&] { dump.setParameters(Parameters{}, 48000); }),
+        "DumpSamples d: parameter \"directory\" is missing");
+    std::string const none = m_scratch.path("none");
+    EXPECT_EQ(Testing::thrownMessage<IllegalArgumentException>([&] {
+                  dump.setParameters(Parameters{{"directory", none}}, 48000);
+              }),
+              "DumpSamples d: cannot open " + none + "/d.raw for writing");
+    EXPECT_THROW(DumpSamples("a/b").setParameters(m_parameters, 48000), IllegalArgumentException);
+}
+
+TEST_F(DumpSamplesTest, SamplesWithoutRoomAreCountedAndReported)
+{
+    Testing::LogCapture log;
+    uint32_t dropped = 0;
+    {
+        // One period larger than the ring: whatever the worker manages, the surplus cannot fit.
+        ModuleHarness harness(std::make_shared<DumpSamples>("e", 1000));
+        harness.module().setParameters(m_parameters, 48000);
+        harness.process({fullRangeNoise(1280, 0)});
+        dropped = static_cast<DumpSamples&>(harness.module()).getDroppedSamples();
+        EXPECT_GE(dropped, 280u);
+        std::string const report = "4 DumpSamples e dropped " + std::to_string(dropped) +
+                                   " samples because its worker thread fell behind";
+        EXPECT_TRUE(Testing::runMainLoopUntil([&] { return log.count(report) == 1; }));
+    }
+    EXPECT_EQ(recorded("e.raw").size() + dropped, 1280u);
+}
+
+namespace {
+
+std::vector<int> sequence(int first, unsigned int count)
+{
+    std::vector<int> values(count);
+    std::iota(values.begin(), values.end(), first);
+    return values;
+}
+
+} // namespace
+
+TEST(RingBufferTest, WrapsAroundAndReadsByAbsolutePosition)
+{
+    RingBuffer<int> ring(8);
+    std::vector<int> const first = sequence(0, 5), second = sequence(5, 5);
+    EXPECT_EQ(ring.write(first.data(), 5), first.data() + 5);
+    EXPECT_EQ(ring.write(second.data(), 5), second.data() + 5);
+    EXPECT_EQ(ring.getNumWritten(), 10u);
+    // Positions 8 and 9 went to slots 0 and 1, over positions 0 and 1.
+    EXPECT_EQ((std::vector<int>{ring.at(0), ring.at(1), ring.at(7)}), (std::vector<int>{8, 9, 7}));
+
+    std::vector<int> out(8, -1);
+    EXPECT_EQ(ring.read(out.data(), 8, 2), 8u);
+    EXPECT_EQ(out, sequence(2, 8));
+    EXPECT_EQ(ring.read(out.data(), 8, 7), 3u);
+    EXPECT_EQ(out[2], 9);
+    for (auto const& [n, from] : {std::pair{8u, 10ull}, {8u, 11ull}, {0u, 2ull}})
+        EXPECT_EQ(ring.read(out.data(), n, from), 0u) << n << " from " << from;
+    EXPECT_EQ(DETAIL::StandardModulo::slot((1ull << 32) + 3, 10), 3u) << "only the low word takes part";
+}
+
+TEST(RingBufferTest, RefusesMoreThanItsCapacityAndResetForgetsContents)
+{
+    RingBuffer<int> ring(8);
+    std::vector<int> const values = sequence(1, 9);
+    ring.write(values.data(), 3);
+    EXPECT_EQ(Testing::thrownMessage<std::invalid_argument>([&] { ring.write(values.data(), 9); }),
+              "too many elements delivered or buffer too small");
+    EXPECT_EQ(ring.getNumWritten(), 3u);
+    EXPECT_THROW(RingBuffer<int>().write(values.data(), 1), std::invalid_argument);
+
+    ring.reset();
+    std::vector<int> out(4, -1);
+    EXPECT_EQ(ring.read(out.data(), 4, 0), 0u);
+    EXPECT_EQ(ring.at(2), 3);
+}
+
+TEST(RingBufferTest, OneWriterOneReaderNeverOverwritesUnreadElements)
+{
+    OneWriterOneReaderRingBuffer<int> ring(4);
+    std::vector<int> const values = sequence(1, 6);
+    EXPECT_EQ(ring.push(values.data(), 6), 4u);
+    std::vector<int> out(6, 0);
+    EXPECT_EQ(ring.pop(out.data(), 2), 2u);
+    EXPECT_EQ(ring.push(values.data() + 4, 2), 2u);
+    EXPECT_EQ(ring.getNumReadable(), 4u);
+    EXPECT_EQ(ring.pop(out.data() + 2, 6), 4u);
+    EXPECT_EQ(out, values);
+    EXPECT_EQ(ring.pop(out.data(), 1), 0u);
+
+    ring.reset();
+    EXPECT_EQ(ring.getNumWritten() + ring.getNumReadable(), 0u);
+    EXPECT_EQ(ring.push(values.data(), 5), 4u);
+}
+
+// Also meant to run under ThreadSanitizer: the counters are the only synchronisation. The capacity is
+// not a power of two, so the slot arithmetic wraps at odd places.
+TEST(RingBufferTest, OneWriterOneReaderHandsOverMillionsInOrder)
+{
+    constexpr uint32_t total = 4000000;
+    OneWriterOneReaderRingBuffer<uint32_t> ring(1000);
+    std::thread writer([&] {
+        std::vector<uint32_t> chunk(97);
+        for (uint32_t next = 0, size = 1; next < total; size = size % 97 + 1) {
+            unsigned int const n = std::min(total - next, size);
+            std::iota(chunk.begin(), chunk.begin() + n, next);
+            unsigned int const pushed = ring.push(chunk.data(), n);
+            next += pushed;
+            if (pushed == 0)
+                std::this_thread::yield();
+        }
+    });
+
+    std::vector<uint32_t> out(89);
+    uint32_t expected = 0, mismatches = 0;
+    for (unsigned int size = 1; expected < total; size = size % 89 + 1) {
+        unsigned int const got = ring.pop(out.data(), size);
+        for (unsigned int i = 0; i < got; ++i)
+            mismatches += out[i] != expected++;
+        if (got == 0)
+            std::this_thread::yield();
+    }
+    writer.join();
+    EXPECT_EQ(mismatches, 0u);
+    EXPECT_EQ(ring.getNumWritten(), total);
+    EXPECT_EQ(ring.getNumReadable(), 0u);
 }

@@ -80,10 +80,10 @@ TEST_F(HardwaredClientTest, RunsExactlyOneHandlerPerCallAndLogsErrorsAtLevelFour
     HardwaredClient::get().setHiddenVolumeDelta(1.5, onSuccess,
                                                 HardwaredClient::getErrorLogger("setting delta"));
     ASSERT_TRUE(runMainLoopUntil([&] {
-        return errors.size() == 3 && log.containsStart("setting delta failed: ", Tools::Tracer::Error);
+        return errors.size() == 3 && log.count("4 setting delta failed: ") > 0;
     }));
     EXPECT_NE(errors[2].find("amplifier busy"), std::string::npos) << errors[2];
-    EXPECT_EQ(log.countStarting("setting delta failed: ", Tools::Tracer::Error), 1u);
+    EXPECT_EQ(log.count("4 setting delta failed: "), 1);
     EXPECT_EQ(successes, 1);
     EXPECT_EQ(m_daemon.getReceivedDeltas(), (std::vector<double>{4.5, 1.0, 1.5}));
 }
@@ -97,7 +97,7 @@ TEST_F(HardwaredClientTest, WithoutABusStaysDisconnectedAndRefusesCalls)
     std::vector<bool> states;
     auto const subscription =
         HardwaredClient::get().onConnectionStateChanged([&](bool c) { states.push_back(c); });
-    ASSERT_TRUE(runMainLoopUntil([&] { return log.containsStart("HardwaredClient: no system bus:"); }));
+    ASSERT_TRUE(runMainLoopUntil([&] { return log.count("3 HardwaredClient: no system bus:") > 0; }));
 
     bool refused = false;
     HardwaredClient::get().setHiddenVolumeDelta(
@@ -117,7 +117,7 @@ TEST_F(HiddenVolumeManagerTest, SendsOnlyTheNewestPendingDeltaOnConnectingAndTha
 
     bringUpDaemon();
     EXPECT_EQ(receivedUpToMarker(), (std::vector<double>{6, c_marker}));
-    EXPECT_EQ(log.countStarting("HardwaredClientChain: setting hidden volume delta to 6", 2), 1u);
+    EXPECT_EQ(log.count("2 HardwaredClientChain: setting hidden volume delta to 6"), 1);
 
     // Nothing is pending any more, so connecting again sends nothing.
     m_daemon.releaseName();
@@ -134,7 +134,6 @@ TEST_F(HiddenVolumeManagerTest, SendsAtOnceWhileConnectedAndOnlyLogsAFailure)
     manager.setHiddenVolumeDelta(6);
     m_daemon.failCallsWith("com.orvandel.Hardwared.Error.Busy", "amplifier busy");
     manager.setHiddenVolumeDelta(2.5);
-    ASSERT_TRUE(runMainLoopUntil(
-        [&] { return log.containsStart("setting hidden volume delta failed:", Tools::Tracer::Error); }));
+    ASSERT_TRUE(runMainLoopUntil([&] { return log.count("4 setting hidden volume delta failed:") > 0; }));
     EXPECT_EQ(receivedUpToMarker(), (std::vector<double>{6, 2.5, c_marker})) << "not retried";
 }

@@ -1,35 +1,45 @@
 // The way parameters travel from the control thread to the audio thread, through the entry points the
-// chain service offers, and the faults an audit found on it.
+// chain service offers, and the faults an audit found on it; the refusals themselves are tabled in
+// ModuleDescriptorTest and the config check's in ChainCheckTest.
 #include "dsp/AdaptiveLimiter.h"
+#include "dsp/Chain.h"
 #include "dsp/ChainCheck.h"
 #include "dsp/ChainService.h"
 #include "dsp/ConfigDocument.h"
 #include "dsp/FlacEncoder.h"
+#include "dsp/Gain.h"
 #include "dsp/IllegalArgumentException.h"
+#include "dsp/Module.h"
+#include "dsp/ModuleDescriptor.h"
 #include "dsp/ModuleFactory.h"
+#include "support/DataFile.h"
 #include "support/EveryTypeChain.h"
 #include "support/LogCapture.h"
 #include "support/MainLoop.h"
 #include "support/ModuleHarness.h"
 #include "support/PrivateDbus.h"
-#include "support/Thrown.h"
-
+#include "support/TemporaryDirectory.h"
 #include <atomic>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <memory>
 #include <random>
 #include <thread>
 
 using namespace Zelmar;
+using Testing::runMainLoopUntil;
 
 namespace {
 
-GVariant* tuples(std::vector<std::array<std::string, 3>> const& entries)
+using tVariant = std::unique_ptr<GVariant, decltype(&g_variant_unref)>;
+
+tVariant tuples(std::vector<std::array<std::string, 3>> const& entries)
 {
     GVariantBuilder builder;
     g_variant_builder_init(&builder, G_VARIANT_TYPE("a(sss)"));
     for (auto const& e : entries)
         g_variant_builder_add(&builder, "(sss)", e[0].c_str(), e[1].c_str(), e[2].c_str());
-    return g_variant_ref_sink(g_variant_new("a(sss)", &builder));
+    return tVariant(g_variant_ref_sink(g_variant_new("a(sss)", &builder)), g_variant_unref);
 }
 
 // Every module's whole set as the config file gives it, with the defaults of the keys it leaves out.
@@ -59,38 +69,12 @@ TEST(ParameterPathTest, RandomChangesWhileProcessingEndAsTheLastValidSets)
     GDBusConnection* connection = bus.connect();
     Testing::EveryTypeChain changed;
     auto const service = std::make_unique<ChainService>(changed.chain(), connection);
-    std::vector<std::string> const values = {"-100",
-                                             "-5",
-                                             "-1",
-                                             "0",
-                                             "0.5",
-                                             "1",
-                                             "3",
-                                             "10",
-                                             "24",
-                                             "30",
-                                             "1000",
-                                             "44100",
-                                             "96000",
-                                             "nan",
-                                             "x",
-                                             "",
-                                             "01",
-                                             "10",
-                                             "11",
-                                             "0x",
-                                             "2",
-                                             "peak",
-                                             "hishelf",
-                                             "LoPass",
-                                             "mono",
-                                             "quadro",
-                                             "true",
-                                             "-60=3,0=0",
-                                             "-60=30",
-                                             "0=-3 dB",
-                                             changed.scratch(),
-                                             "/nonexistent"};
+    std::vector<std::string> values =
+        Testing::split("-100|-5|-1|0|0.5|1|3|10|24|30|1000|44100|96000|nan|x||01|"
+                       "10|11|0x|2|peak|hishelf|LoPass|mono|quadro|true|"
+                       "-60=3,0=0|-60=30|0=-3 dB|/nonexistent",
+                       "|");
+    values.push_back(changed.scratch());
     std::mt19937 random(19);
     auto const pick = [&](auto const& from) { return from[random() % from.size()]; };
     auto const& modules = changed.chain().getModules();
@@ -112,9 +96,7 @@ TEST(ParameterPathTest, RandomChangesWhileProcessingEndAsTheLastValidSets)
             if (change % 2)
                 service->handleSetParameter(one[0].c_str(), one[1].c_str(), one[2].c_str());
             else
-                service->handleSetParameters(
-                    std::unique_ptr<GVariant, decltype(&g_variant_unref)>(tuples({one}), g_variant_unref)
-                        .get());
+                service->handleSetParameters(tuples({one}).get());
         } catch (...) {
             // Refusals are part of the storm; the module keeps what it had.
         }
@@ -123,9 +105,7 @@ TEST(ParameterPathTest, RandomChangesWhileProcessingEndAsTheLastValidSets)
     stop = true;
     audio.join();
 
-    std::unique_ptr<GVariant, decltype(&g_variant_unref)> const last(tuples(setsOfTheFile(changed.config())),
-                                                                     g_variant_unref);
-    service->handleSetParameters(last.get());
+    service->handleSetParameters(tuples(setsOfTheFile(changed.config())).get());
     Testing::EveryTypeChain fresh;
     for (unsigned int period = 0; period < 40; ++period) {
         auto const left = Testing::noise(256, 2 * period, int64_t(1) << 25);
@@ -135,152 +115,342 @@ TEST(ParameterPathTest, RandomChangesWhileProcessingEndAsTheLastValidSets)
     g_object_unref(connection);
 }
 
+// The service re-applies every module's set, so the pattern in force arrives again and again; once a
+// no-op set emptied the period it arrived in.
+TEST(ParameterPathTest, TheSameSetArrivingWhilePeriodsRunNeverEmptiesOne)
+{
+    Chain chain(48000, TEST_SOURCE_DIR "/data/passthrough.xml");
+    Testing::MemoryAlsaBuffers capture(2), playback(2);
+    auto const output = Testing::attachHostBuffers(chain, capture, playback);
+    output->setMute(false);
+    for (unsigned int channel = 0; channel < 2; ++channel)
+        capture.getChannel(channel).setPeriod(std::vector<tSample>(64, tSample(0.5)));
+    std::atomic<bool> stop{false};
+    std::atomic<int> emptied{0};
+    std::thread audio([&] {
+        while (!stop.load()) {
+            playback.getChannel(1).samples[63] = tSample::s_Zero;
+            chain.process();
+            emptied += playback.getChannel(1).samples[63] != tSample(0.5);
+        }
+    });
+    for (int i = 0; i < 2000; ++i) {
+        output->applyParameters(Parameters{{"interleave-pattern", "01"}}, 48000);
+        Testing::runPendingMainLoopJobs();
+    }
+    stop = true;
+    audio.join();
+    EXPECT_EQ(emptied.load(), 0);
+}
+
+// Loading and compiling once grew with the square of the module count (timed in ChainLoadBench).
+TEST(ParameterPathTest, TenThousandModulesInSeriesLoadInSignalFlowOrder)
+{
+    std::string config =
+        "<dsp><module type=\"input\" id=\"in\"/><module type=\"output\" id=\"out\"><parameter "
+        "id=\"interleave-pattern\">01</parameter></module>";
+    std::string previous = "in[0]";
+    for (int i = 0; i < 10000; ++i) {
+        std::string const id = "g" + std::to_string(i);
+        config +=
+            "<module type=\"gain\" id=\"" + id + "\"/><cable out=\"" + previous + "\" in=\"" + id + "[0]\"/>";
+        previous = id + "[0]";
+    }
+    config += "<cable out=\"" + previous + "\" in=\"out[0]\"/><cable out=\"in[1]\" in=\"out[1]\"/></dsp>";
+    Testing::TemporaryDirectory dir;
+    Chain chain(48000, dir.write("series.xml", config));
+    EXPECT_EQ(chain.getModules().front()->getID(), "in");
+    EXPECT_EQ(std::next(chain.getModules().begin(), 10000)->get()->getID(), "g9999");
+    EXPECT_EQ(chain.getModules().back()->getID(), "out");
+}
+
+// A change of one key on a volume-adaptive module once replaced its curve by the number in force.
+TEST(ParameterPathTest, OneKeyChangedOnAVolumeAdaptiveModuleKeepsItsCurve)
+{
+    Testing::LogCapture quiet(7);
+    std::shared_ptr<Module> limiter(ModuleFactory::get().createModule("adaptive-limiter", "m"));
+    limiter->setParameters({{"attack", "1"}, {"release", "50"}, {"threshold", "-60=-12,0=-6"}}, 48000);
+    limiter->setParameter("attack", "5");
+    EXPECT_EQ(limiter->getConfiguredParameters().getString("threshold"), "-60=-12,0=-6");
+    std::dynamic_pointer_cast<AdaptiveLimiter>(limiter)->setControlGain(-30.0);
+    EXPECT_EQ(limiter->getParameters().getString("threshold"), "-9.000000");
+    std::shared_ptr<Module> biquad(ModuleFactory::get().createModule("adaptive-biquad", "m"));
+    biquad->setParameters({{"type", "peak"}, {"frequency", "1000"}, {"q", "1"}, {"gain", "-60=9,0=0"}},
+                          48000);
+    biquad->setParameter("q", "2");
+    EXPECT_EQ(biquad->getParameters().getString("gain"), "-60=9,0=0");
+    EXPECT_EQ(biquad->Module::getParameters().getString("gain"), "9.000000");
+}
+
 namespace {
 
-std::shared_ptr<Module> make(char const* type, Parameters const& parameters)
+Parameters defaultsOf(ModuleDescriptor const& type)
 {
-    std::shared_ptr<Module> module(ModuleFactory::get().createModule(type, "m"));
-    module->setParameters(parameters, 48000);
-    return module;
+    Parameters defaults;
+    for (auto const& parameter : type.getParameters())
+        defaults.set(parameter.getKey(), parameter.getDefault());
+    return defaults;
 }
 
-std::string refusal(Module const& module, Parameters const& parameters)
+// The refusal's message, or "accepted".
+std::string verdict(Tools::String const& type, Parameters const& parameters)
 {
-    return Testing::thrownMessage<IllegalArgumentException>(
-        [&] { module.validateParameters(parameters, 48000); });
+    std::unique_ptr<Module> module(ModuleFactory::get().createModule(type, "m"));
+    try {
+        module->validateParameters(parameters, 48000);
+    } catch (IllegalArgumentException const& e) {
+        return e.getMessage().str();
+    }
+    return "accepted";
 }
 
-struct Regression
+} // namespace
+
+// A required key's default is its example, so every type's defaults make a set it accepts.
+TEST(ModuleDescriptorTest, DefaultsAreAcceptedRequiredKeysMissedAndPortsAsDescribed)
 {
-    char const* fault;
-    void (*check)();
+    Testing::LogCapture quiet(7);
+    for (auto const& [name, type] : ModuleFactory::get().getDescriptors()) {
+        SCOPED_TRACE(name);
+        Parameters const defaults = defaultsOf(type);
+        EXPECT_EQ(verdict(name, defaults), "accepted");
+        std::unique_ptr<Module> module(ModuleFactory::get().createModule(name, "m"));
+        EXPECT_EQ(module->getDescriptor(), &type);
+        EXPECT_EQ(module->getNumOutPorts(), type.getNumOutPorts());
+        EXPECT_EQ(module->getNumInPorts(), type.getInPortsKey() ? 0 : type.getNumInPorts(defaults))
+            << "an output stage has its ports once its pattern is set";
+        for (auto const& parameter : type.getParameters()) {
+            if (!parameter.isRequired())
+                continue;
+            Parameters without;
+            for (auto const& [key, value] : defaults.getParams())
+                if (key != parameter.getKey())
+                    without.set(key, value);
+            EXPECT_EQ(verdict(name, without), std::string("parameter ") + parameter.getKey() +
+                                                  " of module m: is required (for example \"" +
+                                                  parameter.getDefault() + "\")");
+        }
+    }
+}
+
+TEST(ModuleDescriptorTest, RefusesWhatItMustWithItsMessage)
+{
+    Testing::LogCapture quiet(7);
+    for (auto const& row : Testing::readTable("parameter-refusals.txt")) {
+        SCOPED_TRACE(row[0] + " " + row[1]);
+        Parameters set = defaultsOf(*ModuleFactory::get().findDescriptor(row[0]));
+        for (auto const& change : Testing::split(row[1], ";")) {
+            auto const equals = change.find('=');
+            set.set(change.substr(0, equals), change.substr(equals + 1));
+        }
+        EXPECT_EQ(verdict(row[0], set), row[2]);
+    }
+}
+
+// How the check sees wiring and structure the way compiling will; the tool's tests cover what a user
+// meets first (empty and malformed files, stages, values, places).
+TEST(ChainCheckTest, SeesTheChainAsLoadingWouldBuildIt)
+{
+    struct Case
+    {
+        std::string config = "<dsp><module type=\"input\" id=\"in\"/>\n<module type=\"output\" id=\"out\">"
+                             "<parameter id=\"interleave-pattern\">01</parameter></module>\n";
+        std::vector<std::string> problems;
+    };
+    std::vector<Case> cases;
+    std::ifstream file(TEST_SOURCE_DIR "/data/chain-checks.txt");
+    for (std::string line; std::getline(file, line);) {
+        if (line.rfind("== ", 0) == 0)
+            cases.emplace_back().config += line.substr(3) + "\n";
+        else if (line.rfind("-> ", 0) == 0)
+            cases.back().problems.push_back(line.substr(3));
+        else if (!line.empty() && line[0] != '#')
+            cases.back().config += line + "\n";
+    }
+    ASSERT_EQ(cases.size(), 7u);
+    Testing::TemporaryDirectory dir;
+    Testing::LogCapture quiet(7);
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.config);
+        std::string const path = dir.write("c.xml", c.config);
+        auto const problems = ChainCheck::check(path, 48000);
+        std::vector<std::string> described;
+        for (auto const& problem : problems)
+            described.push_back(problem.describe().substr(path.size() + 1));
+        EXPECT_EQ(described, c.problems);
+        // A config without errors is one the library loads.
+        if (!ChainCheck::hasErrors(problems)) {
+            EXPECT_NO_THROW(Chain(48000, path));
+        }
+    }
+}
+
+namespace {
+
+struct Reply
+{
+    bool done = false;
+    GVariant* value = nullptr;
+    std::string error;
+    int code = -1;
 };
 
-// One row per fault of the audit. Two more are checked where their subject is: the signal detector's
-// statistics at 44100 Hz in SignalDetectorTest, and a run whose frames in and out disagree in the
-// tool's length check, which no config can provoke once periods are not lost.
-Regression const c_regressions[] = {
-    {"a no-op SetParameters could empty a period",
-     [] {
-         Chain chain(48000, TEST_SOURCE_DIR "/data/passthrough.xml");
-         Testing::MemoryAlsaBuffers capture(2), playback(2);
-         auto const output = Testing::attachHostBuffers(chain, capture, playback);
-         output->setMute(false);
-         for (unsigned int channel = 0; channel < 2; ++channel)
-             capture.getChannel(channel).setPeriod(std::vector<tSample>(64, tSample(0.5)));
-         std::atomic<bool> stop{false};
-         std::atomic<int> emptied{0};
-         std::thread audio([&] {
-             while (!stop.load()) {
-                 playback.getChannel(1).samples[63] = tSample::s_Zero;
-                 chain.process();
-                 emptied += playback.getChannel(1).samples[63] != tSample(0.5);
-             }
-         });
-         // The service re-applies every module's set, so the pattern in force arrives again and again.
-         for (int i = 0; i < 2000; ++i) {
-             output->applyParameters(Parameters{{"interleave-pattern", "01"}}, 48000);
-             Testing::runPendingMainLoopJobs();
-         }
-         stop = true;
-         audio.join();
-         EXPECT_EQ(emptied.load(), 0);
-     }},
-    {"a module without an id aborted the tool",
-     [] {
-         Testing::TemporaryDirectory dir;
-         auto const problems =
-             ChainCheck::check(dir.write("c.xml", "<dsp><module type=\"input\"/></dsp>"), 48000);
-         ASSERT_EQ(problems.size(), 2u);
-         EXPECT_EQ(problems[1].message, "the input module has no id, so no cable can reach it");
-     }},
-    {"LoopSystemSound(sound, 0) kept the main loop busy",
-     [] {
-         Testing::PrivateDbus bus;
-         GDBusConnection* connection = bus.connect();
-         Chain chain(48000);
-         auto service = std::make_unique<ChainService>(chain, connection);
-         EXPECT_EQ(Testing::thrownMessage<IllegalArgumentException>(
-                       [&] { service->loopSystemSound(SystemSound::Touch, 0); }),
-                   "unable to loop system sound: an interval of 0 ms is shorter than 100 ms");
-         service.reset();
-         g_object_unref(connection);
-     }},
-    {"nonsense values passed: a negative attack, a q of -1, a frequency of 0",
-     [] {
-         auto const limiter = make("limiter", {{"attack", "1"}, {"release", "100"}, {"threshold", "-1"}});
-         EXPECT_THROW(
-             limiter->applyParameters({{"attack", "-5"}, {"release", "100"}, {"threshold", "-1"}}, 48000),
-             IllegalArgumentException);
-         EXPECT_EQ(limiter->getConfiguredParameters().getString("attack"), "1") << "the set in force stays";
-         auto const biquad = make("biquad", {{"type", "peak"}, {"frequency", "1000"}, {"q", "1"}});
-         EXPECT_THROW(biquad->applyParameters({{"type", "peak"}, {"frequency", "1000"}, {"q", "-1"}}, 48000),
-                      IllegalArgumentException);
-         EXPECT_THROW(biquad->applyParameters({{"type", "peak"}, {"frequency", "0"}, {"q", "1"}}, 48000),
-                      IllegalArgumentException);
-     }},
-    {"loading and compiling grew with the square of the module count (timed in ChainLoadBench)",
-     [] {
-         std::string config =
-             "<dsp><module type=\"input\" id=\"in\"/><module type=\"output\" id=\"out\"><parameter "
-             "id=\"interleave-pattern\">01</parameter></module>";
-         std::string previous = "in[0]";
-         for (int i = 0; i < 10000; ++i) {
-             std::string const id = "g" + std::to_string(i);
-             config += "<module type=\"gain\" id=\"" + id + "\"/><cable out=\"" + previous + "\" in=\"" + id +
-                       "[0]\"/>";
-             previous = id + "[0]";
-         }
-         Testing::TemporaryDirectory dir;
-         Chain chain(48000, dir.write("series.xml",
-                                      config + "<cable out=\"" + previous +
-                                          "\" in=\"out[0]\"/><cable out=\"in[1]\" in=\"out[1]\"/></dsp>"));
-         EXPECT_EQ(chain.getModules().front()->getID(), "in");
-         EXPECT_EQ(std::next(chain.getModules().begin(), 10000)->get()->getID(), "g9999");
-         EXPECT_EQ(chain.getModules().back()->getID(), "out");
-     }},
-    {"a change of one key on a volume-adaptive module replaced its curve by a number",
-     [] {
-         Testing::LogCapture quiet(7);
-         auto const limiter = std::dynamic_pointer_cast<AdaptiveLimiter>(
-             make("adaptive-limiter", {{"attack", "1"}, {"release", "50"}, {"threshold", "-60=-12,0=-6"}}));
-         limiter->setParameter("attack", "5");
-         EXPECT_EQ(limiter->getConfiguredParameters().getString("threshold"), "-60=-12,0=-6");
-         EXPECT_NO_THROW(limiter->setControlGain(-30.0));
-         EXPECT_EQ(limiter->getParameters().getString("threshold"), "-9.000000");
-         auto const biquad = make(
-             "adaptive-biquad", {{"type", "peak"}, {"frequency", "1000"}, {"q", "1"}, {"gain", "-60=9,0=0"}});
-         biquad->setParameter("q", "2");
-         EXPECT_EQ(biquad->getParameters().getString("gain"), "-60=9,0=0");
-         EXPECT_EQ(biquad->Module::getParameters().getString("gain"), "9.000000");
-     }},
-    {"the three-band stereo EQ refused any band of 16 or more in linear gain, cuts included",
-     [] {
-         auto const eq = make("stereo-equalizer", {});
-         EXPECT_EQ(refusal(*eq, {{"low-gain", "-30"}, {"gain-correction", "false"}}), "no exception");
-         EXPECT_EQ(refusal(*eq, {{"low-gain", "16"}, {"gain-correction", "false"}}), "no exception");
-         EXPECT_EQ(
-             refusal(*eq, {{"low-gain", "16"}, {"gain-correction", "true"}}),
-             "the hidden volume delta of module m is out of range: 16 does not fit a sample (|x| < 16)");
-     }},
-    {"the adaptive modules checked their curve as one number",
-     [] {
-         Testing::LogCapture quiet(7);
-         auto const limiter =
-             make("adaptive-limiter", {{"attack", "1"}, {"release", "50"}, {"threshold", "0=0"}});
-         EXPECT_EQ(refusal(*limiter, {{"attack", "1"}, {"release", "50"}, {"threshold", "-60=30,0=30"}}),
-                   "parameter threshold of module m: the value of \"-60=30\" must be below 24 dB, not 30");
-         EXPECT_EQ(refusal(*limiter, {{"attack", "1"}, {"release", "50"}, {"threshold", "30=-3,60=0"}}),
-                   "no exception");
-     }},
+// The service on a private bus, called by a client of its own while the test iterates the main loop.
+class ChainServiceTest : public ::testing::Test
+{
+protected:
+    ChainServiceTest() : m_serverConnection(m_bus.connect()), m_client(m_bus.connect()) {}
+    ~ChainServiceTest() override
+    {
+        m_service.reset();
+        g_object_unref(m_client);
+        g_object_unref(m_serverConnection);
+    }
+
+    void serve()
+    {
+        m_service = std::make_unique<ChainService>(m_chain, m_serverConnection);
+        ASSERT_TRUE(runMainLoopUntil([&] { return m_service->isServiceReady(); }));
+    }
+
+    Reply call(char const* method, GVariant* arguments, char const* replyType = "()")
+    {
+        Reply reply;
+        g_dbus_connection_call(
+            m_client, ChainService::c_busName, ChainService::c_objectPath, ChainService::c_interfaceName,
+            method, arguments, G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr,
+            [](GObject* source, GAsyncResult* result, gpointer data) {
+                auto* r = static_cast<Reply*>(data);
+                GError* error = nullptr;
+                r->value = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
+                if (error) {
+                    g_dbus_error_strip_remote_error(error);
+                    r->error = error->message;
+                    r->code = error->domain == G_DBUS_ERROR ? error->code : -1;
+                    g_error_free(error);
+                }
+                r->done = true;
+            },
+            &reply);
+        EXPECT_TRUE(runMainLoopUntil([&] { return reply.done; }));
+        return reply;
+    }
+
+    static GVariant* tuples(std::vector<std::array<std::string, 3>> const& entries)
+    {
+        auto const array = ::tuples(entries);
+        GVariant* child = array.get();
+        return g_variant_new_tuple(&child, 1);
+    }
+
+    static float gainOf(std::shared_ptr<Module> const& module)
+    {
+        return std::dynamic_pointer_cast<Gain>(module)->getTargetGain().toFloat();
+    }
+
+    Testing::PrivateDbus m_bus;
+    GDBusConnection* m_serverConnection;
+    GDBusConnection* m_client;
+    Chain m_chain{48000};
+    std::unique_ptr<ChainService> m_service;
 };
 
 } // namespace
 
-TEST(ParameterPathTest, EveryFaultOfTheAuditStaysFixed)
+// The messages of refusals are the descriptors' (ModuleDescriptorTest); here how they travel.
+TEST_F(ChainServiceTest, SetsParametersThatReachTheModulesAndRefusesBadOnes)
 {
-    for (Regression const& regression : c_regressions) {
-        SCOPED_TRACE(regression.fault);
-        regression.check();
+    auto const gain = m_chain.addModule("gain", "volume");
+    auto const other = m_chain.addModule("gain", "other");
+    gain->setParameters(Parameters{{"gain", "0"}}, 48000);
+    other->setParameters(Parameters{{"gain", "-6"}, {"note", "kept"}}, 48000);
+    serve();
+    EXPECT_EQ(call("SetParameter", g_variant_new("(sss)", "volume", "gain", "-12")).error, "");
+    EXPECT_FLOAT_EQ(gainOf(gain), 0.25f);
+    EXPECT_EQ(Testing::ModuleHarness(gain).run(std::vector<tSample>(64, tSample(0.5)))[10], tSample(0.125));
+    EXPECT_FALSE(m_service->isChainReady());
+
+    Reply refused = call("SetParameter", g_variant_new("(sss)", "volume", "gain", "24"));
+    EXPECT_EQ(refused.code, G_DBUS_ERROR_INVALID_ARGS);
+    EXPECT_EQ(refused.error, "parameter gain of module volume: must be below 24 dB, not 24");
+    EXPECT_EQ(gain->getParameters().getString("gain"), "-12") << "the set in force stays";
+
+    // Unknown modules are skipped silently by both methods; a refusing module keeps its set while the
+    // others of the same call get theirs.
+    EXPECT_EQ(call("SetParameter", g_variant_new("(sss)", "nowhere", "gain", "1")).error, "");
+    refused = call("SetParameters",
+                   tuples({{"nowhere", "gain", "3"}, {"other", "gain", "6"}, {"volume", "gain", "48"}}));
+    EXPECT_EQ(refused.code, G_DBUS_ERROR_INVALID_ARGS);
+    EXPECT_EQ(std::vector<float>({gainOf(gain), gainOf(other)}), std::vector<float>({0.25f, 2.0f}));
+    EXPECT_EQ(other->getParameters().getString("note"), "kept");
+    EXPECT_EQ(call("SetParameters", tuples({{"other", "gain", "6"}})).error, "");
+    EXPECT_TRUE(m_service->isChainReady());
+
+    // An empty array re-applies what every module has.
+    std::dynamic_pointer_cast<Gain>(other)->fadeTo(tSample(0.0));
+    EXPECT_EQ(call("SetParameters", tuples({})).error, "");
+    EXPECT_FLOAT_EQ(gainOf(other), 2.0f);
+}
+
+TEST_F(ChainServiceTest, PlaysLoopsAndStopsSoundsAndRefusesInvalidOnes)
+{
+    Testing::LogCapture log;
+    serve();
+    std::string const noModule = "4 SystemSoundsPlayer::play(): could not find module system-sounds";
+    auto const plays = [&] { return log.count(noModule); };
+    for (int sound : {10, -1}) {
+        Reply r = call("PlaySystemSound", g_variant_new("(i)", sound));
+        EXPECT_EQ(std::make_pair(r.code, r.error),
+                  std::make_pair(int(G_DBUS_ERROR_INVALID_ARGS), std::string("unable to play system sound")));
+        r = call("LoopSystemSound", g_variant_new("(iu)", sound, 100u), "(u)");
+        EXPECT_EQ(r.error, "unable to loop system sound");
+        auto const lines = log.lines();
+        std::string const start =
+            "4 ChainService: " + std::to_string(sound) + " is not a valid system sound to be ";
+        EXPECT_EQ(std::vector<std::string>(lines.end() - 2, lines.end()),
+                  std::vector<std::string>({start + "played", start + "looped"}));
     }
+    EXPECT_EQ(call("LoopSystemSound", g_variant_new("(iu)", 3, 0u), "(u)").error,
+              "unable to loop system sound: an interval of 0 ms is shorter than 100 ms");
+    EXPECT_EQ(call("PlaySystemSound", g_variant_new("(i)", 4)).error, "");
+    EXPECT_EQ(plays(), 1);
+
+    // A loop asked for before the chain is configured waits for the first set-parameters call.
+    Reply const loop = call("LoopSystemSound", g_variant_new("(iu)", 3, 100u), "(u)");
+    ASSERT_EQ(loop.error, "");
+    guint32 id = 0;
+    g_variant_get(loop.value, "(u)", &id);
+    g_variant_unref(loop.value);
+    runMainLoopUntil([] { return false; }, std::chrono::milliseconds(250));
+    EXPECT_EQ(plays(), 1);
+    EXPECT_EQ(call("SetParameters", tuples({})).error, "");
+    EXPECT_TRUE(runMainLoopUntil([&] { return plays() >= 3; }));
+
+    EXPECT_EQ(call("StopLoopingSystemSound", g_variant_new("(u)", id)).error, "");
+    auto const stopped = plays();
+    runMainLoopUntil([] { return false; }, std::chrono::milliseconds(250));
+    EXPECT_EQ(plays(), stopped);
+    EXPECT_EQ(call("StopLoopingSystemSound", g_variant_new("(u)", 9999u)).error, "");
+}
+
+TEST(DbusServiceTest, SystemBusPolicyFileLetsRootOwnTheName)
+{
+    std::string const config = testing::TempDir() + "/chain-policy-bus.conf";
+    std::ofstream(config)
+        << "<busconfig><type>system</type><listen>unix:tmpdir=/tmp</listen><auth>EXTERNAL</auth>"
+           "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
+           "<allow eavesdrop=\"true\"/></policy><include>"
+        << PROJECT_SOURCE_DIR << "/dbus/com.orvandeldsp.Chain.conf</include></busconfig>";
+    Testing::PrivateDbus bus(config);
+    GDBusConnection* connection = bus.connect();
+    GVariant* owned = g_dbus_connection_call_sync(
+        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
+        g_variant_new("(su)", ChainService::c_busName, 0u), G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE,
+        5000, nullptr, nullptr);
+    ASSERT_NE(owned, nullptr);
+    guint32 result = 0;
+    g_variant_get(owned, "(u)", &result);
+    EXPECT_EQ(result, 1u);
+    g_variant_unref(owned);
+    g_object_unref(connection);
 }

@@ -1,18 +1,18 @@
 #include "dsp/SignalDetector.h"
-
-#include "base/Tracer.h"
-#include "dsp/Chain.h"
+#include "dsp/FilterChHp1.h"
+#include "dsp/ModuleFactory.h"
+#include "dsp/StaticNoiseDetector.h"
+#include "dsp/ThetaBuffer.h"
 #include "support/LogCapture.h"
+#include "support/MainLoop.h"
 #include "support/ModuleHarness.h"
 #include "support/TemporaryDirectory.h"
-
-#include <gtest/gtest.h>
-
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <functional>
+#include <gtest/gtest.h>
 #include <thread>
-#include <vector>
 
 using namespace Zelmar;
 
@@ -20,28 +20,14 @@ namespace {
 
 constexpr unsigned int c_rate = 48000;
 constexpr unsigned int c_block = 1200; // ten blocks are one 250 ms poll
-constexpr unsigned int c_blocksPerPoll = 10;
 // The level statistics count as at 44100 Hz whatever the rate: an analysis every 82688 decimated
 // frames, 13.78 s of this input, and seconds that are 48000 / 44100 of the real ones.
 constexpr double c_analysisSeconds = 82688 * 8 / double(c_rate);
 constexpr double c_statisticsSecond = double(c_rate) / 44100;
 
-// The detector names its file <directory><id>, so the directory is passed with its separator.
-class ThresholdDirectory : public Testing::TemporaryDirectory
+double sine(double levelDb, uint64_t i)
 {
-public:
-    std::string path() const { return TemporaryDirectory::path() + "/"; }
-};
-
-double sine(double levelDb, double frequency, uint64_t i)
-{
-    return std::sqrt(2.0) * std::pow(10.0, levelDb / 20.0) * std::sin(2.0 * M_PI * frequency * i / c_rate);
-}
-
-// A 1 kHz tone at -20 dB RMS.
-std::vector<tSample> tone(unsigned int frames)
-{
-    return Testing::makeSine(std::sqrt(2.0) * 0.1, 1000.0, c_rate, frames);
+    return std::sqrt(2.0) * std::pow(10.0, levelDb / 20.0) * std::sin(2.0 * M_PI * 1000.0 * i / c_rate);
 }
 
 // Every eighth sample alternates in sign: the high-pass passes it at unity gain, so each 10 ms level
@@ -51,347 +37,389 @@ double steady(double levelDb, uint64_t i)
     return (i / 8 % 2 ? -1.0 : 1.0) * std::pow(10.0, levelDb / 20.0);
 }
 
-// Feeds a detector as the audio thread would and polls it every 250 ms of audio, as the main loop would.
-class Driver
+// A detector made by the factory, keeping its file in a scratch directory, fed through its input port as
+// the audio thread would and polled every 250 ms of audio as the main loop would.
+class Detector
 {
 public:
-    explicit Driver(SignalDetector& detector) : m_detector(detector)
+    explicit Detector(double thresholdDb,
+                      Testing::TemporaryDirectory const& dir = Testing::TemporaryDirectory())
+        : m_module(make(dir.path() + "/"))
     {
-        m_connection = detector.onThresholdTriggered([this](bool present) {
-            transitions.push_back({seconds(), present});
+        m_module->setParameters(Parameters{{"signal-threshold", std::to_string(thresholdDb)}}, c_rate);
+        m_connection = detector().onThresholdTriggered([this](bool on) {
+            transitions.push_back({seconds(), on});
         });
     }
 
-    void run(double duration, std::function<double(uint64_t)> const& signal)
+    SignalDetector& detector() { return static_cast<SignalDetector&>(*m_module); }
+    double seconds() const { return double(m_frame) / c_rate; }
+
+    void run(double duration, std::function<double(uint64_t)> const& signal, bool poll = true)
     {
         std::vector<tSample> block(c_block);
-        for (long poll = std::lround(duration * 4); poll > 0; --poll) {
-            for (unsigned int b = 0; b < c_blocksPerPoll; ++b) {
-                for (auto& sample : block)
-                    sample = tSample(signal(m_frame++));
-                m_detector.runDetector(block.data(), c_block);
-            }
-            m_detector.pollSignal();
+        for (long blocks = std::lround(duration * 40); blocks > 0; --blocks) {
+            for (auto& sample : block)
+                sample = tSample(signal(m_frame++));
+            m_harness.process({block});
+            if (poll && blocks % 10 == 1)
+                detector().pollSignal();
         }
     }
-    double seconds() const { return double(m_frame) / c_rate; }
 
     std::vector<std::pair<double, bool>> transitions;
 
 private:
-    SignalDetector& m_detector;
+    static std::shared_ptr<Module> make(std::string const& directory)
+    {
+        SignalDetector::setDefaultThresholdDirectory(directory);
+        std::shared_ptr<Module> module(ModuleFactory::get().createModule("signal-detector", "sd"));
+        SignalDetector::setDefaultThresholdDirectory("/tmp/");
+        return module;
+    }
+
+    std::shared_ptr<Module> m_module;
+    Testing::ModuleHarness m_harness{m_module};
     uint64_t m_frame = 0;
     Tools::Connection m_connection;
 };
-
-std::unique_ptr<SignalDetector> makeDetector(ThresholdDirectory const& dir, double thresholdDb)
-{
-    auto detector = std::make_unique<SignalDetector>("sd", dir.path());
-    detector->setParameters(Parameters{{"signal-threshold", std::to_string(thresholdDb)}}, c_rate);
-    return detector;
-}
-
-// The level in a "Signal trigger: <value> Reason: <text>" entry, in dB.
-double triggerLevelDb(std::string const& message)
-{
-    std::string const prefix = "Signal trigger: ";
-    EXPECT_EQ(message.rfind(prefix, 0), 0u) << message;
-    return 20.0 * std::log10(std::atof(message.c_str() + prefix.size()));
-}
 
 } // namespace
 
 TEST(SignalDetectorTest, IgnoresTheFirst100000FramesThenStartsSilent)
 {
-    ThresholdDirectory dir;
     for (bool loud : {true, false}) {
-        auto detector = makeDetector(dir, -40.0);
-        std::vector<tSample> const block = loud ? tone(1000) : std::vector<tSample>(1000);
+        Detector d(-40.0);
+        std::vector<tSample> const block =
+            loud ? Testing::makeSine(0.1414, 1000, c_rate, 1000) : std::vector<tSample>(1000);
         for (int i = 0; i < 100; ++i)
-            detector->runDetector(block.data(), 1000);
+            d.detector().runDetector(block.data(), 1000);
         // Still the result the detector was made with: nothing was written.
         SignalDetector::DetectionInfo info;
-        EXPECT_EQ(detector->consumeDetectionResult(info), SignalDetector::Silent);
-        EXPECT_EQ(detector->consumeDetectionResult(info), SignalDetector::NoProcessingSinceLastReport);
-        detector->runDetector(block.data(), 1000);
-        EXPECT_EQ(detector->consumeDetectionResult(info),
+        EXPECT_EQ(d.detector().consumeDetectionResult(info), SignalDetector::Silent);
+        EXPECT_EQ(d.detector().consumeDetectionResult(info), SignalDetector::NoProcessingSinceLastReport);
+        d.detector().runDetector(block.data(), 1000);
+        EXPECT_EQ(d.detector().consumeDetectionResult(info),
                   loud ? SignalDetector::Active : SignalDetector::Silent);
     }
 }
 
 TEST(SignalDetectorTest, ToneOverThresholdIsActiveAndHeldTenSecondsAfterItEnds)
 {
-    ThresholdDirectory dir;
     Testing::LogCapture log(Tools::Tracer::Info);
-    auto detector = makeDetector(dir, -40.0);
-    Driver driver(*detector);
+    Detector d(-40.0);
     // The tone starts within a poll interval, after quiet blocks, so the activation has a reason.
-    driver.run(15.0, [](uint64_t i) {
-        return i >= 2.6 * c_rate && i < 3.6 * c_rate ? sine(-20.0, 1000.0, i) : 0.0;
-    });
-
+    d.run(15.0, [](uint64_t i) { return i >= 2.6 * c_rate && i < 3.6 * c_rate ? sine(-20.0, i) : 0.0; });
     // The hold covers the 480000 frames after the last loud block, 3.6 s to 13.6 s. The interval polled
     // at 13.75 s still starts held, so its result is active; the poll at 14 s is the first to see silence.
-    ASSERT_EQ(driver.transitions.size(), 2u);
-    EXPECT_EQ(driver.transitions[0], std::make_pair(2.75, true));
-    EXPECT_EQ(driver.transitions[1], std::make_pair(14.0, false));
-
-    auto const notices = log.messagesAt(Tools::Tracer::Notice);
-    ASSERT_EQ(notices.size(), 2u);
-    EXPECT_NEAR(triggerLevelDb(notices[0]), -20.0, 0.5);
-    EXPECT_EQ(notices[0].substr(notices[0].find(" Reason:")), " Reason: Rms value is over threshold");
-    // Audio is counted from the end of the skip, 2.1 s (the block that crosses 100000 frames is
-    // skipped): 11.9 s, counted as 12.9524.
-    EXPECT_EQ(notices[1], "No signal in line-in: 12.9524");
+    EXPECT_EQ(d.transitions, (std::vector<std::pair<double, bool>>{{2.75, true}, {14.0, false}}));
+    auto const lines = log.lines();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_NEAR(20 * std::log10(std::atof(lines[1].c_str() + 18)), -20.0, 0.5) << lines[1];
+    EXPECT_EQ(lines[1].substr(0, 18) + lines[1].substr(lines[1].find(" Reason:")),
+              "3 Signal trigger:  Reason: Rms value is over threshold");
+    // Audio is counted from the end of the skip, 2.1 s: 11.9 s, counted as 12.9524.
+    EXPECT_EQ(lines[2], "3 No signal in line-in: 12.9524");
     EXPECT_NEAR(11.9 * c_statisticsSecond, 12.9524, 1e-4);
 }
 
 TEST(SignalDetectorTest, FluctuatingInputBelowThresholdIsActiveWithReasonOne)
 {
-    ThresholdDirectory dir;
     Testing::LogCapture log(Tools::Tracer::Info);
-    auto detector = makeDetector(dir, -30.0);
-    Driver driver(*detector);
+    Detector d(-30.0);
     // Half a second at -50 dB, half a second at -40 dB: a deviation of 5 dB, all below the threshold.
-    driver.run(18.25, [](uint64_t i) { return sine(i / (c_rate / 2) % 2 ? -40.0 : -50.0, 1000.0, i); });
-
+    d.run(18.25, [](uint64_t i) { return sine(i / (c_rate / 2) % 2 ? -40.0 : -50.0, i); });
     // The first analysis comes 13.78 s after the skip ended at 2.1 s; the next poll reports it.
-    ASSERT_EQ(driver.transitions.size(), 1u);
-    EXPECT_EQ(driver.transitions[0], std::make_pair(16.0, true));
-    EXPECT_LT(2.1 + c_analysisSeconds, 16.0);
-    EXPECT_GT(2.1 + c_analysisSeconds, 15.75);
-    auto const notices = log.messagesAt(Tools::Tracer::Notice);
-    ASSERT_EQ(notices.size(), 1u);
-    EXPECT_EQ(notices[0].substr(notices[0].find(" Reason:")), " Reason: State is Active");
-    double const level = triggerLevelDb(notices[0]);
-    EXPECT_TRUE(level > -50.5 && level < -39.5) << notices[0];
+    EXPECT_EQ(d.transitions, (std::vector<std::pair<double, bool>>{{16.0, true}}));
+    EXPECT_TRUE(2.1 + c_analysisSeconds > 15.75 && 2.1 + c_analysisSeconds < 16.0);
+    auto const lines = log.lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[1].substr(lines[1].find(" Reason:")), " Reason: State is Active");
+    double const level = 20 * std::log10(std::atof(lines[1].c_str() + 18));
+    EXPECT_TRUE(level > -50.5 && level < -39.5) << lines[1];
 }
 
+// -70 dB is squeezed to -69.07 dB in the level statistics, and the headroom rule is applied to that:
+// 8.07 dB of headroom and -61.0 dB. A noise whose squeezed level is -70 dB gives -70 + 8.4 = -61.6.
 TEST(SignalDetectorTest, LearnsThresholdFromThirtySecondsOfSteadyNoiseAndReadsItBack)
 {
-    // -70 dB is squeezed to -69.07 dB in the level statistics, and the headroom rule is applied to that:
-    // 8.07 dB of headroom and -61.0 dB. A noise whose squeezed level is -70 dB gives -70 + 8.4 = -61.6.
-    struct Case
-    {
-        double inputDb;
-        char const* file;
-        char const* logged;
-    };
-    for (Case const& c : {Case{-70.0, "-61.0\n#headroom: 8.1\n", "sd : new signal threshold: -61.0"},
-                          Case{-71.30425, "-61.6\n#headroom: 8.4\n", "sd : new signal threshold: -61.6"}}) {
-        ThresholdDirectory dir;
+    for (auto const& [inputDb, file] :
+         {std::pair{-70.0, "-61.0\n#headroom: 8.1\n"}, {-71.30425, "-61.6\n#headroom: 8.4\n"}}) {
+        Testing::TemporaryDirectory dir;
         Testing::LogCapture log(Tools::Tracer::Info);
-        auto detector = makeDetector(dir, -50.0);
-        EXPECT_FALSE(detector->hasMeasuredThreshold());
-        Driver driver(*detector);
-        auto const noise = [&](uint64_t i) { return steady(c.inputDb, i); };
-        // Two analyses of static noise make 30 s as the statistics count: learnt at 2.1 + 27.56 s, polled at
-        // 29.75 s.
+        Detector d(-50.0, dir);
+        EXPECT_FALSE(d.detector().hasMeasuredThreshold());
+        auto const noise = [level = inputDb](uint64_t i) { return steady(level, i); };
+        // Two analyses of static noise make 30 s as the statistics count: learnt at 2.1 + 27.56 s, polled
+        // at 29.75 s.
         EXPECT_NEAR(2 * c_analysisSeconds * c_statisticsSecond, 30.0, 0.01);
-        driver.run(29.5, noise);
-        EXPECT_TRUE(log.messagesAt(Tools::Tracer::Notice).empty()) << "learnt before 30 s of static noise";
-        driver.run(0.25, noise);
-        ASSERT_EQ(log.messagesAt(Tools::Tracer::Notice).size(), 1u);
-        EXPECT_EQ(log.messagesAt(Tools::Tracer::Notice)[0].rfind(c.logged, 0), 0u);
+        d.run(29.5, noise);
+        EXPECT_EQ(log.lines().size(), 1u) << "learnt before 30 s of static noise";
+        d.run(0.25, noise);
+        EXPECT_EQ(log.count("3 sd : new signal threshold: " + std::string(file).substr(0, 5)), 1);
         EXPECT_EQ(dir.entries(), std::vector<std::string>{"sd"}) << "no temporary file is left";
-        EXPECT_EQ(dir.read("sd"), c.file);
-        EXPECT_TRUE(detector->hasMeasuredThreshold());
+        EXPECT_EQ(dir.read("sd"), file);
+        EXPECT_TRUE(d.detector().hasMeasuredThreshold());
         // The next analysis learns the same floor again: within 0.5 dB, so nothing changes.
-        driver.run(15.0, noise);
-        EXPECT_EQ(log.messagesAt(Tools::Tracer::Notice).size(), 1u);
-        EXPECT_TRUE(driver.transitions.empty());
+        d.run(15.0, noise);
+        EXPECT_EQ(log.lines().size(), 2u);
+        EXPECT_TRUE(d.transitions.empty());
 
-        float const learnt = detector->getThreshold();
-        auto restarted = makeDetector(dir, -20.0);
-        EXPECT_TRUE(restarted->hasMeasuredThreshold());
-        EXPECT_NEAR(20.0 * std::log10(restarted->getThreshold()), std::atof(c.file), 1e-4);
-        EXPECT_NEAR(restarted->getThreshold(), learnt, learnt * 0.006);
+        Detector restarted(-20.0, dir);
+        EXPECT_TRUE(restarted.detector().hasMeasuredThreshold());
+        EXPECT_NEAR(20.0 * std::log10(restarted.detector().getThreshold()), std::atof(file), 1e-4);
+        EXPECT_NEAR(restarted.detector().getThreshold(), d.detector().getThreshold(),
+                    d.detector().getThreshold() * 0.006);
     }
 }
 
 TEST(SignalDetectorTest, ThresholdFileWinsOverTheParameterWhichAppliesOnlyOnce)
 {
-    ThresholdDirectory dir;
+    Testing::TemporaryDirectory dir;
     Testing::LogCapture log(Tools::Tracer::Info);
     {
-        auto detector = std::make_unique<SignalDetector>("sd", dir.path());
-        EXPECT_EQ(
-            log.messagesAt(Tools::Tracer::Info),
-            std::vector<std::string>{"sd : no measured signal threshold yet, using default value: -inf"});
-        detector->setParameters(Parameters{{"signal-threshold", "-20"}}, c_rate);
-        EXPECT_FLOAT_EQ(detector->getThreshold(), 0.1f);
-        detector->setParameters(Parameters{{"signal-threshold", "-30"}}, c_rate);
-        EXPECT_FLOAT_EQ(detector->getThreshold(), 0.1f);
+        SignalDetector detector("sd", dir.path() + "/");
+        EXPECT_EQ(log.lines(), std::vector<std::string>{
+                                   "2 sd : no measured signal threshold yet, using default value: -inf"});
+        detector.setParameters(Parameters{{"signal-threshold", "-20"}}, c_rate);
+        detector.setParameters(Parameters{{"signal-threshold", "-30"}}, c_rate);
+        EXPECT_FLOAT_EQ(detector.getThreshold(), 0.1f);
     }
     dir.write("sd", "not a number\n");
-    EXPECT_FALSE(makeDetector(dir, -20.0)->hasMeasuredThreshold());
-
+    EXPECT_FALSE(Detector(-20.0, dir).detector().hasMeasuredThreshold());
     dir.write("sd", "-40.0\n#headroom: 3.0\n");
     log.clear();
-    auto detector = makeDetector(dir, -20.0);
-    EXPECT_TRUE(log.messages().empty());
-    EXPECT_TRUE(detector->hasMeasuredThreshold());
-    EXPECT_FLOAT_EQ(detector->getThreshold(), 0.01f);
-}
+    Detector d(-20.0, dir);
+    EXPECT_TRUE(log.lines().empty());
+    EXPECT_TRUE(d.detector().hasMeasuredThreshold());
+    EXPECT_FLOAT_EQ(d.detector().getThreshold(), 0.01f);
 
-TEST(SignalDetectorTest, ThresholdFileIsNotWrittenForAnIdWithASeparatorOrIntoAMissingDirectory)
-{
-    ThresholdDirectory dir;
-    Testing::LogCapture log(Tools::Tracer::Info);
-    SignalDetector nested("line/in", dir.path());
-    nested.saveThreshold(0.01f, 3.0f);
-    EXPECT_TRUE(dir.entries().empty());
-    SignalDetector homeless("sd", dir.path() + "missing/");
-    homeless.saveThreshold(0.01f, 3.0f);
-    auto const errors = log.messagesAt(Tools::Tracer::Error);
-    ASSERT_EQ(errors.size(), 2u);
-    EXPECT_EQ(errors[0], "line/in : signal threshold not saved, the id contains a path separator");
-    EXPECT_EQ(errors[1].rfind("sd : could not save signal threshold:", 0), 0u) << errors[1];
-
-    SignalDetector detector("sd", dir.path());
-    detector.saveThreshold(0.999f, 0.04f);
+    // Saving rounds to one decimal, and never writes outside the directory or into a missing one.
+    SignalDetector("sd", dir.path() + "/").saveThreshold(0.999f, 0.04f);
     EXPECT_EQ(dir.read("sd"), "0.0\n#headroom: 0.0\n");
+    log.clear();
+    SignalDetector("line/in", dir.path() + "/").saveThreshold(0.01f, 3.0f);
+    SignalDetector("sd", dir.path() + "/missing/").saveThreshold(0.01f, 3.0f);
+    EXPECT_EQ(dir.entries(), std::vector<std::string>{"sd"});
+    auto const lines = log.lines();
+    ASSERT_EQ(lines.size(), 4u) << "two notices of construction, two errors";
+    EXPECT_EQ(lines[1], "4 line/in : signal threshold not saved, the id contains a path separator");
+    EXPECT_EQ(lines[3].rfind("4 sd : could not save signal threshold:", 0), 0u) << lines[3];
 }
 
-TEST(SignalDetectorTest, HeadroomGrowsFromThreeToTwelveDecibelsOverTheLearntRange)
+TEST(SignalDetectorTest, HeadroomGrowsFromThreeToTwelveDecibelsWithinTheFirstTwoMinutes)
 {
-    auto near = [](SignalDetector::LearntThreshold t, float thresholdDb, float headroomDb) {
-        EXPECT_NEAR(t.thresholdDb, thresholdDb, 1e-4);
-        EXPECT_NEAR(t.headroomDb, headroomDb, 1e-4);
-    };
-    near(SignalDetector::thresholdForNoiseFloor(-70.0f), -61.6f, 8.4f);
-    near(SignalDetector::thresholdForNoiseFloor(-55.0f), -52.0f, 3.0f);
-    near(SignalDetector::thresholdForNoiseFloor(-80.0f), -68.0f, 12.0f);
-    near(SignalDetector::thresholdForNoiseFloor(-95.0f), -68.0f, 12.0f);
-
-    SignalState state;
-    state.staticTime = 30.0f;
-    state.secondsSinceStart = 120.0f;
-    state.meanDb = -55.01f;
-    EXPECT_TRUE(SignalDetector::canLearnFrom(state));
-    state.secondsSinceStart = 120.01f;
-    EXPECT_FALSE(SignalDetector::canLearnFrom(state));
-    state.secondsSinceStart = 30.0f;
-    state.staticTime = 29.99f;
-    EXPECT_FALSE(SignalDetector::canLearnFrom(state));
-    state.staticTime = 30.0f;
-    state.meanDb = -55.0f;
-    EXPECT_FALSE(SignalDetector::canLearnFrom(state));
+    for (auto const& [floor, threshold, headroom] : {std::tuple{-70.0f, -61.6f, 8.4f},
+                                                     {-55.0f, -52.0f, 3.0f},
+                                                     {-80.0f, -68.0f, 12.0f},
+                                                     {-95.0f, -68.0f, 12.0f}}) {
+        auto const learnt = SignalDetector::thresholdForNoiseFloor(floor);
+        EXPECT_NEAR(learnt.thresholdDb, threshold, 1e-4) << floor;
+        EXPECT_NEAR(learnt.headroomDb, headroom, 1e-4) << floor;
+    }
+    // static time, seconds since start, mean
+    for (auto const& [staticTime, since, mean, can] : {std::tuple{30.0f, 120.0f, -55.01f, true},
+                                                       {30.0f, 120.01f, -55.01f, false},
+                                                       {29.99f, 30.0f, -55.01f, false},
+                                                       {30.0f, 30.0f, -55.0f, false}}) {
+        SignalState state;
+        state.staticTime = staticTime;
+        state.secondsSinceStart = since;
+        state.meanDb = mean;
+        EXPECT_EQ(SignalDetector::canLearnFrom(state), can) << staticTime << " " << since << " " << mean;
+    }
 }
 
 TEST(SignalDetectorTest, ResultsAndReasonsHaveTheirNames)
 {
-    EXPECT_EQ(SignalDetector::detectionResultAsString(SignalDetector::NoProcessingSinceLastReport),
-              "No ProcessingSinceLastReport");
-    EXPECT_EQ(SignalDetector::detectionResultAsString(SignalDetector::Silent), "Silent");
-    EXPECT_EQ(SignalDetector::detectionResultAsString(SignalDetector::Active), "Active");
-    EXPECT_STREQ(SignalDetector::reasonAsString(1), "State is Active");
-    EXPECT_STREQ(SignalDetector::reasonAsString(2), "Rms value is over threshold");
-    EXPECT_STREQ(SignalDetector::reasonAsString(3), "Meanvalue is over threshold");
-    EXPECT_STREQ(SignalDetector::reasonAsString(0), "Unknown");
-    EXPECT_STREQ(SignalDetector::reasonAsString(4), "Unknown");
-}
-
-TEST(SignalDetectorDeathTest, OtherResultsAreUnreachable)
-{
+    EXPECT_EQ(SignalDetector::detectionResultAsString(SignalDetector::NoProcessingSinceLastReport) + "," +
+                  SignalDetector::detectionResultAsString(SignalDetector::Silent) + "," +
+                  SignalDetector::detectionResultAsString(SignalDetector::Active),
+              "No ProcessingSinceLastReport,Silent,Active");
+    std::vector<std::string> reasons;
+    for (uint8_t reason = 0; reason < 5; ++reason)
+        reasons.push_back(SignalDetector::reasonAsString(reason));
+    EXPECT_EQ(reasons, std::vector<std::string>({"Unknown", "State is Active", "Rms value is over threshold",
+                                                 "Meanvalue is over threshold", "Unknown"}));
     EXPECT_DEATH(SignalDetector::detectionResultAsString(SignalDetector::DetectionResult(3)),
                  "should not be reached");
 }
 
 TEST(SignalDetectorTest, ResultReasonAndValueTravelInOneWord)
 {
-    ThresholdDirectory dir;
-    auto detector = makeDetector(dir, -40.0);
-    std::vector<tSample> const loud = tone(c_block), quiet(c_block);
-    for (int i = 0; i < 84; ++i)
-        detector->runDetector(quiet.data(), c_block);
-    detector->runDetector(loud.data(), c_block);
+    Detector d(-40.0);
+    SignalDetector& detector = d.detector();
+    d.run(
+        2.1, [](uint64_t) { return 0.0; }, false);
+    std::vector<tSample> const loud = Testing::makeSine(std::sqrt(2.0) * 0.1, 1000.0, c_rate, c_block),
+                               quiet(c_block);
+    detector.runDetector(loud.data(), c_block);
     SignalDetector::DetectionInfo first;
-    ASSERT_EQ(detector->consumeDetectionResult(first), SignalDetector::Active);
+    ASSERT_EQ(detector.consumeDetectionResult(first), SignalDetector::Active);
     EXPECT_EQ(first.reason, SignalDetector::RmsOverThreshold);
 
     // A preset silent result with the hold still running turns active again, keeping the last reason.
-    detector->presetDetectionResult(SignalDetector::Silent);
-    detector->runDetector(quiet.data(), c_block);
+    detector.presetDetectionResult(SignalDetector::Silent);
+    detector.runDetector(quiet.data(), c_block);
     SignalDetector::DetectionInfo again;
-    ASSERT_EQ(detector->consumeDetectionResult(again), SignalDetector::Active);
-    EXPECT_EQ(again.reason, first.reason);
-    EXPECT_EQ(again.value, first.value);
-    EXPECT_EQ(detector->consumeDetectionResult(again), SignalDetector::NoProcessingSinceLastReport);
+    ASSERT_EQ(detector.consumeDetectionResult(again), SignalDetector::Active);
+    EXPECT_EQ(std::make_pair(again.reason, again.value), std::make_pair(first.reason, first.value));
+    EXPECT_EQ(detector.consumeDetectionResult(again), SignalDetector::NoProcessingSinceLastReport);
 
     // With the audio thread running, a silent result preset between two loud blocks always comes back
     // active with its reason and level: the consumer's reset and the audio thread's update never lose
     // each other.
-    std::atomic<bool> stop{false};
+    std::atomic<bool> stop{false}, running{true};
     std::atomic<unsigned int> blocks{0};
     std::thread audio([&] {
         while (!stop.load()) {
-            detector->runDetector(loud.data(), c_block);
+            detector.runDetector(loud.data(), c_block);
             ++blocks;
         }
+        running = false;
     });
-    for (int i = 0; i < 200; ++i) {
-        detector->presetDetectionResult(SignalDetector::Silent);
+    int lost = 0, rounds = 0;
+    for (; rounds < 200 && lost == 0 && running.load(); ++rounds) {
+        detector.presetDetectionResult(SignalDetector::Silent);
         unsigned int const seen = blocks.load();
-        while (blocks.load() < seen + 2)
+        while (blocks.load() < seen + 2 && running.load())
             std::this_thread::yield();
         SignalDetector::DetectionInfo info;
-        ASSERT_EQ(detector->consumeDetectionResult(info), SignalDetector::Active);
-        ASSERT_EQ(info.reason, SignalDetector::RmsOverThreshold);
-        ASSERT_NEAR(20.0 * std::log10(info.value), -20.0, 0.5);
+        lost += detector.consumeDetectionResult(info) != SignalDetector::Active ||
+                info.reason != SignalDetector::RmsOverThreshold ||
+                std::fabs(20.0 * std::log10(info.value) + 20.0) > 0.5;
     }
     stop = true;
     audio.join();
+    EXPECT_EQ(lost, 0) << "in round " << rounds;
+    EXPECT_EQ(rounds, 200);
 }
 
+// Timers never fire early, so the times bound the interval from below; the wait is a safety net.
 TEST(SignalDetectorTest, PollsEveryQuarterSecondOnTheMainLoop)
 {
     GMainContext* context = g_main_context_new();
     g_main_context_push_thread_default(context);
     {
-        ThresholdDirectory dir;
-        // Before the detector arms its timer.
-        gint64 const start = g_get_monotonic_time();
-        auto detector = makeDetector(dir, -40.0);
-        std::vector<bool> reports;
-        // Stamped in the report itself: on a slow machine the logging after it would shorten the gap.
+        gint64 const start = g_get_monotonic_time(); // before the detector arms its timer
+        Detector d(-40.0);
         std::vector<gint64> times;
-        auto connection = detector->onThresholdTriggered([&](bool present) {
-            reports.push_back(present);
-            times.push_back(g_get_monotonic_time());
-        });
-        detector->presetDetectionResult(SignalDetector::Active);
-        while (reports.empty())
-            g_main_context_iteration(context, TRUE);
-        detector->presetDetectionResult(SignalDetector::Silent);
-        while (reports.size() < 2)
-            g_main_context_iteration(context, TRUE);
-        EXPECT_EQ(reports, (std::vector<bool>{true, false}));
-        gint64 const first = times[0], second = times[1];
-        EXPECT_GE(first - start, 240000);
-        EXPECT_GE(second - first, 240000);
+        auto connection =
+            d.detector().onThresholdTriggered([&](bool) { times.push_back(g_get_monotonic_time()); });
+        d.detector().presetDetectionResult(SignalDetector::Active);
+        EXPECT_TRUE(Testing::runMainLoopUntil([&] { return times.size() == 1; }));
+        d.detector().presetDetectionResult(SignalDetector::Silent);
+        EXPECT_TRUE(Testing::runMainLoopUntil([&] { return times.size() == 2; }));
+        EXPECT_EQ(d.transitions, (std::vector<std::pair<double, bool>>{{0.0, true}, {0.0, false}}));
+        ASSERT_EQ(times.size(), 2u);
+        EXPECT_GE(times[0] - start, 250000);
+        EXPECT_GE(times[1] - times[0], 250000);
     }
     g_main_context_pop_thread_default(context);
     g_main_context_unref(context);
 }
 
-TEST(SignalDetectorTest, IsMadeByTheFactoryAndWatchesItsInput)
+namespace {
+
+// Peak gain of a cosine after the filter settled; the filter runs on every eighth sample at 44.1 kHz.
+double gainDbAt(double frequency)
 {
-    Chain chain(c_rate);
-    auto in = chain.addModule("input", "in");
-    auto detector =
-        std::dynamic_pointer_cast<SignalDetector>(chain.addModule("signal-detector", "sd-factory-test"));
-    ASSERT_NE(detector, nullptr);
-    EXPECT_EQ(detector->getType(), "signal-detector");
-    detector->setParameters(Parameters{{"signal-threshold", "-40"}}, c_rate);
-    chain.pullWire("sd-factory-test[0]", "in[0]");
-    chain.compile();
-    auto& buffer = *in->getOutPortBuffer(0);
-    buffer.setSize(c_block);
-    auto const loud = tone(c_block);
-    std::copy(loud.begin(), loud.end(), buffer.getRawData());
-    for (int i = 0; i < 85; ++i)
-        detector->process();
-    SignalDetector::DetectionInfo info;
-    EXPECT_EQ(detector->consumeDetectionResult(info), SignalDetector::Active);
+    FilterChHp1 filter;
+    double peak = 0.0;
+    for (int i = 0; i < 24000; ++i) {
+        double const y =
+            filter.step(tSample(0.5 * std::cos(2.0 * M_PI * frequency * i * 8 / 44100))).toDouble();
+        peak = i < 4000 ? 0.0 : std::max(peak, std::fabs(y));
+    }
+    return 20.0 * std::log10(peak / 0.5);
+}
+
+} // namespace
+
+TEST(StaticNoiseDetectorTest, BlockAndAnalysisLengthsFollowTheSampleRate)
+{
+    StaticNoiseDetector detector(44100.0f);
+    EXPECT_EQ(detector.getBlockLength(), 55u);
+    EXPECT_EQ(detector.getAnalysisLength(), 82688u);
+    detector.adjustSampleRate(48000.0f);
+    EXPECT_EQ(detector.getBlockLength(), 60u);
+    EXPECT_EQ(detector.getAnalysisLength(), 90000u);
+}
+
+TEST(StaticNoiseDetectorTest, LevelsBelowMinusSixtyAreSqueezedContinuously)
+{
+    EXPECT_EQ(StaticNoiseDetector::compressLevel(-59.9f), -59.9f);
+    EXPECT_NEAR(StaticNoiseDetector::compressLevel(-60.0f), -60.0f, 1e-5);
+    EXPECT_NEAR(StaticNoiseDetector::compressLevel(-60.01f), -60.01f, 0.01);
+    EXPECT_NEAR(StaticNoiseDetector::compressLevel(-70.0f), -69.0714f, 1e-4);
+    EXPECT_NEAR(StaticNoiseDetector::compressLevel(-120.0f), -93.2270f, 1e-3);
+}
+
+TEST(StaticNoiseDetectorTest, SteadyLevelIsStaticAndFluctuatingLevelIsActive)
+{
+    StaticNoiseDetector detector(44100.0f);
+    unsigned int const n = detector.getAnalysisLength();
+    for (unsigned int i = 0; i + 1 < n; ++i)
+        detector.addSquareValue(1e-7f); // -70 dB
+    EXPECT_FALSE(detector.needsAnalysis());
+    detector.addSquareValue(1e-7f);
+    detector.setFastRms(0.1f);
+    detector.setFastRms(0.3f);
+    ASSERT_TRUE(detector.needsAnalysis());
+
+    SignalState state;
+    detector.analyseStaticActive(state);
+    EXPECT_FALSE(detector.needsAnalysis());
+    EXPECT_EQ(detector.getState(), StaticNoiseDetector::Static);
+    EXPECT_NEAR(state.meanDb, -69.0714f, 1e-3);
+    EXPECT_NEAR(detector.getLastMean(), std::pow(10.0f, -69.0714f / 20.0f), 1e-8);
+    EXPECT_LT(state.deviation, 0.01f);
+    EXPECT_NEAR(state.staticTime, 15.0f, 1e-3);
+    EXPECT_NEAR(state.secondsSinceStart, 15.0f, 1e-3);
+    EXPECT_FLOAT_EQ(state.averageFastRms, 0.2f);
+    EXPECT_NEAR(state.lastBlockRms, std::sqrt(1e-7f), 1e-8);
+
+    // Alternating 10 ms blocks of -40 dB and digital silence (-120 dB, squeezed to -93.2 dB).
+    unsigned int const block = detector.getBlockLength();
+    for (unsigned int i = 0; i < n; ++i)
+        detector.addSquareValue(i / block % 2 ? 0.0f : 1e-4f);
+    detector.analyseStaticActive(state);
+    EXPECT_EQ(detector.getState(), StaticNoiseDetector::Active);
+    EXPECT_EQ(state.staticTime, 0.0f);
+    EXPECT_GE(state.deviation, 3.0f);
+    EXPECT_EQ(state.averageFastRms, 0.0f);
+    EXPECT_NEAR(state.secondsSinceStart, 30.0f, 1e-3);
+}
+
+TEST(FilterChHp1Test, PassesHighFrequenciesAndHasItsCornerAtFiftyHertz)
+{
+    for (auto const& [frequency, db, tolerance] :
+         {std::tuple{50.0, -3.01, 0.05}, {1000.0, 0.0, 0.05}, {44100.0 / 16, 0.0, 0.001}, {5.0, -20.0, 1.0}})
+        EXPECT_NEAR(gainDbAt(frequency), db, tolerance) << frequency;
+    FilterChHp1 filter;
+    tSample y;
+    for (int i = 0; i < 2000; ++i)
+        y = filter.step(tSample(0.25));
+    EXPECT_LT(std::fabs(y.toDouble()), 1e-6) << "DC is removed";
+}
+
+TEST(ThetaBufferTest, StatisticsCoverTheFilledPartAndTheLatestValuesOnceWrapped)
+{
+    ThetaBuffer theta(4);
+    EXPECT_EQ(theta.calcMean(), 0.0f);
+    theta.addValue(1.0f);
+    theta.addValue(2.0f);
+    EXPECT_FLOAT_EQ(theta.calcMean(), 1.5f);
+    EXPECT_EQ(theta.calcDeviation(1.5f), 0.0f) << "fewer than three values";
+    theta.addValue(3.0f);
+    EXPECT_FLOAT_EQ(theta.calcDeviation(2.0f), 1.0f) << "divisor count - 1";
+    theta.addValue(4.0f);
+    theta.addValue(5.0f); // overwrites the 1
+    EXPECT_EQ(theta.getCount(), 4u);
+    EXPECT_FLOAT_EQ(theta.calcMean(), 3.5f);
+    EXPECT_FLOAT_EQ(theta.calcDeviation(3.5f), std::sqrt(5.0f / 3.0f));
+    theta.reset(2);
+    EXPECT_EQ(theta.getCount(), 0u);
+    theta.addValue(-6.0f);
+    EXPECT_FLOAT_EQ(theta.calcMean(), -6.0f);
 }

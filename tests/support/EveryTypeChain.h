@@ -5,7 +5,6 @@
 #include "tests/support/MemoryAlsaBuffers.h"
 #include "tests/support/TemporaryDirectory.h"
 
-#include <glib.h>
 #include <memory>
 #include <string>
 #include <vector>
@@ -14,13 +13,11 @@ namespace Zelmar {
 namespace Testing {
 
 // tests/data/every-type.xml compiled, with a scratch directory for the files its modules write and its
-// host buffers in memory, unmuted. `final` replaces parameters of the file, as "ID KEY" -> value.
+// host buffers in memory, unmuted.
 class EveryTypeChain
 {
 public:
-    using tSettings = std::vector<std::pair<std::string, std::string>>;
-
-    explicit EveryTypeChain(tSettings const& final = {})
+    EveryTypeChain()
     {
         gchar* text = nullptr;
         g_file_get_contents(TEST_SOURCE_DIR "/data/every-type.xml", &text, nullptr, nullptr);
@@ -31,37 +28,35 @@ public:
         m_config = m_scratch.write("every-type.xml", config);
         m_chain.load(m_config, true);
         SignalDetector::setDefaultThresholdDirectory("/tmp/");
-        for (auto const& [place, value] : final) {
-            auto const space = place.find(' ');
-            m_chain.findModule(place.substr(0, space))->setParameter(place.substr(space + 1), value);
-        }
-        m_output = attachHostBuffers(m_chain, m_capture, m_playback);
+        m_output = attachHostBuffers(m_chain, capture, playback);
         m_output->setMute(false);
     }
 
     // One period in; the left and right playback channels out.
     std::vector<tSample> process(std::vector<tSample> const& left, std::vector<tSample> const& right)
     {
-        m_capture.getChannel(0).setPeriod(left);
-        m_capture.getChannel(1).setPeriod(right);
+        capture.getChannel(0).setPeriod(left);
+        capture.getChannel(1).setPeriod(right);
         m_chain.process();
-        std::vector<tSample> out(m_playback.getChannel(0).samples.begin(),
-                                 m_playback.getChannel(0).samples.begin() + long(left.size()));
-        out.insert(out.end(), m_playback.getChannel(1).samples.begin(),
-                   m_playback.getChannel(1).samples.begin() + long(right.size()));
+        auto const played = [&](unsigned int channel) {
+            return playback.getChannel(channel).samples.begin();
+        };
+        std::vector<tSample> out(played(0), played(0) + long(left.size()));
+        out.insert(out.end(), played(1), played(1) + long(right.size()));
         return out;
     }
 
     Chain& chain() { return m_chain; }
+    OutputStage& output() { return *m_output; }
     std::string const& scratch() const { return m_scratch.path(); }
     std::string const& config() const { return m_config; }
+
+    MemoryAlsaBuffers capture{2}, playback{2};
 
 private:
     TemporaryDirectory m_scratch{"every-type-XXXXXX"};
     std::string m_config;
     Chain m_chain{48000};
-    MemoryAlsaBuffers m_capture{2};
-    MemoryAlsaBuffers m_playback{2};
     std::shared_ptr<OutputStage> m_output;
 };
 

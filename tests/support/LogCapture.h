@@ -2,7 +2,6 @@
 
 #include "base/Tracer.h"
 
-#include <algorithm>
 #include <chrono>
 #include <mutex>
 #include <string>
@@ -12,7 +11,8 @@
 namespace Zelmar {
 namespace Testing {
 
-// Collects the log entries of any thread while it exists, down to the given level.
+// Collects the log entries of any thread while it exists, down to the given level, each as the line
+// "<level> <message>", so that a check covers level and text at once.
 class LogCapture
 {
 public:
@@ -20,7 +20,7 @@ public:
         : m_previousMinLevel(Tools::Tracer::get().getMinLevel()),
           m_connection(Tools::Tracer::get().addSink([this](Tools::LogBufferEntry const& entry) {
               std::lock_guard<std::mutex> lock(m_mutex);
-              m_entries.push_back({entry.level, entry.message.str()});
+              m_lines.push_back(std::to_string(entry.level) + " " + entry.message.str());
           }))
     {
         Tools::Tracer::get().setMinLevel(minLevel);
@@ -29,72 +29,39 @@ public:
     LogCapture(LogCapture const&) = delete;
     LogCapture& operator=(LogCapture const&) = delete;
 
-    std::vector<std::string> messages() { return messagesAt(c_anyLevel); }
-
-    std::vector<std::string> messagesAt(int level)
+    std::vector<std::string> lines()
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        std::vector<std::string> messages;
-        for (auto const& entry : m_entries)
-            if (level == c_anyLevel || entry.level == level)
-                messages.push_back(entry.message);
-        return messages;
+        return m_lines;
     }
 
-    // Every entry as "<level> <message>", for checks of level and text at once.
-    std::vector<std::string> leveled()
+    // How many lines begin with `start`.
+    long count(std::string const& start)
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        std::vector<std::string> texts;
-        for (auto const& entry : m_entries)
-            texts.push_back(std::to_string(entry.level) + " " + entry.message);
-        return texts;
-    }
-
-    // How many entries (at `level`, unless any) begin with `start`.
-    std::size_t countStarting(std::string const& start, int level = c_anyLevel)
-    {
-        auto const all = messagesAt(level);
-        return std::size_t(std::count_if(all.begin(), all.end(),
-                                         [&](std::string const& m) { return m.rfind(start, 0) == 0; }));
-    }
-    bool containsStart(std::string const& start, int level = c_anyLevel)
-    {
-        return countStarting(start, level) > 0;
-    }
-
-    bool contains(std::string const& message)
-    {
-        auto const all = messages();
-        return std::find(all.begin(), all.end(), message) != all.end();
+        long n = 0;
+        for (auto const& line : lines())
+            n += line.rfind(start, 0) == 0;
+        return n;
     }
 
     void clear()
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_entries.clear();
+        m_lines.clear();
     }
 
-    // For entries that worker threads write.
-    bool waitForMessages(std::size_t count)
+    // For lines that worker threads write.
+    bool waitForLines(std::size_t count)
     {
-        for (int i = 0; i < 5000 && messages().size() < count; ++i)
+        for (int i = 0; i < 5000 && lines().size() < count; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        return messages().size() >= count;
+        return lines().size() >= count;
     }
-
-    static constexpr int c_anyLevel = -1;
 
 private:
-    struct Entry
-    {
-        int level;
-        std::string message;
-    };
-
     int const m_previousMinLevel;
     std::mutex m_mutex;
-    std::vector<Entry> m_entries;
+    std::vector<std::string> m_lines;
     Tools::Connection m_connection;
 };
 

@@ -42,19 +42,22 @@ public:
         m_module->process();
         tChannels outputs;
         for (unsigned int port = 0; port < m_module->getNumOutPorts(); ++port)
-            outputs.push_back(output(port));
+            outputs.push_back(m_module->getOutPort(port)->getUnderlyingStorage());
         return outputs;
     }
 
-    // Runs `input` through in periods of at most `period` frames and joins the outputs.
+    // Feeds `samples` to input 0, runs one period and returns output 0.
+    std::vector<tSample> run(std::vector<tSample> const& samples) { return process({samples})[0]; }
+
+    // Runs the inputs in periods of at most `period` frames and joins the outputs.
     tChannels processInPeriods(tChannels const& inputs, unsigned int period)
     {
         tChannels joined(m_module->getNumOutPorts());
         for (size_t start = 0; start < inputs[0].size(); start += period) {
             tChannels chunk;
             for (auto const& input : inputs)
-                chunk.emplace_back(input.begin() + start,
-                                   input.begin() + std::min(input.size(), start + period));
+                chunk.emplace_back(input.begin() + long(start),
+                                   input.begin() + long(std::min(input.size(), start + period)));
             tChannels const out = process(chunk);
             for (unsigned int port = 0; port < out.size(); ++port)
                 joined[port].insert(joined[port].end(), out[port].begin(), out[port].end());
@@ -62,22 +65,10 @@ public:
         return joined;
     }
 
+    // The benchmarks set the inputs once and time process() alone.
     void setInput(unsigned int port, std::vector<tSample> const& samples)
     {
         m_source->getOutPort(port)->getUnderlyingStorage().assign(samples.begin(), samples.end());
-    }
-
-    // Feeds `samples` to input 0, runs one period and returns output 0.
-    std::vector<tSample> run(std::vector<tSample> const& samples)
-    {
-        setInput(0, samples);
-        m_module->process();
-        return output(0);
-    }
-
-    std::vector<tSample> output(unsigned int port) const
-    {
-        return m_module->getOutPort(port)->getUnderlyingStorage();
     }
 
     Module& module() { return *m_module; }
@@ -85,16 +76,13 @@ public:
     std::shared_ptr<AudioBuffer> getSourceBuffer(unsigned int port) { return m_source->getOutPort(port); }
 
 private:
-    class Source : public Module
+    struct Source : Module
     {
-    public:
-        explicit Source(unsigned int ports) : Module("source"), m_ports(ports) {}
-        unsigned int getNumOutPorts() const override { return m_ports; }
+        explicit Source(unsigned int ports) : Module("source"), ports(ports) {}
+        unsigned int getNumOutPorts() const override { return ports; }
         unsigned int getNumInPorts() const override { return 0; }
         void process() override {}
-
-    private:
-        unsigned int m_ports;
+        unsigned int ports;
     };
 
     Chain m_chain;

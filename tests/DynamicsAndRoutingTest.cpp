@@ -1,0 +1,540 @@
+// Gain and dynamics, routing and the input stage: the worked examples of each module from
+// tests/data/module-runs.txt, then what a table of periods cannot say.
+#include "base/ConversionTools.h"
+#include "dsp/Chain.h"
+#include "dsp/Delay.h"
+#include "dsp/Gain.h"
+#include "dsp/IllegalArgumentException.h"
+#include "dsp/InputStage.h"
+#include "dsp/Limiter.h"
+#include "dsp/Meter.h"
+#include "dsp/ModuleFactory.h"
+#include "dsp/OutputStage.h"
+#include "dsp/PatchBay.h"
+#include "dsp/Resampler.h"
+#include "support/DataFile.h"
+#include "support/MainLoop.h"
+#include "support/MemoryAlsaBuffers.h"
+#include "support/ModuleHarness.h"
+#include "support/Thrown.h"
+#include <cmath>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <sstream>
+#include <vector>
+
+using namespace Zelmar;
+using Testing::constant;
+using Testing::ModuleHarness;
+using Testing::raw;
+
+namespace {
+
+// "0.5", "r-3", "r0x7FFFFFFF", "r1..100", each optionally "*N".
+std::vector<tSample> samples(std::string const& text)
+{
+    std::vector<tSample> out;
+    std::istringstream tokens(text);
+    for (std::string token; tokens >> token;) {
+        auto const star = token.find('*');
+        int const times = star == std::string::npos ? 1 : std::stoi(token.substr(star + 1));
+        token = token.substr(0, star);
+        auto const range = token.find("..");
+        if (range != std::string::npos) {
+            for (long v = std::stol(token.substr(1, range - 1)); v <= std::stol(token.substr(range + 2)); ++v)
+                out.push_back(raw(int32_t(v)));
+        } else {
+            out.insert(out.end(), times,
+                       token[0] == 'r' ? raw(int32_t(std::stoll(token.substr(1), nullptr, 0)))
+                                       : tSample(std::stod(token)));
+        }
+    }
+    return out;
+}
+
+std::shared_ptr<Gain> makeGain(char const* dB, unsigned int sampleRate = 48000)
+{
+    auto gain = std::make_shared<Gain>("g");
+    gain->setParameters(Parameters{{"gain", dB}}, sampleRate);
+    return gain;
+}
+
+tSample const c_one = raw(0x08000000);
+
+} // namespace
+
+TEST(ModuleRunsTest, EachModuleGivesTheWorkedExamplesInAndOutOfPlace)
+{
+    for (bool inPlace : {false, true}) {
+        std::ifstream file(TEST_SOURCE_DIR "/data/module-runs.txt");
+        std::shared_ptr<Module> module;
+        std::unique_ptr<ModuleHarness> harness;
+        std::string made;
+        int periods = 0;
+        for (std::string line; std::getline(file, line);) {
+            if (line.empty() || line[0] == '#')
+                continue;
+            if (line[0] != ' ') {
+                std::istringstream words(line);
+                std::string word;
+                words >> word;
+                if (word != "+") {
+                    made = line;
+                    module.reset(ModuleFactory::get().createModule(word, "m"));
+                    harness = std::make_unique<ModuleHarness>(module, inPlace);
+                }
+                Parameters parameters;
+                bool given = word == "+";
+                for (std::string pair; words >> pair; given = true)
+                    parameters.set(pair.substr(0, pair.find('=')), pair.substr(pair.find('=') + 1));
+                if (given)
+                    module->setParameters(parameters, 48000);
+                continue;
+            }
+            SCOPED_TRACE(made + (inPlace ? " in place:" : ":") + line);
+            auto const sides = Testing::split(line, "->");
+            ModuleHarness::tChannels inputs, expected;
+            for (auto const& port : Testing::split(sides[0], "|"))
+                inputs.push_back(samples(port));
+            for (auto const& port : Testing::split(sides[1], "|"))
+                expected.push_back(samples(port));
+            EXPECT_EQ(harness->process(inputs), expected);
+            ++periods;
+        }
+        EXPECT_EQ(periods, 36);
+    }
+}
+
+// Left: halved, limited to a quarter and clipped; right: clipped only. Then routing.xml: channels
+// swapped, left inverted through a switch, right both mixed and delayed by 48 frames.
+TEST(ModuleRunsTest, ConfigsWireTheModulesAndTakeChangesWhileRunning)
+{
+    struct Loaded
+    {
+        explicit Loaded(char const* file) : chain(48000, Tools::String(TEST_SOURCE_DIR "/data/") + file)
+        {
+            Testing::attachHostBuffers(chain, capture, playback)->setMute(false);
+        }
+        std::vector<tSample> feed(tSample left, tSample right, unsigned int frames,
+                                  std::vector<unsigned int> at)
+        {
+            capture.getChannel(0).setPeriod(std::vector<tSample>(frames, left));
+            capture.getChannel(1).setPeriod(std::vector<tSample>(frames, right));
+            chain.process();
+            std::vector<tSample> picked;
+            for (unsigned int i = 0; i < at.size(); i += 2)
+                picked.push_back(playback.getChannel(at[i]).samples[at[i + 1]]);
+            return picked;
+        }
+        Chain chain;
+        Testing::MemoryAlsaBuffers capture{2}, playback{2};
+    };
+    Loaded dynamics("dynamics.xml");
+    EXPECT_EQ(dynamics.feed(tSample(0.8), tSample(1.5), 256, {0, 0, 0, 255, 1, 255}),
+              std::vector<tSample>({tSample(0.25), tSample(0.25), raw(0x07FFFFFF)}));
+    std::dynamic_pointer_cast<Gain>(dynamics.chain.findModule("gain"))->fadeTo(tSample(-12.0));
+    auto const faded = dynamics.feed(tSample(0.8), tSample(0.5), 256, {0, 255, 1, 255});
+    EXPECT_LT(faded[0], tSample(0.25));
+    EXPECT_EQ(faded[1], tSample(0.5));
+
+    Loaded routing("routing.xml");
+    EXPECT_EQ(routing.feed(tSample(0.5), tSample(0.25), 128, {0, 0, 1, 47, 1, 48}),
+              std::vector<tSample>({tSample(-0.25), tSample::s_Zero, tSample(0.75)}));
+    std::dynamic_pointer_cast<PatchBay>(routing.chain.findModule("bay"))
+        ->setRoutingMode(HW::ChannelConfiguration::Mono);
+    routing.chain.findModule("switch")->setParameter("selected-port", "1");
+    EXPECT_EQ(routing.feed(tSample(0.5), tSample(0.25), 128, {0, 0, 1, 0, 1, 127}),
+              std::vector<tSample>({tSample(0.375), tSample(0.75), tSample(0.75)}));
+}
+
+TEST(GainTest, FadeFromSilenceReachesUnityAfter48020SamplesInOneBlockOrInPeriods)
+{
+    EXPECT_NEAR(makeGain("20")->getTargetGain().toDouble(), 10.08, 0.001) << "2^(20/6), not 10";
+    auto block = makeGain("-1000");
+    EXPECT_EQ(block->calcGainChangeIncrement(48000), raw(2795));
+    block->fadeTo(tSample(0.0));
+    EXPECT_TRUE(block->isFading());
+    std::vector<tSample> const ramp = ModuleHarness(block).run(constant(48100, c_one));
+    EXPECT_EQ(std::vector<tSample>({ramp[1], ramp[48019], ramp[48020], ramp[48099]}),
+              std::vector<tSample>({raw(2795), raw(48019 * 2795), c_one, c_one}));
+    EXPECT_FALSE(block->isFading());
+
+    auto periodic = makeGain("-1000");
+    periodic->fadeTo(tSample(0.0));
+    EXPECT_EQ(ModuleHarness(periodic).processInPeriods({constant(48100, c_one)}, 1280)[0], ramp);
+}
+
+TEST(GainTest, FadeEndingInsideAPeriodHoldsTheTargetExactlyAndANewLevelEndsAFade)
+{
+    auto gain = makeGain("0");
+    gain->fadeTo(tSample(-0.06));
+    tSample const target = gain->getTargetGain();
+    ModuleHarness harness(gain);
+    std::vector<tSample> const out = harness.run(constant(1280, c_one));
+    // The ramp stops at the last whole step before the target, then snaps to it.
+    unsigned int i = 0;
+    for (; out[i] != target; ++i)
+        ASSERT_EQ(out[i], raw(0x08000000 - int32_t(i) * 2795)) << i;
+    EXPECT_GT(i, 0u);
+    EXPECT_LT(out[i - 1] - target, raw(2 * 2795));
+    EXPECT_EQ(std::vector<tSample>(out.begin() + i, out.end()), constant(1280 - i, target));
+    EXPECT_FALSE(gain->isFading());
+
+    gain->fadeTo(tSample(12.0));
+    harness.run(constant(100, c_one));
+    ASSERT_TRUE(gain->isFading());
+    gain->setParameters(Parameters{{"gain", "-6"}}, 48000);
+    EXPECT_EQ(harness.run(constant(3, c_one)), constant(3, raw(0x04000000)));
+    EXPECT_FALSE(gain->isFading());
+}
+
+TEST(GainTest, FactorsEqualInFloatCountAsNotFadingAndTheCurrentOneIsApplied)
+{
+    // At this rate one ramp step is a single unit, so the factor can stop between float values.
+    auto gain = makeGain("0", 100000000);
+    ASSERT_EQ(gain->calcGainChangeIncrement(100000000), raw(1));
+    gain->fadeTo(raw(138));
+    ASSERT_EQ(gain->getTargetGain(), raw(0x08000010));
+    ModuleHarness harness(gain);
+    harness.run(constant(9, c_one));
+    // 0x08000009 rounds to the target's float, so the ramp counts as done while short of it.
+    EXPECT_FALSE(gain->isFading());
+    EXPECT_EQ(harness.run(constant(2, c_one)), constant(2, raw(0x08000009)));
+}
+
+TEST(GainDeathTest, LevelsOf24DecibelsDoNotFitAGainOrALimiter)
+{
+    EXPECT_DEATH(makeGain("24"), "v < pow\\(2, pre_comma\\)");
+    EXPECT_DEATH(
+        Limiter("l").setParameters(Parameters{{"attack", "1"}, {"release", "1"}, {"threshold", "24"}}, 48000),
+        "v < pow\\(2, pre_comma\\)");
+}
+
+TEST(LimiterTest, CoefficientsReachNinetyNinePercentInTheGivenTimeAndTheEnvelopeCarriesOver)
+{
+    // pow(0.01, 1/48) is narrowed to single precision before it becomes Q4.27, and 0.90851 as a
+    // float lands on 121939168; the double would have given 121939164.
+    EXPECT_EQ(Limiter::calcCoefficient(1.0, 48000).getRaw(), 121939168);
+    EXPECT_NEAR(Limiter::calcCoefficient(10.0, 48000).toDouble(), 0.99045, 0.00001);
+    EXPECT_NEAR(Limiter::calcCoefficient(100.0, 48000).toDouble(), 0.99904, 0.00001);
+    EXPECT_EQ(Limiter::calcCoefficient(0.0, 48000), tSample::s_Zero);
+
+    Parameters const finite{{"attack", "1"}, {"release", "10"}, {"threshold", "-6"}};
+    auto const input = Testing::makeSine(0.9, 440, 48000, 1024);
+    auto whole = std::make_shared<Limiter>("l"), split = std::make_shared<Limiter>("l");
+    whole->setParameters(finite, 48000);
+    split->setParameters(finite, 48000);
+    auto const once = ModuleHarness(whole).run(input);
+    EXPECT_EQ(ModuleHarness(split).processInPeriods({input}, 300)[0], once);
+    // With a finite attack the peaks come down but are not held exactly at the threshold.
+    auto const peak = *std::max_element(once.begin(), once.end());
+    EXPECT_LT(peak, tSample(0.9));
+    EXPECT_GT(peak, tSample(0.5));
+}
+
+TEST(DelayTest, RingIsThePowerOfTwoAboveTheFrames)
+{
+    EXPECT_EQ(std::vector<uint32_t>({Delay::calcRingSize(0), Delay::calcRingSize(48),
+                                     Delay::calcRingSize(4096), Delay::calcRingSize(4800)}),
+              std::vector<uint32_t>({1, 64, 8192, 8192}));
+}
+
+TEST(PatchBayTest, LegacyStringsModesBeyondFiveAndUnequalInputs)
+{
+    using HW::ChannelConfiguration;
+    using HW::ConversionTools::mapFromLegacyRoutingString;
+    std::pair<char const*, ChannelConfiguration> const strings[] = {
+        {"stereo", ChannelConfiguration::Stereo},    {"SWAPPED", ChannelConfiguration::Swapped},
+        {" Left\t", ChannelConfiguration::BothLeft}, {"right ", ChannelConfiguration::BothRight},
+        {"Mono", ChannelConfiguration::Mono},        {"", ChannelConfiguration::Unknown},
+        {"stereo2", ChannelConfiguration::Unknown},  {"left right", ChannelConfiguration::Unknown}};
+    for (auto const& [text, mode] : strings)
+        EXPECT_EQ(mapFromLegacyRoutingString(text), mode) << text;
+
+    auto bay = std::make_shared<PatchBay>("p");
+    bay->setParameters(Parameters{{"routing", "mono"}}, 48000);
+    EXPECT_TRUE(bay->getParameters().getParams().empty()) << "deliberately not stored in the module base";
+    bay->setRoutingMode(static_cast<ChannelConfiguration>(6));
+    ModuleHarness harness(bay);
+    EXPECT_EQ(harness.process({{tSample(0.5)}, {tSample(0.25)}}),
+              ModuleHarness::tChannels(2, {tSample::s_Zero}))
+        << "resized, left unwritten";
+    EXPECT_DEATH(harness.process({constant(3, c_one), constant(2, c_one)}),
+                 "inLeft->getNumSampleFrames\\(\\) == inRight->getNumSampleFrames\\(\\).*3 == 2");
+}
+
+TEST(MeterTest, HoldsThePeakUntilExchanged)
+{
+    ModuleHarness harness(std::make_shared<Meter>("m"));
+    auto& meter = static_cast<Meter&>(harness.module());
+    harness.process({{tSample::s_Zero, tSample(-0.5)}});
+    harness.process({{tSample(0.25)}});
+    EXPECT_FLOAT_EQ(meter.exchange(0.0f), 0.5f);
+    harness.process({{tSample(0.25)}});
+    EXPECT_FLOAT_EQ(meter.exchange(0.0f), 0.25f);
+}
+
+TEST(InputStageTest, CopiesBothChannelsAndThePeriodLengthTravelsAsTheFrameCount)
+{
+    Chain chain(48000);
+    InputStage stage("in");
+    Testing::MemoryAlsaBuffers capture(2);
+    stage.setInput(&capture);
+    stage.preSetup(chain, 1280);
+    stage.postSetup(1280);
+    capture.getChannel(0).setPeriod({tSample(0.5), tSample(0.25), tSample(-1.0)});
+    capture.getChannel(1).setPeriod({tSample(0.125), tSample(0.0), tSample(1.0)});
+    stage.process();
+    EXPECT_EQ(stage.getOutPortBuffer(0)->getUnderlyingStorage(), capture.getChannel(0).samples);
+    EXPECT_EQ(stage.getOutPortBuffer(1)->getUnderlyingStorage(), capture.getChannel(1).samples);
+    EXPECT_EQ(stage.getOutPortBuffer(1)->getNumSampleFramesCapacity(), 1280u);
+    capture.getChannel(1).setPeriod(std::vector<tSample>(5));
+    EXPECT_DEATH(stage.process(), "leftOut->getNumSampleFrames\\(\\) == rightOut->getNumSampleFrames\\(\\)");
+}
+
+namespace {
+
+// At 48000 Hz a fade lasts 4800 frames.
+class OutputStageTest : public ::testing::Test
+{
+protected:
+    OutputStageTest() { configure("01"); }
+
+    void configure(char const* pattern)
+    {
+        m_stage->setParameters(Parameters{{"interleave-pattern", pattern}}, 48000);
+        m_harness = std::make_unique<Testing::ModuleHarness>(m_stage);
+        m_stage->setOutput(&m_playback);
+    }
+
+    // Periods of `level` on port 0 and `-level` on port 1; returns what channel 0 played.
+    std::vector<tSample> run(unsigned int frames, unsigned int period, tSample level = tSample(0.5))
+    {
+        std::vector<tSample> out;
+        for (unsigned int done = 0; done < frames; done += period) {
+            unsigned int const n = std::min(period, frames - done);
+            m_harness->process({constant(n, level), constant(n, -level)});
+            out.insert(out.end(), m_playback.getChannel(0).samples.begin(),
+                       m_playback.getChannel(0).samples.begin() + n);
+        }
+        return out;
+    }
+
+    std::shared_ptr<OutputStage> m_stage = std::make_shared<OutputStage>("out");
+    Testing::MemoryAlsaBuffers m_playback{2};
+    std::unique_ptr<Testing::ModuleHarness> m_harness;
+};
+
+} // namespace
+
+TEST_F(OutputStageTest, FreshStageFadesOutOverATenthOfASecond)
+{
+    EXPECT_TRUE(m_stage->isFading());
+    EXPECT_FALSE(m_stage->isMuting());
+    auto const out = run(6144, 1024);
+    EXPECT_EQ(out[0], tSample(0.5)) << "the first frame is scaled by the full-level factor";
+    EXPECT_LT(out[2400], tSample(0.5));
+    EXPECT_TRUE(std::is_sorted(out.rbegin(), out.rend())) << "falls steadily";
+    // 4800 frames, the last of which is where the gain arrives and is zeroed.
+    EXPECT_GT(out[4798], tSample::s_Zero);
+    EXPECT_EQ(std::vector<tSample>(out.begin() + 4799, out.end()), constant(6144 - 4799, tSample::s_Zero));
+    EXPECT_TRUE(m_stage->isMuting());
+    EXPECT_FALSE(m_stage->isFading());
+}
+
+TEST_F(OutputStageTest, UnmuteFadesUpFromSilenceAndLeavesTheRestOfThePeriodUntouched)
+{
+    m_stage->initialMute();
+    EXPECT_EQ(run(1024, 1024), constant(1024, tSample::s_Zero));
+    m_stage->setMute(false);
+    m_stage->setMute(false);
+    auto const out = run(5120, 1024);
+    EXPECT_EQ(out[0], tSample::s_Zero) << "the first frame of a fade-up is silent";
+    EXPECT_GT(out[2400], tSample::s_Zero);
+    auto const full = std::find(out.begin(), out.end(), tSample(0.5));
+    EXPECT_GE(full - out.begin(), 4800);
+    EXPECT_LT(full - out.begin(), 4810) << "arrival in the fifth period";
+    EXPECT_EQ(std::vector<tSample>(full, out.end()), constant(unsigned(out.end() - full), tSample(0.5)))
+        << "frames after arrival are untouched";
+    EXPECT_EQ(m_playback.getChannel(1).samples[1023], tSample(-0.5));
+    EXPECT_FALSE(m_stage->isFading());
+
+    m_stage->setMute(true);
+    run(4800, 1024);
+    EXPECT_TRUE(m_stage->isMuting()) << "one unmute counted once";
+}
+
+TEST_F(OutputStageTest, PlayRequestsOpenAMutedOutputAndAnnounceChangesOnTheMainLoop)
+{
+    std::vector<bool> announced;
+    auto connection = m_stage->connectHandlerForMuteChanges([&](bool muted) { announced.push_back(muted); });
+    Testing::runPendingMainLoopJobs();
+    EXPECT_EQ(announced, std::vector<bool>{true}) << "the initial state";
+    m_stage->initialMute();
+    m_stage->incPlayRequests();
+    EXPECT_EQ(m_stage->getTargetGain(), tSample(2.0));
+    run(4800, 1280);
+    EXPECT_EQ(run(16, 16)[15], tSample(0.5));
+    m_stage->decPlayRequests();
+    m_stage->incPlayRequests();
+    m_stage->decPlayRequests();
+    Testing::runPendingMainLoopJobs();
+    EXPECT_EQ(announced, (std::vector<bool>{true, true})) << "computed when the job runs, not when scheduled";
+    run(4800, 1280);
+    EXPECT_TRUE(m_stage->isMuting());
+}
+
+TEST_F(OutputStageTest, InterleavePatternRoutesPortsToChannels)
+{
+    configure("10");
+    m_stage->incPlayRequests();
+    run(4800, 1200);
+    run(8, 8, tSample(0.25));
+    EXPECT_EQ(m_playback.getChannel(0).samples[7], tSample(-0.25));
+    EXPECT_EQ(m_playback.getChannel(1).samples[7], tSample(0.25));
+    configure("00");
+    run(8, 8, tSample(0.25));
+    EXPECT_EQ(m_playback.getChannel(1).samples[7], tSample(0.25));
+    configure("");
+    EXPECT_EQ(m_stage->getNumInPorts(), 0u);
+    EXPECT_NO_THROW(m_stage->process()) << "writes nothing";
+    EXPECT_THROW(m_stage->setParameters(Parameters{{"interleave-pattern", "0a"}}, 48000),
+                 std::invalid_argument);
+    EXPECT_EQ(m_stage->getNumInPorts(), 1u) << "digits before the fault are kept";
+}
+
+namespace {
+
+// A stage set up as a compiled chain would set it up, fed from in-memory capture periods.
+template <class Stage> struct Rig
+{
+    Rig(unsigned int chainRate, int sourceRate) : chain(chainRate), stage("in")
+    {
+        stage.preSetup(chain, 1280);
+        stage.postSetup(1280);
+        stage.setParameters(Parameters{{"source-rate", std::to_string(sourceRate)}}, chainRate);
+        stage.setInput(&capture);
+    }
+
+    // One period with the right channel the negated left one; returns the left output. The truncating
+    // products round both channels down, so the right one may differ by a raw step or two.
+    std::vector<tSample> run(std::vector<tSample> const& left, int first = 0, int count = -1)
+    {
+        std::vector<tSample> const period(left.begin() + first,
+                                          count < 0 ? left.end() : left.begin() + first + count);
+        std::vector<tSample> right;
+        for (tSample s : period)
+            right.push_back(-s);
+        capture.getChannel(0).setPeriod(period);
+        capture.getChannel(1).setPeriod(right);
+        stage.process();
+        auto const& l = stage.getOutPort(0)->getUnderlyingStorage();
+        auto const& r = stage.getOutPort(1)->getUnderlyingStorage();
+        EXPECT_EQ(l.size(), r.size());
+        for (unsigned int i = 0; i < l.size() && i < r.size(); ++i)
+            mismatches += std::abs(r[i].getRaw() + l[i].getRaw()) > 2;
+        out.insert(out.end(), l.begin(), l.end());
+        return l;
+    }
+
+    Chain chain;
+    Stage stage;
+    Testing::MemoryAlsaBuffers capture{2};
+    std::vector<tSample> out;
+    int mismatches = 0;
+};
+
+std::vector<tSample> ramp(int32_t start, int32_t increment, unsigned int count)
+{
+    std::vector<tSample> samples;
+    for (unsigned int i = 0; i < count; ++i)
+        samples.push_back(tSample(static_cast<int32_t>(start + increment * static_cast<int32_t>(i))));
+    return samples;
+}
+
+} // namespace
+
+TEST(ResamplerTest, EqualRatesBehaveAsInputStage)
+{
+    Rig<Resampler> resampler(48000, 48000);
+    Rig<InputStage> plain(48000, 48000);
+    for (unsigned int length : {256u, 1u, 1280u, 100u}) {
+        auto const period = Testing::makeSine(0.5, 997, 48000, length, length);
+        EXPECT_EQ(resampler.run(period), plain.run(period));
+    }
+    EXPECT_EQ(resampler.mismatches, 0);
+}
+
+TEST(ResamplerTest, From44100To48000ProducesTheRatioOfFramesAndTheSameTone)
+{
+    Rig<Resampler> rig(48000, 44100);
+    EXPECT_EQ(rig.stage.getSourceRate(), 44100u);
+    // 0.91875 through single precision, then truncated to 27 fraction bits.
+    EXPECT_EQ(rig.stage.getStep().getRaw(), 123312536u);
+    EXPECT_NEAR(rig.stage.getStep().toDouble(), 0.91875, 1e-7);
+    for (unsigned int period = 0; period < 44; ++period) {
+        auto const produced = rig.run(Testing::makeSine(0.5, 1000, 44100, 1024, period * 1024)).size();
+        EXPECT_TRUE(period == 0 || (produced >= 1113 && produced <= 1115)) << period << ": " << produced;
+    }
+    EXPECT_NEAR(static_cast<double>(rig.out.size()), 44 * 1024 * 48000.0 / 44100.0, 3.0);
+    // Output frame i sits at input position i * step: the same 1 kHz tone at the same level, off by
+    // no more than the chord error of linear interpolation (0.5 * (pi * 1000 / 44100)^2 / 2).
+    double worst = 0.0;
+    for (unsigned int i = 0; i < rig.out.size(); ++i)
+        worst = std::max(worst, std::fabs(rig.out[i].toDouble() -
+                                          0.5 * std::sin(2 * M_PI * 1000 * (i * 0.91875) / 44100)));
+    EXPECT_LT(worst, 0.0015);
+    EXPECT_EQ(rig.mismatches, 0);
+}
+
+TEST(ResamplerTest, RunsOnAcrossPeriodsWhateverTheirLength)
+{
+    Rig<Resampler> whole(48000, 44100), halves(48000, 44100);
+    for (unsigned int period = 0; period < 6; ++period) {
+        auto const input = Testing::makeSine(0.5, 3000, 44100, 1024, period * 1024);
+        whole.run(input);
+        halves.run(input, 0, 512);
+        halves.run(input, 512);
+    }
+    ASSERT_NEAR(static_cast<double>(whole.out.size()), static_cast<double>(halves.out.size()), 2.0);
+    std::size_t const common = std::min(whole.out.size(), halves.out.size());
+    EXPECT_EQ(std::vector<tSample>(whole.out.begin(), whole.out.begin() + long(common)),
+              std::vector<tSample>(halves.out.begin(), halves.out.begin() + long(common)));
+}
+
+// Step 0.5: every even output frame falls exactly on an input sample, every odd one halfway.
+TEST(ResamplerTest, ExactPositionsReturnStoredSamplesAcrossPeriodsAndReconfiguration)
+{
+    Rig<Resampler> rig(48000, 24000);
+    auto const a = ramp(1000, 1000, 1024);
+    EXPECT_EQ(rig.run(a).size(), 1280u) << "what does not fit waits for the next period";
+    rig.run({});
+    ASSERT_EQ(rig.out.size(), 2u * (1024 - 2));
+    unsigned int wrong = 0;
+    for (unsigned int m = 0; m < rig.out.size(); ++m)
+        wrong += rig.out[m].getRaw() !=
+                 (m % 2 ? (a[m / 2].getRaw() + a[m / 2 + 1].getRaw()) / 2 : a[m / 2].getRaw());
+    EXPECT_EQ(wrong, 0u);
+
+    // The histories restart but the read position runs on: nothing comes out until the new input
+    // reaches it, and then output frame m is again input position m / 2, now of the new input.
+    rig.stage.setParameters(Parameters{{"source-rate", "24000"}}, 48000);
+    size_t const before = rig.out.size();
+    auto const b = ramp(-7, -3000, 2048);
+    EXPECT_TRUE(rig.run(b, 0, 256).empty()) << "nothing before the new input reaches the read position";
+    for (unsigned int p = 1; p < 8; ++p)
+        rig.run(b, p * 256, 256);
+    ASSERT_GT(rig.out.size(), before + 1000);
+    for (size_t m = before; m < rig.out.size(); m += 2)
+        wrong += rig.out[m] != b[m / 2];
+    EXPECT_EQ(wrong, 0u);
+    EXPECT_EQ(rig.mismatches, 0);
+}
+
+TEST(ResamplerTest, RefusesAMissingSourceRate)
+{
+    Resampler resampler("line");
+    EXPECT_EQ(Testing::thrownMessage<IllegalArgumentException>(
+                  [&] { resampler.setParameters(Parameters{}, 48000); }),
+              "resampler line needs a positive source-rate in Hz, got 0");
+}
