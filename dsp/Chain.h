@@ -117,7 +117,8 @@ private:
     tModuleList m_modules;
     std::map<Tools::String, std::shared_ptr<Module>> m_modulesById;
     tWires m_wires;
-    mutable bool m_metersEnabled = false;
+    // Switched by the control side while the audio thread reads it.
+    mutable std::atomic<bool> m_metersEnabled{false};
     bool m_fuseCascades = true;
     std::vector<Step> m_steps;
     std::vector<std::unique_ptr<BiQuadCascade>> m_cascades;

@@ -120,7 +120,7 @@ void OutputStage::renderGain(Routing const& routing, unsigned int frames)
 {
     auto const numChannels = static_cast<unsigned int>(routing.interleavePattern.size());
     tSample const target = getTargetGain();
-    tSample g = m_gain;
+    tSample g = loadGain();
 
     if (g == target) {
         if (target == c_silent)
@@ -140,15 +140,15 @@ void OutputStage::renderGain(Routing const& routing, unsigned int frames)
         if (!fadingUp && !(g.toFloat() > target.toFloat())) {
             if (target == c_silent)
                 silenceFrom(f, frames, numChannels);
-            m_gain = target;
+            storeGain(target);
             return;
         }
         if (fadingUp && g.toFloat() >= target.toFloat()) {
-            m_gain = target;
+            storeGain(target);
             return;
         }
     }
-    m_gain = g;
+    storeGain(g);
 }
 
 } // namespace Zelmar

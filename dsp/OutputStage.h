@@ -31,14 +31,15 @@ public:
     void process() override;
 
     // Silent at once, without a fade: for the host's start-up.
-    void initialMute() { m_gain = c_silent; }
+    void initialMute() { storeGain(c_silent); }
     void setMute(bool mute);
     void incPlayRequests();
     void decPlayRequests();
     bool hasPlayRequests() const;
-    bool isMuting() const { return m_gain == c_silent; }
+    // Any thread may ask; the answer is as of the last period.
+    bool isMuting() const { return loadGain() == c_silent; }
     tSample getTargetGain() const { return hasPlayRequests() ? c_fullLevel : c_silent; }
-    bool isFading() const { return m_gain.toFloat() != getTargetGain().toFloat(); }
+    bool isFading() const { return loadGain().toFloat() != getTargetGain().toFloat(); }
 
     // The handler gets true for muted, false for audible; it stays connected while the connection lives.
     Tools::Connection connectHandlerForMuteChanges(std::function<void(bool)> handler) const;
@@ -56,6 +57,8 @@ private:
     };
 
     void signalMuteStateChange();
+    tSample loadGain() const { return tSample(m_gain.load(std::memory_order_relaxed)); }
+    void storeGain(tSample gain) { m_gain.store(gain.getRaw(), std::memory_order_relaxed); }
     void renderGain(Routing const& routing, unsigned int frames);
     void silenceFrom(unsigned int firstFrame, unsigned int frames, unsigned int numChannels);
 
@@ -66,7 +69,8 @@ private:
 
     AlsaAudioBuffersWrapperBase* m_output = nullptr;
     unsigned int m_numInPorts = 0;
-    tSample m_gain = c_fullLevel;
+    // Written by the audio thread alone, read by the control side too.
+    std::atomic<tSample::tFundamental> m_gain{c_fullLevel.getRaw()};
     bool m_mute = true;
     std::atomic<int32_t> m_playRequests{0};
     mutable Tools::Signal<void(bool)> m_muteChangeSignal;

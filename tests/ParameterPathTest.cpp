@@ -12,6 +12,7 @@
 #include "dsp/Module.h"
 #include "dsp/ModuleDescriptor.h"
 #include "dsp/ModuleFactory.h"
+#include "dsp/OutputStage.h"
 #include "support/DataFile.h"
 #include "support/EveryTypeChain.h"
 #include "support/LogCapture.h"
@@ -102,6 +103,17 @@ TEST(ParameterPathTest, RandomChangesWhileProcessingEndAsTheLastValidSets)
         }
         Testing::runPendingMainLoopJobs();
     }
+    // The control side switches the meters and reads the fade while the audio runs, with nothing in
+    // between that would order it against the audio thread: the sanitizer sees any plain word shared.
+    auto const output = std::dynamic_pointer_cast<OutputStage>(changed.chain().findModule("out"));
+    for (int i = 0; i < 20000; ++i) {
+        changed.chain().enableMeters(i % 2);
+        if (i % 2000 == 0)
+            output->setMute(i % 4000 == 0);
+        (void)(output->isMuting() || output->isFading());
+    }
+    output->setMute(false);
+    changed.chain().enableMeters(false);
     stop = true;
     audio.join();
 
