@@ -114,6 +114,9 @@ TEST(ParameterPathTest, RandomChangesWhileProcessingEndAsTheLastValidSets)
     }
     output->setMute(false);
     changed.chain().enableMeters(false);
+    // Unmuted as it was, once the fade back up has run out.
+    while (output->isFading())
+        std::this_thread::yield();
     stop = true;
     audio.join();
 
