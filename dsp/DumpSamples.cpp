@@ -45,12 +45,8 @@ void DumpSamples::process()
         std::copy(in.getRawData(), in.getRawData() + n, out.getRawData());
     }
 
-    State const state = m_state.load();
-    if (state != State::Recording) {
-        if (state == State::Idle)
-            m_ring.reset();
+    if (m_state.load() != State::Recording)
         return;
-    }
     // A period may exceed the free room; push takes what fits and the rest is counted as lost.
     m_dropped.add(n - m_ring.push(in.getRawData(), n));
     if (m_ring.getNumReadable() >= c_wakeThreshold)
@@ -59,7 +55,9 @@ void DumpSamples::process()
 
 void DumpSamples::startRecording(std::FILE* file)
 {
-    m_ring.reset();
+    // The audio thread may still be inside a push of the recording before, so the counters run on
+    // rather than start over; what that recording left unread is not this one's.
+    m_ring.skipUnread();
     m_stop.store(false);
     m_state.store(State::Recording);
     m_worker = std::thread([this, file] { runWorker(file); });

@@ -47,7 +47,7 @@ public:
 private:
     enum class State
     {
-        Idle,      // no file; process() clears the ring buffer
+        Idle,      // no file; process() leaves the ring buffer alone
         Recording, // worker running; process() queues
         Stopping,  // worker draining; process() leaves the ring buffer alone
     };

@@ -44,6 +44,12 @@ public:
         return count;
     }
 
+    // Reader thread, or the thread that starts one: forgets what was written and not yet taken.
+    void skipUnread()
+    {
+        m_read.store(this->m_written.load(std::memory_order_acquire), std::memory_order_release);
+    }
+
     // Reader thread: elements written and not yet taken.
     unsigned long long getNumReadable() const
     {
