@@ -17,19 +17,14 @@ minimal=$build/bench/orvandeldsp-minimal-eq
 for tool in "$dsp" "$signal" "$minimal"; do
     [ -x "$tool" ] || { echo "vs-minimal: $tool is missing; build the tools and benchmarks first" >&2; exit 1; }
 done
-if ! command -v sox >/dev/null 2>&1; then
-    sudo=""
-    [ "$(id -u)" -eq 0 ] || sudo=sudo
-    $sudo apt-get update
-    $sudo apt-get install -y sox
-fi
+. "$repo/bench/common.sh"
+install_sox_if_missing
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 "$signal" "$work/in24.wav" 60 48000
 sox "$work/in24.wav" -b 32 "$work/in.wav"
 
-now() { date +%s%N; }
 
 # Wall time in nanoseconds of the command given as arguments, its output removed first: ext4 flushes
 # a file renamed over an existing one, which orvandeldsp does and the others do not.

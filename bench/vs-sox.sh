@@ -15,12 +15,8 @@ for tool in "$dsp" "$signal"; do
     [ -x "$tool" ] || { echo "vs-sox: $tool is missing; build the tools first" >&2; exit 1; }
 done
 
-if ! command -v sox >/dev/null 2>&1; then
-    sudo=""
-    [ "$(id -u)" -eq 0 ] || sudo=sudo
-    $sudo apt-get update
-    $sudo apt-get install -y sox
-fi
+. "$repo/bench/common.sh"
+install_sox_if_missing
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -36,7 +32,6 @@ bands="63 1 3
 12000 0.9 3"
 effects=$(echo "$bands" | while read -r f q g; do printf 'equalizer %s %sq %s ' "$f" "$q" "$g"; done)
 
-now() { date +%s%N; }
 
 # Best of three wall times in nanoseconds of the command given as arguments. The outputs go first:
 # ext4 flushes a file renamed over an existing one, which orvandeldsp does and sox does not.

@@ -190,10 +190,10 @@ private:
         }
     }
 
-    // As the chain resolves a port spec; false, with the fault reported, where it would throw.
-    bool resolve(Tools::String const& spec, ConfigDocument::Cable const& cable, PortRef& ref)
+    // As the chain resolves "moduleid[portnum]"; false, with the fault reported, where it would throw.
+    bool resolve(Tools::String const& port, ConfigDocument::Cable const& cable, PortRef& ref)
     {
-        std::string const& text = spec.str();
+        std::string const& text = port.str();
         std::string const where = "cable from " + cable.out.str() + " to " + cable.in.str() + ": ";
         auto const bracket = text.find('[');
         if (bracket == std::string::npos) {
@@ -217,8 +217,8 @@ private:
 
     void addCable(ConfigDocument::Cable const& cable)
     {
-        auto const hasBracket = [](Tools::String const& spec) {
-            return spec.str().find_first_of("[]") != std::string::npos;
+        auto const hasBracket = [](Tools::String const& port) {
+            return port.str().find_first_of("[]") != std::string::npos;
         };
         if (!hasBracket(cable.in) && !hasBracket(cable.out))
             return addShortcut(cable);
