@@ -1,16 +1,19 @@
-// The biquad modules and the loops they run (the section's rule, its vector forms and the cascade), then
-// the designs and the precalculated kernels.
+// The biquad modules and the loops they run (the section's rule, its vector forms and the fused
+// cascades), then the designs and the precalculated kernels.
 #include "dsp/BiQuad.h"
+#include "dsp/BiQuadCascade.h"
 #include "dsp/BiQuadSection.h"
 #include "dsp/ModuleFactory.h"
 #include "dsp/StereoBiQuad.h"
 #include "dsp/VectorLoops.h"
 #include "dsp/precalculated/PrecalculatedBiQuadKernels.h"
+#include "support/MemoryAlsaBuffers.h"
 #include "support/ModuleHarness.h"
 #include "support/Thrown.h"
 #include <cstring>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <random>
 #include <sstream>
 
 using namespace Zelmar;
@@ -160,41 +163,6 @@ TEST(BiQuadSectionTest, StereoCascadeMatchesTheScalarRuleBitForBit)
     }
 }
 
-// The mono loops carry y instead of z1 and the vector one works four frames at a time with a scalar
-// tail; against the rule applied frame by frame, over lengths around the pass size, in place, split in
-// two calls, with inputs loud enough to wrap. The shared rule forms z1 = z2 + (x - y) b1.
-TEST(BiQuadSectionTest, MonoLoopsMatchTheRuleFrameByFrame)
-{
-    BiQuadSection const c = section(Characteristic::Peak, 2900, 4, 12);
-    std::vector<tSample> const input = noise(203, 3);
-    for (bool shared : {false, true}) {
-        std::vector<tSample> expected = input;
-        tSample e1, e2;
-        for (auto& x : expected) {
-            tSample const y = e1 + c.b0 * x;
-            e1 = shared ? e2 + (x - y) * c.b1 : e2 + c.b1 * x - c.a1 * y;
-            e2 = c.b2 * x - c.a2 * y;
-            x = y;
-        }
-        for (bool vector : {true, false}) {
-            for (unsigned int split : {0u, 1u, 5u, 6u, 7u, 9u, 10u, 100u, 197u, 203u}) {
-                std::vector<tSample> data = input;
-                tSample z1, z2;
-                for (auto const& [from, to] : {std::pair{0u, split}, {split, 203u}}) {
-                    tSample* at = data.data() + from;
-                    if (!vector)
-                        runMonoBiQuadScalar(c, shared, at, at, to - from, z1, z2);
-                    else
-                        (shared ? runMonoBiQuadSharedB1A1 : runMonoBiQuad)(c, at, at, to - from, z1, z2);
-                }
-                EXPECT_TRUE(data == expected && z1 == e1 && z2 == e2)
-                    << "shared " << shared << ", " << (vector ? targetLoops() : "scalar") << ", split "
-                    << split;
-            }
-        }
-    }
-}
-
 // Lengths around the four-sample pass, gains that wrap and the most negative factor; a guard sample
 // after the end must stay untouched.
 TEST(VectorLoopsTest, AmplifyGivesTheScalarProducts)
@@ -321,32 +289,135 @@ TEST(PrecalculatedBiQuadTest, LookupQuantisesToTenMicroUnits)
     EXPECT_EQ(lookUp(Characteristic::Passthru, 48000, 1000, 1, 0), nullptr);
 }
 
-// Every kernel against the transposed direct form II with its own constants, across a split period.
-// Where b1 equals a1 the kernel forms z1 = z2 + (x - y) b1 with one product, which may differ from
-// the generic form in the lowest bit.
-TEST(PrecalculatedBiQuadTest, KernelsRunTheDirectFormWithOneProductWhereB1EqualsA1)
+// Every kernel, the dispatched mono loops and the scalar one against the transposed direct form II
+// applied frame by frame with the kernel's constants. Where b1 equals a1 the kernels and the shared
+// loops form z1 = z2 + (x - y) b1 with one product, which may differ from the generic form in the
+// lowest bit; the mono loops carry y instead of z1. The vector loops work four frames at a time with a
+// scalar tail: calls split around the pass size, in place, with full-scale inputs that make the sums wrap.
+TEST(PrecalculatedBiQuadTest, KernelsAndLoopsRunTheDirectFormWithOneProductWhereB1EqualsA1)
 {
-    std::vector<tSample> const input = Testing::noise(512, 7);
+    std::vector<tSample> const input = noise(203, 7, int64_t(1) << 31);
     for (unsigned int i = 0; i < c_numPrecalculatedBiQuads; ++i) {
         PrecalculatedBiQuadEntry const& e = c_precalculatedBiQuads[i];
         BiQuadSection const c{tSample(e.raw[0]), tSample(e.raw[1]), tSample(e.raw[2]), tSample(e.raw[3]),
                               tSample(e.raw[4])};
-        std::vector<tSample> output(input.size());
-        tSample z1, z2, r1, r2;
-        e.kernel(input.data(), output.data(), 200, z1, z2);
-        e.kernel(input.data() + 200, output.data() + 200, 312, z1, z2);
-        for (unsigned int n = 0; n < input.size(); ++n) {
-            tSample const x = input[n];
-            tSample y = r1 + c.b0 * x;
-            if (e.raw[1] == e.raw[3]) {
-                r1 = r2 + (x - y) * c.b1;
-                r2 = c.b2 * x - c.a2 * y;
-            } else {
-                y = c.step(x, r1, r2);
-            }
-            ASSERT_EQ(output[n], y) << e.name << " frame " << n;
+        bool const shared = e.raw[1] == e.raw[3];
+        std::vector<tSample> expected = input;
+        tSample r1, r2;
+        for (auto& x : expected) {
+            tSample const y = r1 + c.b0 * x;
+            r1 = shared ? r2 + (x - y) * c.b1 : r2 + c.b1 * x - c.a1 * y;
+            r2 = c.b2 * x - c.a2 * y;
+            x = y;
         }
-        EXPECT_EQ(z1, r1) << e.name;
-        EXPECT_EQ(z2, r2) << e.name;
+        for (char const* runner : {"kernel", "scalar", "dispatched"}) {
+            for (unsigned int split : {0u, 1u, 5u, 6u, 7u, 9u, 100u, 197u}) {
+                std::vector<tSample> data = input;
+                tSample z1, z2;
+                for (auto const& [from, to] : {std::pair{0u, split}, {split, 203u}}) {
+                    tSample* at = data.data() + from;
+                    if (runner[0] == 'k')
+                        e.kernel(at, at, to - from, z1, z2);
+                    else if (runner[0] == 's')
+                        runMonoBiQuadScalar(c, shared, at, at, to - from, z1, z2);
+                    else
+                        (shared ? runMonoBiQuadSharedB1A1 : runMonoBiQuad)(c, at, at, to - from, z1, z2);
+                }
+                ASSERT_TRUE(data == expected && z1 == r1 && z2 == r2)
+                    << e.name << ", " << (runner[0] == 'd' ? targetLoops() : runner) << ", split " << split;
+            }
+        }
+    }
+}
+
+// Random raw coefficients, forms, states and inputs: the sums wrap all the time, which any other order
+// or rounding of the arithmetic would show at once. Lengths below, around and above the pipeline's
+// fill, section counts that pad registers or need several passes; in place, with guard samples after
+// each channel, then a second call that must carry the state on.
+TEST(BiQuadCascadeTest, TargetLoopGivesTheBitsOfSectionAfterSection)
+{
+    std::mt19937 random(11);
+    std::uniform_int_distribution<int32_t> anyWord(INT32_MIN, INT32_MAX);
+    auto const sample = [&] { return tSample(anyWord(random)); };
+    char const* loop = vectorLoops() && vectorLoops()->biQuadCascade ? vectorLoops()->name : "section loops";
+    for (unsigned int channels : {1u, 2u}) {
+        for (unsigned int numSections : {1u, 2u, 3u, 5u, 8u, 10u, 13u, 25u, 49u}) {
+            for (unsigned int frames : {0u, 1u, 2u, 7u, 26u, 101u, 1280u}) {
+                // Index 0 runs the target loop, index 1 the section loops.
+                std::vector<tSample> states[2] = {std::vector<tSample>(4 * numSections)}, data[2][2];
+                std::generate(states[0].begin(), states[0].end(), sample);
+                states[1] = states[0];
+                std::vector<CascadeSection> sections[2];
+                for (unsigned int k = 0; k < numSections; ++k) {
+                    BiQuadSection const c{sample(), sample(), sample(), sample(), sample()};
+                    bool const shared = random() % 3 == 0;
+                    for (int run = 0; run < 2; ++run) {
+                        tSample* z = &states[run][4 * k];
+                        sections[run].push_back({c, shared, {z, z + 1}, {z + 2, z + 3}});
+                    }
+                }
+                for (auto& channel : data[0]) {
+                    channel.resize(2 * frames + 2);
+                    std::generate(channel.begin(), channel.end(), sample);
+                }
+                std::copy(data[0], data[0] + 2, data[1]);
+                for (unsigned int from : {0u, frames}) {
+                    tSample* at[2][2] = {{&data[0][0][from], &data[0][1][from]},
+                                         {&data[1][0][from], &data[1][1][from]}};
+                    runBiQuadCascade(sections[0].data(), numSections, channels, at[0], at[0], frames);
+                    runBiQuadCascadeScalar(sections[1].data(), numSections, channels, at[1], at[1], frames);
+                }
+                EXPECT_TRUE(states[0] == states[1] && data[0][0] == data[1][0] && data[0][1] == data[1][1])
+                    << loop << ", " << channels << " channels, " << numSections << " sections, " << frames
+                    << " frames";
+            }
+        }
+    }
+}
+
+// tests/data/biquad-series.xml in two chains, one fusing the series and one running module by module,
+// fed the same periods of every length. s3 gets parameters in the third period; in the fifth c changes
+// from the generic loop to a kernel, which must be heard from that period on in both.
+TEST(BiQuadCascadeTest, FusedSeriesSoundsAsTheModulesOneByOne)
+{
+    Chain chains[2] = {Chain(48000), Chain(48000)};
+    Testing::MemoryAlsaBuffers capture[2] = {Testing::MemoryAlsaBuffers(2), Testing::MemoryAlsaBuffers(2)};
+    Testing::MemoryAlsaBuffers playback[2] = {Testing::MemoryAlsaBuffers(2), Testing::MemoryAlsaBuffers(2)};
+    for (int fused = 0; fused < 2; ++fused) {
+        chains[fused].load(TEST_SOURCE_DIR "/data/biquad-series.xml", false);
+        chains[fused].addStereoModule("biquad", "s3");
+        chains[fused].fuseCascades(fused == 1);
+        chains[fused].enableProfile(true);
+        chains[fused].compile();
+        Testing::attachHostBuffers(chains[fused], capture[fused], playback[fused])->setMute(false);
+    }
+    std::vector<std::string> fusedIds;
+    for (auto const& time : chains[1].getProfile()) {
+        if (time.fused)
+            fusedIds.push_back(time.module->getID().str());
+    }
+    ASSERT_EQ(fusedIds, (std::vector<std::string>{"a", "b", "c", "s1", "s2", "s3", "s4", "s5"}));
+
+    std::mt19937 random(5);
+    std::uniform_int_distribution<int32_t> nearFullScale(-0x08000000, 0x08000000);
+    unsigned int const periods[] = {1, 1280, 5, 333, 1024, 2, 1279, 64};
+    for (unsigned int p = 0; p < std::size(periods); ++p) {
+        for (Chain& chain : chains) {
+            if (p == 2)
+                chain.findModule("s3")->setParameters(filter("peak", "120", "2", "-2"), 48000);
+            if (p == 4)
+                chain.findModule("c")->setParameters(filter("peak", "1300", "3.5", "-11"), 48000);
+        }
+        for (unsigned int channel = 0; channel < 2; ++channel) {
+            std::vector<tSample> input(periods[p]);
+            std::generate(input.begin(), input.end(), [&] { return tSample(nearFullScale(random)); });
+            for (auto& buffers : capture)
+                buffers.getChannel(channel).setPeriod(input);
+        }
+        for (Chain& chain : chains)
+            chain.process();
+        for (unsigned int channel = 0; channel < 2; ++channel)
+            EXPECT_EQ(playback[1].getChannel(channel).samples, playback[0].getChannel(channel).samples)
+                << "period " << p << " of " << periods[p] << " frames, channel " << channel;
     }
 }
