@@ -36,21 +36,6 @@ std::shared_ptr<Module> make(char const* type, Parameters const& params = {}, un
     return module;
 }
 
-// Gain in dB of a 1 s sine after 1 s of settling.
-double measure(Parameters const& params, unsigned int rate, double frequency)
-{
-    ModuleHarness harness(make("biquad", params, rate));
-    auto const out = harness.processInPeriods({Testing::makeSine(0.25, frequency, rate, 2 * rate)}, 1280);
-    return Testing::levelDb(out[0], rate, 0.25);
-}
-
-BiQuadSection section(Characteristic type, double frequency, double q, double gainDb)
-{
-    BiQuadSection s;
-    s.design(type, 48000, frequency, q, gainDb);
-    return s;
-}
-
 // The vector loops the dispatched runners take when the processor has them.
 char const* targetLoops()
 {
@@ -71,18 +56,6 @@ TEST(BiQuadTest, PassesAudioThroughBeforeParametersAndAtNyquistAndKeepsTheFilter
     module->setParameters(filter("lopass", "1000", "0.7", "0"), 48000);
     EXPECT_THROW(module->setParameters(filter("LoPass", "1000", "0.7", "0"), 48000), ParsingException);
     EXPECT_NE(harness.run(input), input);
-}
-
-TEST(BiQuadTest, FrequencyResponseMeasuredWithSines)
-{
-    EXPECT_NEAR(measure(filter("peak", "1000", "1", "6"), 48000, 1000), 6.0, 0.1);
-    EXPECT_NEAR(measure(filter("peak", "1000", "2", "-9"), 48000, 1000), -9.0, 0.1);
-    EXPECT_NEAR(measure(filter("lopass", "1000", "0.707", "0"), 48000, 1000), -3.0, 0.1);
-    EXPECT_NEAR(measure(filter("hipass", "1000", "0.707", "0"), 44100, 1000), -3.0, 0.1);
-    EXPECT_NEAR(measure(filter("loshelf", "2000", "0", "6"), 48000, 20), 6.0, 0.1);
-    EXPECT_NEAR(measure(filter("hishelf", "500", "0", "-4"), 48000, 20000), -4.0, 0.1);
-    EXPECT_LT(measure(filter("notch", "1000", "1", "0"), 48000, 1000), -40.0);
-    EXPECT_NEAR(measure(filter("bandpass", "1000", "1", "0"), 48000, 1000), 0.0, 0.1);
 }
 
 // Same stream, one block or two halves, with and without a kernel: the state must carry over.
@@ -126,40 +99,6 @@ TEST(StereoBiQuadTest, FiltersEachChannelLikeTheMonoModule)
             << gain;
         EXPECT_EQ(static_cast<BiQuad&>(*stereo).getPrecalculatedKernel(),
                   gain[0] == '-' ? &peak_44100_f4200_q1200_gm3000 : nullptr);
-    }
-}
-
-// Both runners against each channel run on its own, section by section; odd lengths and a split that
-// leaves a single frame check the leftover frame and the state carried between calls; the output
-// overwrites the input, loud enough for the 6 dB boost to drive the sums past the range and wrap.
-TEST(BiQuadSectionTest, StereoCascadeMatchesTheScalarRuleBitForBit)
-{
-    BiQuadSection const sections[3] = {section(Characteristic::LoShelf, 300, 0, 6),
-                                       section(Characteristic::Peak, 1000, 0.7, -9),
-                                       section(Characteristic::HiShelf, 3000, 0, 4)};
-    tSample const gain(0.5);
-    for (unsigned int numSections : {1u, 3u}) {
-        for (auto run : {&runStereoBiQuadCascade, &runStereoBiQuadCascadeScalar}) {
-            std::vector<tSample> left = noise(301, 7 + numSections),
-                                 right = noise(301, 9 + numSections, 1 << 25);
-            std::vector<tSample> expected[2] = {left, right};
-            for (auto& channel : expected) {
-                for (unsigned int k = 0; k < numSections; ++k) {
-                    tSample z1, z2;
-                    for (auto& s : channel)
-                        s = sections[k].step(s, z1, z2);
-                }
-                for (auto& s : channel)
-                    s = numSections == 3 ? s * gain : s;
-            }
-            StereoBiQuadState states[3] = {};
-            for (auto const& [from, to] : {std::pair{0, 150}, {150, 151}, {151, 301}})
-                run(sections, states, numSections, numSections == 3, gain, left.data() + from,
-                    right.data() + from, left.data() + from, right.data() + from, to - from);
-            EXPECT_TRUE(left == expected[0] && right == expected[1])
-                << numSections << " sections, "
-                << (run == &runStereoBiQuadCascadeScalar ? "scalar" : targetLoops());
-        }
     }
 }
 
@@ -230,17 +169,17 @@ TEST(BiQuadCoefficientsTest, NamesMapToCharacteristicsCaseSensitively)
 TEST(BiQuadCoefficientsTest, DesignsMatchIndependentlyComputedTable)
 {
     std::ifstream file(TEST_SOURCE_DIR "/data/biquad-designs.txt");
-    ASSERT_TRUE(file.is_open());
     int cases = 0;
     for (std::string line; std::getline(file, line);) {
-        if (line.empty() || line[0] == '#')
-            continue;
         std::istringstream fields(line);
         std::string type;
         double rate, frequency, q, gain;
         std::vector<int32_t> expected(5);
-        fields >> type >> rate >> frequency >> q >> gain >> expected[0] >> expected[1] >> expected[2] >>
-            expected[3] >> expected[4];
+        // Comment lines fail at the rate.
+        if (!(fields >> type >> rate >> frequency >> q >> gain))
+            continue;
+        for (int32_t& word : expected)
+            fields >> word;
         tSample c[5];
         tBiQuadDesign::get(tBiQuadDesign::translateType(type.c_str()), rate, frequency, q, gain, c[0], c[1],
                            c[2], c[3], c[4]);
