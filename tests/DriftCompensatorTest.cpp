@@ -136,8 +136,17 @@ TEST_F(DriftCompensatorTest, ReportsAtMostOncePerPeriodUntilAnyCompensatorStops)
     EXPECT_EQ(m_log.lines().size(), 2u) << "only the construction notice";
 }
 
-TEST_F(DriftCompensatorTest, SmoothedSignDecidesTheOrder)
+// The delta log line comes once in 250 ms, and only with the marker.
+TEST_F(DriftCompensatorTest, SmoothedSignDecidesTheOrderAndTheDeltaIsLoggedWhenEnabled)
 {
+    TimeStretchingDriftCompensator wobbling;
+    int ordered = 0;
+    for (int call = 0; call < 200; ++call)
+        ordered += wobbling.setFrameDelta(call % 2 ? -3 : 3) != 0;
+    EXPECT_EQ(ordered, 0);
+    EXPECT_TRUE(m_log.lines().empty());
+
+    m_scratch.write("marker", "");
     TimeStretchingDriftCompensator ahead;
     std::vector<int> orders;
     for (int call = 1; call <= 14; ++call)
@@ -150,65 +159,44 @@ TEST_F(DriftCompensatorTest, SmoothedSignDecidesTheOrder)
     EXPECT_EQ(ahead.setFrameDelta(0), 1);
     EXPECT_EQ(ahead.setFrameDelta(0), 0);
     EXPECT_NEAR(ahead.getFilteredDelta(), (1 - std::pow(0.95, 15)) * 0.95 * 0.95, 1e-12);
-    TimeStretchingDriftCompensator wobbling;
-    int ordered = 0;
-    for (int call = 0; call < 200; ++call)
-        ordered += wobbling.setFrameDelta(call % 2 ? -3 : 3) != 0;
-    EXPECT_EQ(ordered, 0);
+    EXPECT_EQ(m_log.lines(),
+              (std::vector<std::string>{"3 DriftCompensator::enabling logging with every 500 ms",
+                                        "2 TimeStretchingDriftCompensator: frame delta 1"}));
 }
 
-TEST_F(DriftCompensatorTest, BothStretchersOfAStereoPairGetTheSameOrder)
+// The plain compensator drives both stretchers of a stereo pair, the line-in one its mono stretcher,
+// whose frames it counts; one bound to a chain without its stretcher logs so and only computes orders.
+TEST_F(DriftCompensatorTest, CompensatorsOrderEveryStretcherTheyFind)
 {
-    Stretching rig("timestretcher", true);
+    Stretching pair("timestretcher", true), lineIn("line-in-timestretcher", false),
+        other("timestretcher", true);
     TimeStretchingDriftCompensator compensator;
-    compensator.initChain(rig.chain);
-    for (int call = 0; call < 14; ++call)
-        compensator.setFrameDelta(2);
-    EXPECT_EQ(rig.period(), (std::vector<size_t>{7, 7}));
-    for (int call = 0; call < 40; ++call)
-        compensator.setFrameDelta(-2);
-    EXPECT_EQ(rig.period(), (std::vector<size_t>{9, 9}));
-    EXPECT_TRUE(m_log.lines().empty());
-}
-
-TEST_F(DriftCompensatorTest, LineInCountsFramesOfAMonoStretcherAndAMissingOneIsLogged)
-{
-    Stretching rig("line-in-timestretcher", false);
-    TimeStretchingLineInDriftCompensator compensator;
-    EXPECT_EQ(compensator.getNumSamplesProduced(), 0u);
-    compensator.initChain(rig.chain);
-    rig.period();
-    for (int call = 0; call < 14; ++call)
-        compensator.setFrameDelta(-1);
-    EXPECT_EQ(rig.period(), std::vector<size_t>{9});
-    EXPECT_EQ(compensator.getNumSamplesProduced(), 17u);
-    compensator.resetNumSamplesProduced();
-    EXPECT_EQ(compensator.getNumSamplesProduced(), 0u);
-
-    Stretching other("timestretcher", true);
-    TimeStretchingLineInDriftCompensator unbound;
+    TimeStretchingLineInDriftCompensator counting, unbound;
+    EXPECT_EQ(counting.getNumSamplesProduced(), 0u);
+    compensator.initChain(pair.chain);
+    counting.initChain(lineIn.chain);
     unbound.initChain(other.chain);
     EXPECT_EQ(m_log.lines(),
               std::vector<std::string>{
                   "4 There is no timestretcher with id line-in-timestretcher in the dsp chain"});
-    for (int call = 0; call < 13; ++call)
-        unbound.setFrameDelta(1);
-    EXPECT_EQ(unbound.setFrameDelta(1), 1) << "orders are still computed";
-    EXPECT_EQ(unbound.getNumSamplesProduced(), 0u);
+    lineIn.period();
+    int unboundOrder = 0;
+    for (int call = 0; call < 14; ++call) {
+        compensator.setFrameDelta(2);
+        counting.setFrameDelta(-1);
+        unboundOrder = unbound.setFrameDelta(1);
+    }
+    EXPECT_EQ(unboundOrder, 1);
+    EXPECT_EQ(pair.period(), (std::vector<size_t>{7, 7}));
+    EXPECT_EQ(lineIn.period(), std::vector<size_t>{9});
     EXPECT_EQ(other.period(), (std::vector<size_t>{8, 8}));
-}
-
-TEST_F(DriftCompensatorTest, DeltaLogLineIsThrottledWhenEnabled)
-{
-    TimeStretchingDriftCompensator silent;
-    silent.setFrameDelta(3);
-    EXPECT_TRUE(m_log.lines().empty());
-    m_scratch.write("marker", "");
-    TimeStretchingDriftCompensator logging;
-    m_log.clear();
-    logging.setFrameDelta(3);
-    logging.setFrameDelta(4);
-    EXPECT_EQ(m_log.lines(), std::vector<std::string>{"2 TimeStretchingDriftCompensator: frame delta 3"});
+    EXPECT_EQ(counting.getNumSamplesProduced(), 17u);
+    EXPECT_EQ(unbound.getNumSamplesProduced(), 0u);
+    counting.resetNumSamplesProduced();
+    EXPECT_EQ(counting.getNumSamplesProduced(), 0u);
+    for (int call = 0; call < 40; ++call)
+        compensator.setFrameDelta(-2);
+    EXPECT_EQ(pair.period(), (std::vector<size_t>{9, 9}));
 }
 
 TEST(TimeStretcherTest, ChangesOneFrameWhereTheStepIsSmallestOncePerOrder)

