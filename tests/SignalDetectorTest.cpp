@@ -18,12 +18,10 @@ using namespace Zelmar;
 
 namespace {
 
-constexpr unsigned int c_rate = 48000;
-constexpr unsigned int c_block = 1200; // ten blocks are one 250 ms poll
 // The level statistics count as at 44100 Hz whatever the rate: an analysis every 82688 decimated
 // frames, 13.78 s of this input, and seconds that are 48000 / 44100 of the real ones.
-constexpr double c_analysisSeconds = 82688 * 8 / double(c_rate);
-constexpr double c_statisticsSecond = double(c_rate) / 44100;
+constexpr unsigned int c_rate = 48000;
+constexpr unsigned int c_block = 1200; // ten blocks are one 250 ms poll
 
 double sine(double levelDb, uint64_t i)
 {
@@ -48,12 +46,11 @@ public:
     {
         m_module->setParameters(Parameters{{"signal-threshold", std::to_string(thresholdDb)}}, c_rate);
         m_connection = detector().onThresholdTriggered([this](bool on) {
-            transitions.push_back({seconds(), on});
+            transitions.push_back({double(m_frame) / c_rate, on});
         });
     }
 
     SignalDetector& detector() { return static_cast<SignalDetector&>(*m_module); }
-    double seconds() const { return double(m_frame) / c_rate; }
 
     void run(double duration, std::function<double(uint64_t)> const& signal, bool poll = true)
     {
@@ -118,9 +115,8 @@ TEST(SignalDetectorTest, ToneOverThresholdIsActiveAndHeldTenSecondsAfterItEnds)
     EXPECT_NEAR(20 * std::log10(std::atof(lines[1].c_str() + 18)), -20.0, 0.5) << lines[1];
     EXPECT_EQ(lines[1].substr(0, 18) + lines[1].substr(lines[1].find(" Reason:")),
               "3 Signal trigger:  Reason: Rms value is over threshold");
-    // Audio is counted from the end of the skip, 2.1 s: 11.9 s, counted as 12.9524.
+    // Audio is counted from the end of the skip, 2.1 s: 11.9 s, counted as 11.9 * 48000 / 44100.
     EXPECT_EQ(lines[2], "3 No signal in line-in: 12.9524");
-    EXPECT_NEAR(11.9 * c_statisticsSecond, 12.9524, 1e-4);
 }
 
 TEST(SignalDetectorTest, FluctuatingInputBelowThresholdIsActiveWithReasonOne)
@@ -131,7 +127,6 @@ TEST(SignalDetectorTest, FluctuatingInputBelowThresholdIsActiveWithReasonOne)
     d.run(18.25, [](uint64_t i) { return sine(i / (c_rate / 2) % 2 ? -40.0 : -50.0, i); });
     // The first analysis comes 13.78 s after the skip ended at 2.1 s; the next poll reports it.
     EXPECT_EQ(d.transitions, (std::vector<std::pair<double, bool>>{{16.0, true}}));
-    EXPECT_TRUE(2.1 + c_analysisSeconds > 15.75 && 2.1 + c_analysisSeconds < 16.0);
     auto const lines = log.lines();
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[1].substr(lines[1].find(" Reason:")), " Reason: State is Active");
@@ -152,7 +147,6 @@ TEST(SignalDetectorTest, LearnsThresholdFromThirtySecondsOfSteadyNoiseAndReadsIt
         auto const noise = [level = inputDb](uint64_t i) { return steady(level, i); };
         // Two analyses of static noise make 30 s as the statistics count: learnt at 2.1 + 27.56 s, polled
         // at 29.75 s.
-        EXPECT_NEAR(2 * c_analysisSeconds * c_statisticsSecond, 30.0, 0.01);
         d.run(29.5, noise);
         EXPECT_EQ(log.lines().size(), 1u) << "learnt before 30 s of static noise";
         d.run(0.25, noise);
@@ -168,8 +162,6 @@ TEST(SignalDetectorTest, LearnsThresholdFromThirtySecondsOfSteadyNoiseAndReadsIt
         Detector restarted(-20.0, dir);
         EXPECT_TRUE(restarted.detector().hasMeasuredThreshold());
         EXPECT_NEAR(20.0 * std::log10(restarted.detector().getThreshold()), std::atof(file), 1e-4);
-        EXPECT_NEAR(restarted.detector().getThreshold(), d.detector().getThreshold(),
-                    d.detector().getThreshold() * 0.006);
     }
 }
 
@@ -298,25 +290,18 @@ TEST(SignalDetectorTest, ResultReasonAndValueTravelInOneWord)
 // Timers never fire early, so the times bound the interval from below; the wait is a safety net.
 TEST(SignalDetectorTest, PollsEveryQuarterSecondOnTheMainLoop)
 {
-    GMainContext* context = g_main_context_new();
-    g_main_context_push_thread_default(context);
-    {
-        gint64 const start = g_get_monotonic_time(); // before the detector arms its timer
-        Detector d(-40.0);
-        std::vector<gint64> times;
-        auto connection =
-            d.detector().onThresholdTriggered([&](bool) { times.push_back(g_get_monotonic_time()); });
-        d.detector().presetDetectionResult(SignalDetector::Active);
-        EXPECT_TRUE(Testing::runMainLoopUntil([&] { return times.size() == 1; }));
-        d.detector().presetDetectionResult(SignalDetector::Silent);
-        EXPECT_TRUE(Testing::runMainLoopUntil([&] { return times.size() == 2; }));
-        EXPECT_EQ(d.transitions, (std::vector<std::pair<double, bool>>{{0.0, true}, {0.0, false}}));
-        ASSERT_EQ(times.size(), 2u);
-        EXPECT_GE(times[0] - start, 250000);
-        EXPECT_GE(times[1] - times[0], 250000);
-    }
-    g_main_context_pop_thread_default(context);
-    g_main_context_unref(context);
+    gint64 const start = g_get_monotonic_time(); // before the detector arms its timer
+    Detector d(-40.0);
+    std::vector<gint64> times;
+    auto connection =
+        d.detector().onThresholdTriggered([&](bool) { times.push_back(g_get_monotonic_time()); });
+    d.detector().presetDetectionResult(SignalDetector::Active);
+    EXPECT_TRUE(Testing::runMainLoopUntil([&] { return times.size() == 1; }));
+    d.detector().presetDetectionResult(SignalDetector::Silent);
+    ASSERT_TRUE(Testing::runMainLoopUntil([&] { return times.size() == 2; }));
+    EXPECT_EQ(d.transitions, (std::vector<std::pair<double, bool>>{{0.0, true}, {0.0, false}}));
+    EXPECT_GE(times[0] - start, 250000);
+    EXPECT_GE(times[1] - times[0], 250000);
 }
 
 namespace {
@@ -336,23 +321,22 @@ double gainDbAt(double frequency)
 
 } // namespace
 
-TEST(StaticNoiseDetectorTest, BlockAndAnalysisLengthsFollowTheSampleRate)
+// Levels below -60 dB are squeezed continuously.
+TEST(StaticNoiseDetectorTest, LengthsFollowTheSampleRateAndLowLevelsAreSqueezed)
 {
     StaticNoiseDetector detector(44100.0f);
-    EXPECT_EQ(detector.getBlockLength(), 55u);
-    EXPECT_EQ(detector.getAnalysisLength(), 82688u);
+    auto const lengths = [&] {
+        return std::make_pair(detector.getBlockLength(), detector.getAnalysisLength());
+    };
+    EXPECT_EQ(lengths(), std::make_pair(55u, 82688u));
     detector.adjustSampleRate(48000.0f);
-    EXPECT_EQ(detector.getBlockLength(), 60u);
-    EXPECT_EQ(detector.getAnalysisLength(), 90000u);
-}
-
-TEST(StaticNoiseDetectorTest, LevelsBelowMinusSixtyAreSqueezedContinuously)
-{
-    EXPECT_EQ(StaticNoiseDetector::compressLevel(-59.9f), -59.9f);
-    EXPECT_NEAR(StaticNoiseDetector::compressLevel(-60.0f), -60.0f, 1e-5);
-    EXPECT_NEAR(StaticNoiseDetector::compressLevel(-60.01f), -60.01f, 0.01);
-    EXPECT_NEAR(StaticNoiseDetector::compressLevel(-70.0f), -69.0714f, 1e-4);
-    EXPECT_NEAR(StaticNoiseDetector::compressLevel(-120.0f), -93.2270f, 1e-3);
+    EXPECT_EQ(lengths(), std::make_pair(60u, 90000u));
+    for (auto const& [level, squeezed, tolerance] : {std::tuple{-59.9f, -59.9f, 0.0f},
+                                                     {-60.0f, -60.0f, 1e-5f},
+                                                     {-60.01f, -60.01f, 0.01f},
+                                                     {-70.0f, -69.0714f, 1e-4f},
+                                                     {-120.0f, -93.2270f, 1e-3f}})
+        EXPECT_NEAR(StaticNoiseDetector::compressLevel(level), squeezed, tolerance) << level;
 }
 
 TEST(StaticNoiseDetectorTest, SteadyLevelIsStaticAndFluctuatingLevelIsActive)
