@@ -92,17 +92,17 @@ TEST_F(EqualizerTest, FixesItsFiltersAtTheFirstSetAndRunsThemInPlaceInSeries)
         EXPECT_EQ(child->getOutPort(0), harness.getSourceBuffer(0)) << child->getID();
 
     eq->setParameters(bands("5", "-4", "2.5", "false"), 44100);
-    std::vector<std::pair<Tools::String, Parameters::tMap>> children;
-    for (auto const& child : eq->getChildModules())
-        children.push_back({child->getType() + " " + child->getID(), child->getParameters().getParams()});
-    EXPECT_EQ(
-        children,
-        (std::vector<std::pair<Tools::String, Parameters::tMap>>{
-            {"biquad low-gain", {{"type", "loshelf"}, {"frequency", "300"}, {"q", "0.707"}, {"gain", "5"}}},
-            {"biquad mid-gain", {{"type", "peak"}, {"frequency", "1000"}, {"q", "0.707"}, {"gain", "-4"}}},
-            {"biquad high-gain",
-             {{"type", "hishelf"}, {"frequency", "3000"}, {"q", "0.707"}, {"gain", "2.5"}}},
-            {"gain gain-correction", {{"gain", "0"}}}}));
+    std::vector<std::string> children;
+    for (auto const& child : eq->getChildModules()) {
+        children.push_back((child->getType() + " " + child->getID()).str());
+        for (auto const& [key, value] : child->getParameters().getParams())
+            children.back() += " " + (key + "=" + value).str();
+    }
+    EXPECT_EQ(children,
+              (std::vector<std::string>{"biquad low-gain frequency=300 gain=5 q=0.707 type=loshelf",
+                                        "biquad mid-gain frequency=1000 gain=-4 q=0.707 type=peak",
+                                        "biquad high-gain frequency=3000 gain=2.5 q=0.707 type=hishelf",
+                                        "gain gain-correction gain=0"}));
 
     // The same filters and correction as separate modules in series.
     auto const whole = harness.run(input);
@@ -241,21 +241,18 @@ using AdaptiveBiquadTest = VolumeAdaptiveTest;
 
 } // namespace
 
-TEST_F(AdaptiveBiquadTest, WithoutTheDaemonBothLogAndTakeVolumeZero)
+// Volume 0 lies below the curves.
+TEST_F(AdaptiveBiquadTest, WithoutTheDaemonOrItsVolumeBothLogAndTakeVolumeZero)
 {
     configure();
     EXPECT_EQ(m_log.lines(),
               std::vector<std::string>(2, "4 DbusServiceWatcher::getProperty: property volume  - no proxy."));
-    // Volume 0 lies below the curves.
     EXPECT_EQ(applied(), std::make_pair(std::string("9.000000"), std::string("-12.000000")));
     m_biquad->setControlGain(-30.0);
     m_limiter->setControlGain(-30.0);
     EXPECT_EQ(applied(), std::make_pair(std::string("4.500000"), std::string("-9.000000")));
     EXPECT_EQ(m_biquad->getParameters().getString("gain"), "-60=9,0=0") << "the biquad reports its curve";
-}
 
-TEST_F(AdaptiveBiquadTest, ADaemonWithoutVolumeIsLoggedAndTakenAsVolumeZero)
-{
     m_daemon.withholdVolume();
     bringUpDaemon();
     m_log.clear();

@@ -83,22 +83,19 @@ private:
 
 } // namespace
 
+// Loud from the start; that it starts silent shows in the transitions of the tone below.
 TEST(SignalDetectorTest, IgnoresTheFirst100000FramesThenStartsSilent)
 {
-    for (bool loud : {true, false}) {
-        Detector d(-40.0);
-        std::vector<tSample> const block =
-            loud ? Testing::makeSine(0.1414, 1000, c_rate, 1000) : std::vector<tSample>(1000);
-        for (int i = 0; i < 100; ++i)
-            d.detector().runDetector(block.data(), 1000);
-        // Still the result the detector was made with: nothing was written.
-        SignalDetector::DetectionInfo info;
-        EXPECT_EQ(d.detector().consumeDetectionResult(info), SignalDetector::Silent);
-        EXPECT_EQ(d.detector().consumeDetectionResult(info), SignalDetector::NoProcessingSinceLastReport);
-        d.detector().runDetector(block.data(), 1000);
-        EXPECT_EQ(d.detector().consumeDetectionResult(info),
-                  loud ? SignalDetector::Active : SignalDetector::Silent);
-    }
+    Detector d(-40.0);
+    std::vector<tSample> const loud = Testing::makeSine(0.1414, 1000, c_rate, 1000);
+    for (int i = 0; i < 100; ++i)
+        d.detector().runDetector(loud.data(), 1000);
+    // Still the result the detector was made with: nothing was written.
+    SignalDetector::DetectionInfo info;
+    EXPECT_EQ(d.detector().consumeDetectionResult(info), SignalDetector::Silent);
+    EXPECT_EQ(d.detector().consumeDetectionResult(info), SignalDetector::NoProcessingSinceLastReport);
+    d.detector().runDetector(loud.data(), 1000);
+    EXPECT_EQ(d.detector().consumeDetectionResult(info), SignalDetector::Active);
 }
 
 TEST(SignalDetectorTest, ToneOverThresholdIsActiveAndHeldTenSecondsAfterItEnds)
@@ -153,7 +150,6 @@ TEST(SignalDetectorTest, LearnsThresholdFromThirtySecondsOfSteadyNoiseAndReadsIt
         EXPECT_EQ(log.count("3 sd : new signal threshold: " + std::string(file).substr(0, 5)), 1);
         EXPECT_EQ(dir.entries(), std::vector<std::string>{"sd"}) << "no temporary file is left";
         EXPECT_EQ(dir.read("sd"), file);
-        EXPECT_TRUE(d.detector().hasMeasuredThreshold());
         // The next analysis learns the same floor again: within 0.5 dB, so nothing changes.
         d.run(15.0, noise);
         EXPECT_EQ(log.lines().size(), 2u);
@@ -183,7 +179,6 @@ TEST(SignalDetectorTest, ThresholdFileWinsOverTheParameterWhichAppliesOnlyOnce)
     log.clear();
     Detector d(-20.0, dir);
     EXPECT_TRUE(log.lines().empty());
-    EXPECT_TRUE(d.detector().hasMeasuredThreshold());
     EXPECT_FLOAT_EQ(d.detector().getThreshold(), 0.01f);
 
     // Saving rounds to one decimal, and never writes outside the directory or into a missing one.
@@ -399,11 +394,9 @@ TEST(ThetaBufferTest, StatisticsCoverTheFilledPartAndTheLatestValuesOnceWrapped)
     EXPECT_FLOAT_EQ(theta.calcDeviation(2.0f), 1.0f) << "divisor count - 1";
     theta.addValue(4.0f);
     theta.addValue(5.0f); // overwrites the 1
-    EXPECT_EQ(theta.getCount(), 4u);
     EXPECT_FLOAT_EQ(theta.calcMean(), 3.5f);
     EXPECT_FLOAT_EQ(theta.calcDeviation(3.5f), std::sqrt(5.0f / 3.0f));
     theta.reset(2);
-    EXPECT_EQ(theta.getCount(), 0u);
     theta.addValue(-6.0f);
     EXPECT_FLOAT_EQ(theta.calcMean(), -6.0f);
 }
