@@ -6,6 +6,7 @@
 #include "dsp/TimeStretcher.h"
 #include "dsp/TimeStretchingDriftCompensator.h"
 #include "dsp/TimeStretchingLineInDriftCompensator.h"
+#include "support/DataFile.h"
 #include "support/LogCapture.h"
 #include "support/MainLoop.h"
 #include "support/ModuleHarness.h"
@@ -68,14 +69,15 @@ struct Stretching
     ModuleHarness harness{module};
 };
 
-std::vector<tSample> samples(std::vector<double> const& values)
+// A period as written in tests/data/time-stretches.txt.
+std::vector<tSample> samples(std::string const& text)
 {
-    return std::vector<tSample>(values.begin(), values.end());
-}
-
-std::vector<tSample> raw(std::vector<int32_t> const& values)
-{
-    return std::vector<tSample>(values.begin(), values.end());
+    std::vector<tSample> values;
+    std::istringstream words(text);
+    for (std::string word; words >> word;)
+        values.push_back(word[0] == 'r' ? tSample(int32_t(std::stoll(word.substr(1), nullptr, 0)))
+                                        : tSample(std::stod(word)));
+    return values;
 }
 
 } // namespace
@@ -191,37 +193,20 @@ TEST(TimeStretcherTest, ChangesOneFrameWhereTheStepIsSmallestOncePerOrder)
 {
     auto const stretcher = std::make_shared<TimeStretcher>("ts");
     ModuleHarness harness(stretcher);
-    auto const run = [&](std::vector<tSample> const& in, TimeStretcher::TaskForNextBuffer task) {
-        stretcher->setTaskForNextBuffer(task);
-        return harness.run(in);
-    };
-    // The quietest pair of 0, 5, 5, 9 ends at index 2.
-    auto const input = samples({0, 5, 5, 9});
-    EXPECT_EQ(run(input, TimeStretcher::Skip), samples({0, 5, 9}));
-    EXPECT_EQ(run(input, TimeStretcher::Stretch), samples({0, 5, 5, 5, 9}));
-    EXPECT_EQ(harness.run(input), input) << "the order is used up by the period it changed";
-    EXPECT_EQ(run(input, TimeStretcher::None), input);
-    // Equal steps: the first pair wins; the last pair is a candidate too.
-    EXPECT_EQ(run(samples({1, 2, 3, 4}), TimeStretcher::Skip), samples({1, 3, 4}));
-    EXPECT_EQ(run(samples({0, 5, 9, 10}), TimeStretcher::Skip), samples({0, 5, 9}));
-    // The jump across the whole range wraps to a step of 2 raw units and so counts as the smallest.
-    EXPECT_EQ(run(raw({INT32_MIN + 1, INT32_MAX, INT32_MAX - 4, 0}), TimeStretcher::Skip),
-              raw({INT32_MIN + 1, INT32_MAX - 4, 0}));
-    EXPECT_EQ(run(samples({1, 2}), TimeStretcher::Skip), samples({1}));
-    EXPECT_EQ(run(samples({1, 2}), TimeStretcher::Stretch), samples({1, 1.5, 2}));
-    // Stretch -1.0 and 0.5 to -0.25; a sum of -2^-27 halves toward zero to 0; the sum wraps in 32 bits.
-    EXPECT_EQ(run(samples({-1.0, 0.5}), TimeStretcher::Stretch), samples({-1.0, -0.25, 0.5}));
-    EXPECT_EQ(run(raw({-3, 2}), TimeStretcher::Stretch), raw({-3, 0, 2}));
-    EXPECT_EQ(run(raw({INT32_MAX, 1}), TimeStretcher::Stretch), raw({INT32_MAX, -(1 << 30), 1}));
-    EXPECT_EQ(stretcher->getNumSamplesProduced(), 3u + 5 + 4 + 4 + 3 + 3 + 3 + 1 + 3 + 3 + 3 + 3);
-
-    // A period of one frame leaves the order pending.
+    std::map<std::string, TimeStretcher::TaskForNextBuffer> const tasks = {
+        {"none", TimeStretcher::None}, {"skip", TimeStretcher::Skip}, {"stretch", TimeStretcher::Stretch}};
+    uint64_t produced = 0;
+    for (auto const& row : Testing::readTable("time-stretches.txt")) {
+        SCOPED_TRACE(row[0] + " | " + row[1]);
+        if (row[0] != "-")
+            stretcher->setTaskForNextBuffer(tasks.at(row[0]));
+        EXPECT_EQ(harness.run(samples(row[1])), samples(row[2]));
+        produced += samples(row[2]).size();
+    }
+    EXPECT_EQ(stretcher->getNumSamplesProduced(), produced);
+    EXPECT_EQ(produced, 46u) << "all 16 periods read";
     stretcher->resetNumSamplesProduced();
-    EXPECT_EQ(run(samples({0.25}), TimeStretcher::Skip), samples({0.25}));
-    EXPECT_EQ(harness.run({}), std::vector<tSample>{});
-    EXPECT_EQ(harness.run(input), samples({0, 5, 9}));
-    EXPECT_EQ(harness.run(input), input);
-    EXPECT_EQ(stretcher->getNumSamplesProduced(), 1u + 0 + 3 + 4);
+    EXPECT_EQ(stretcher->getNumSamplesProduced(), 0u);
 }
 
 TEST(TimeStretcherTest, MovedStorageIsFatal)
@@ -506,40 +491,25 @@ TEST_F(ClockDriftCompensatorTest, ModelClocksSettleWithinOneFrame)
     EXPECT_TRUE(settled >= 0 && settled < 100) << settled;
 }
 
-// Each row: gains, the limits (0: none, and the output stays 0), then measured values, each with the raw
-// Q11.20 output it gives; a NaN resets the controller. The set point is 0.
 TEST(FixedPointClosedLoopControlTest, OutputsFollowTheGainsTheLimitsAndTheDeadBand)
 {
-    struct Row
-    {
+    int steps = 0;
+    for (auto const& row : Testing::readTable("closed-loop-steps.txt")) {
+        std::istringstream setup(row[0]), values(row[1]);
         float kp, ki, kd, limit;
-        std::vector<std::pair<float, int32_t>> steps;
-    };
-    float const reset = NAN;
-    int32_t const one = 1 << 20;
-    std::vector<Row> const rows = {
-        {1, 1, 1, 0, {{3.0f, 0}}},
-        {1, 0, 0, 10, {{3.0f, -3 * one}, {20.0f, -10 * one}, {-20.0f, 10 * one}}},
-        // Frozen inside the dead band of 0.05; -0.0501 (raw -52533) times 0.01 (raw 10485), shifted right
-        // by 20, floors to -526.
-        {0, 1, 0, 100, {{0.05f, 0}, {-0.05f, 0}, {0.0501f, -526}, {0.0501f, -1052}, {reset, 0}, {0, 0}}},
-        // 1.0 / 0.01 in Q11.20: 2^40 / 10485, truncated; about 100.0072 since 10485 is slightly under 0.01.
-        {0, 0, 1, 1000, {{-1.0f, 104865200}, {-1.0f, 0}, {reset, 0}, {1.0f, -104865200}}},
-    };
-    for (Row const& row : rows) {
-        FixedPointClosedLoopControl control(row.kp, row.ki, row.kd);
-        if (row.limit > 0)
-            control.setMinMax(-row.limit, row.limit);
+        setup >> kp >> ki >> kd >> limit;
+        FixedPointClosedLoopControl control(kp, ki, kd);
+        if (limit > 0)
+            control.setMinMax(-limit, limit);
         control.setPoint(0.0f);
-        for (auto const& [in, out] : row.steps) {
-            SCOPED_TRACE(testing::Message() << row.kp << row.ki << row.kd << " at " << in);
-            if (std::isnan(in))
-                control.reset();
-            else
-                control.process(in);
+        std::string in;
+        for (int32_t out; values >> in >> out; ++steps) {
+            SCOPED_TRACE(row[0] + " at " + in);
+            in == "reset" ? control.reset() : control.process(std::stof(in));
             EXPECT_EQ(control.getOutput().getRaw(), out);
         }
     }
+    EXPECT_EQ(steps, 14);
 }
 
 TEST(FixedPointClosedLoopControlTest, SetPointOf2048DoesNotFit)
