@@ -188,10 +188,8 @@ TEST(SignalDetectorTest, ThresholdFileWinsOverTheParameterWhichAppliesOnlyOnce)
     SignalDetector("line/in", dir.path() + "/").saveThreshold(0.01f, 3.0f);
     SignalDetector("sd", dir.path() + "/missing/").saveThreshold(0.01f, 3.0f);
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"sd"});
-    auto const lines = log.lines();
-    ASSERT_EQ(lines.size(), 4u) << "two notices of construction, two errors";
-    EXPECT_EQ(lines[1], "4 line/in : signal threshold not saved, the id contains a path separator");
-    EXPECT_EQ(lines[3].rfind("4 sd : could not save signal threshold:", 0), 0u) << lines[3];
+    EXPECT_EQ(log.count("4 line/in : signal threshold not saved, the id contains a path separator"), 1);
+    EXPECT_EQ(log.count("4 sd : could not save signal threshold:"), 1);
 }
 
 TEST(SignalDetectorTest, HeadroomGrowsFromThreeToTwelveDecibelsWithinTheFirstTwoMinutes)
