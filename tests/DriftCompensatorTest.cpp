@@ -197,11 +197,11 @@ TEST(TimeStretcherTest, ChangesOneFrameWhereTheStepIsSmallestOncePerOrder)
         {"none", TimeStretcher::None}, {"skip", TimeStretcher::Skip}, {"stretch", TimeStretcher::Stretch}};
     uint64_t produced = 0;
     for (auto const& row : Testing::readTable("time-stretches.txt")) {
-        SCOPED_TRACE(row[0] + " | " + row[1]);
-        if (row[0] != "-")
-            stretcher->setTaskForNextBuffer(tasks.at(row[0]));
-        EXPECT_EQ(harness.run(samples(row[1])), samples(row[2]));
-        produced += samples(row[2]).size();
+        SCOPED_TRACE(row[2] + " | " + row[0]);
+        if (row[2] != "-")
+            stretcher->setTaskForNextBuffer(tasks.at(row[2]));
+        EXPECT_EQ(harness.run(samples(row[0])), samples(row[1]));
+        produced += samples(row[1]).size();
     }
     EXPECT_EQ(stretcher->getNumSamplesProduced(), produced);
     EXPECT_EQ(produced, 46u) << "all 16 periods read";
