@@ -83,21 +83,23 @@ TEST(ChainTest, SortsBySignalFlowAndSplitsShortcutsIntoOneWirePerPort)
     EXPECT_EQ(idsInOrder(chain), order) << "compiling twice is safe";
 }
 
-TEST(ChainTest, ExclusiveInputsRunInPlaceSharedOutputsDoNot)
+// The wrapper's second input reaches its right module.
+TEST(ChainTest, ExclusiveInputsRunInPlaceSharedOutputsDoNotAndAWrapperSplitsItsPorts)
 {
     Chain chain(48000);
     chain.addModule("output", "out")->setParameters(c_pattern, 48000);
     auto solo = chain.addModule("gain", "solo");
     auto shared = chain.addModule("gain", "shared");
     auto in = chain.addModule("input", "in");
+    auto levels = std::dynamic_pointer_cast<StereoWrapper>(chain.addStereoModule("meter", "levels"));
     chain.pullWire("solo[0]", "in[0]");
     chain.pullWire("shared[0]", "in[1]");
-    chain.pullWire("m[0]", "in[1]");
-    chain.addModule("meter", "m");
+    chain.pullWire("levels[0]", "in[1]");
+    chain.pullWire("levels[1]", "solo[0]");
     chain.pullWire("out[0]", "solo[0]");
     chain.pullWire("out[1]", "shared[0]");
     chain.compile();
-    EXPECT_EQ(idsInOrder(chain), std::vector<Tools::String>({"in", "solo", "shared", "out", "m"}));
+    EXPECT_EQ(idsInOrder(chain), std::vector<Tools::String>({"in", "solo", "shared", "out", "levels"}));
     EXPECT_EQ(solo->getOutPortBuffer(0), in->getOutPortBuffer(0));
     EXPECT_NE(shared->getOutPortBuffer(0), in->getOutPortBuffer(1));
     EXPECT_TRUE(chain.isExclusiveOutportUser("solo[0]", "in[0]"));
@@ -106,6 +108,12 @@ TEST(ChainTest, ExclusiveInputsRunInPlaceSharedOutputsDoNot)
     Chain::forModule<Gain>(chain.getModules(),
                            [&](std::shared_ptr<Module> const& m) { gains.push_back(m->getID()); });
     EXPECT_EQ(gains, std::vector<Tools::String>({"solo", "shared"}));
+
+    EXPECT_EQ(levels->getLeft()->getInPort(0), in->getOutPortBuffer(1));
+    in->getOutPortBuffer(0)->getRawData()[0] = tSample(0.75);
+    levels->process();
+    EXPECT_FLOAT_EQ(std::dynamic_pointer_cast<Meter>(levels->getRight())->exchange(0.0f), 0.75f);
+    EXPECT_FLOAT_EQ(std::dynamic_pointer_cast<Meter>(levels->getLeft())->exchange(0.0f), 0.0f);
 }
 
 TEST(ChainTest, WiringAndLookupFaultsRaiseTheirMessages)
@@ -141,12 +149,7 @@ TEST(ChainTest, FactoryMakesExactlyTheDocumentedTypesAndTheirStereoForms)
               "adaptive-biquad adaptive-limiter biquad clipguard delay dump-samples equalizer flac-encoder "
               "gain input limiter meter mixer output patchbay phase-invert resampler signal-detector sounds "
               "stereo-biquad stereo-equalizer switch timestretcher ");
-    std::unique_ptr<Module> gain(ModuleFactory::get().createModule("gain", "g1"));
-    EXPECT_EQ(std::make_pair(gain->getID(), gain->getType()),
-              std::make_pair(Tools::String("g1"), Tools::String("gain")));
-    EXPECT_NE(dynamic_cast<Gain*>(gain.get()), nullptr);
     EXPECT_EQ(ModuleFactory::get().createModule("Gain", "g1"), nullptr);
-
     Chain chain(48000);
     EXPECT_EQ(thrownMessage<ParsingException>([&] { chain.addModule("Meter", "x"); }),
               "Module type Meter not found in module factory");
@@ -157,12 +160,8 @@ TEST(ChainTest, FactoryMakesExactlyTheDocumentedTypesAndTheirStereoForms)
     auto const wrapper = std::dynamic_pointer_cast<StereoWrapper>(chain.addStereoModule("meter", "vol"));
     ASSERT_NE(wrapper, nullptr);
     EXPECT_EQ(wrapper->getType(), "stereo-wrapped meter");
-    EXPECT_EQ(std::make_pair(wrapper->getLeft()->getID(), wrapper->getRight()->getID()),
-              std::make_pair(Tools::String("vol-left"), Tools::String("vol-right")));
+    EXPECT_EQ(wrapper->getLeft()->getID() + " " + wrapper->getRight()->getID(), "vol-left vol-right");
     EXPECT_EQ(std::make_pair(wrapper->getNumInPorts(), wrapper->getNumOutPorts()), std::make_pair(2u, 0u));
-    wrapper->setParameters(Parameters{{"k", "v"}}, 32000);
-    EXPECT_EQ(wrapper->getLeft()->getParameters().getString("k"), "v");
-    EXPECT_EQ(wrapper->getRight()->getSampleRate(), 32000u);
 }
 
 TEST(ChainDeathTest, ModuleLeadingToNoSinkFailsCompilation)
@@ -171,22 +170,6 @@ TEST(ChainDeathTest, ModuleLeadingToNoSinkFailsCompilation)
     chain.addModule("input", "orphan");
     chain.addModule("meter", "m");
     EXPECT_DEATH(chain.compile(), "countOfModules == m_modules.size\\(\\)");
-}
-
-TEST(StereoWrapperTest, SecondInputReachesTheRightModule)
-{
-    Chain chain(48000);
-    auto in = chain.addModule("input", "in");
-    auto wrapper = std::dynamic_pointer_cast<StereoWrapper>(chain.addStereoModule("meter", "levels"));
-    chain.pullWire("levels[0]", "in[1]");
-    chain.pullWire("levels[1]", "in[0]");
-    chain.compile();
-    EXPECT_EQ(wrapper->getLeft()->getInPort(0), in->getOutPortBuffer(1));
-    EXPECT_EQ(wrapper->getRight()->getInPort(0), in->getOutPortBuffer(0));
-    in->getOutPortBuffer(0)->getRawData()[0] = tSample(0.75);
-    wrapper->process();
-    EXPECT_FLOAT_EQ(std::dynamic_pointer_cast<Meter>(wrapper->getRight())->exchange(0.0f), 0.75f);
-    EXPECT_FLOAT_EQ(std::dynamic_pointer_cast<Meter>(wrapper->getLeft())->exchange(0.0f), 0.0f);
 }
 
 TEST(ChainParserTest, CollectsParametersPerModuleAndAppliesThemAfterTheWholeFile)
@@ -225,16 +208,16 @@ TEST(ChainParserTest, CollectsParametersPerModuleAndAppliesThemAfterTheWholeFile
 TEST(ChainParserTest, ChainFaultsAndRefusedValuesReachTheCaller)
 {
     Testing::TemporaryDirectory dir;
-    auto const load = [&](char const* text) { Chain(48000, dir.write("c.xml", text)); };
-    EXPECT_EQ(
-        thrownMessage<ParsingException>([&] { load(R"(<dsp><module type="equaliser" id="eq"/></dsp>)"); }),
-        "Module type equaliser not found in module factory");
     // What the module would meet with a conversion error or an assertion is refused first.
-    EXPECT_EQ(
-        thrownMessage<IllegalArgumentException>([&] {
-            load(R"(<dsp><module type="gain" id="g"><parameter id="gain">24</parameter></module></dsp>)");
-        }),
-        "parameter gain of module g: must be below 24 dB, not 24");
+    EXPECT_EQ(thrownMessage<IllegalArgumentException>([&] {
+                  Chain(48000, dir.write("c.xml", R"(<dsp><module type="gain" id="g"><parameter id="gain">24)"
+                                                  R"(</parameter></module></dsp>)"));
+              }),
+              "parameter gain of module g: must be below 24 dB, not 24");
+    EXPECT_EQ(thrownMessage<ParsingException>([&] {
+                  Chain(48000, dir.write("c.xml", R"(<dsp><module type="equaliser" id="eq"/></dsp>)"));
+              }),
+              "Module type equaliser not found in module factory");
 }
 
 TEST(ChainParserDeathTest, UnreadableOrMalformedFilesEndTheProcess)
@@ -385,11 +368,7 @@ TEST(ModuleTest, PortsBuffersFlagsMetersAndTheirMessages)
               "Input port 1 of module a.b-c is not connected!\n");
     EXPECT_THROW(module.postSetup(1280), ParsingException) << "in place, its inputs must be wired";
     module.setCompileFlag(7);
-    EXPECT_TRUE(module.getCompileFlag(7));
-    EXPECT_THROW(module.setCompileFlag(8), std::out_of_range);
-    EXPECT_THROW(module.getCompileFlag(8), std::out_of_range);
-    module.resetCompileFlags();
-    EXPECT_FALSE(module.getCompileFlag(7));
+    EXPECT_THROW(module.setCompileFlag(8), std::out_of_range) << "eight flags";
 
     // In place on input 1 only: output 1 is the source's buffer, output 0 a fresh one.
     module.setInPortBuffer(0, source, 0);

@@ -90,17 +90,6 @@ std::vector<tSample> const c_minusQuarter = Testing::constant(1000, tSample(-0.2
 
 } // namespace
 
-// 1.0 reaches libFLAC as 8388608, which it refuses as a 24-bit sample (client error, state 5).
-TEST(FlacEncoderTest, FullScaleIsNotClippedAndStopsTheEncoder)
-{
-    Testing::LogCapture log;
-    Encoding e;
-    e.encoder.onSigGotFrameStateChanged(Tools::FramesWanted);
-    e.harness.process({Testing::constant(1280, tSample(1.0)), Testing::constant(1280, tSample(0.0))});
-    e.encoder.onSigGotFrameStateChanged(Tools::FramesNotWanted);
-    EXPECT_EQ(log.count("4 FlacEncoder error: 5"), 1);
-}
-
 TEST(FlacEncoderTest, StreamIsLibFlacsOwnAndReachesSubscribersInOrderOnTheMainLoop)
 {
     unsigned int const frames = 48000 + 321;
@@ -355,16 +344,15 @@ std::vector<int> sequence(int first, unsigned int count)
 
 } // namespace
 
-TEST(RingBufferTest, WrapsAroundAndReadsByAbsolutePosition)
+TEST(RingBufferTest, WrapsAroundReadsByAbsolutePositionAndRefusesMoreThanItsCapacity)
 {
     RingBuffer<int> ring(8);
-    std::vector<int> const first = sequence(0, 5), second = sequence(5, 5);
-    EXPECT_EQ(ring.write(first.data(), 5), first.data() + 5);
-    EXPECT_EQ(ring.write(second.data(), 5), second.data() + 5);
+    std::vector<int> const values = sequence(0, 10);
+    EXPECT_EQ(ring.write(values.data(), 5), values.data() + 5);
+    EXPECT_EQ(ring.write(values.data() + 5, 5), values.data() + 10);
     EXPECT_EQ(ring.getNumWritten(), 10u);
     // Positions 8 and 9 went to slots 0 and 1, over positions 0 and 1.
     EXPECT_EQ((std::vector<int>{ring.at(0), ring.at(1), ring.at(7)}), (std::vector<int>{8, 9, 7}));
-
     std::vector<int> out(8, -1);
     EXPECT_EQ(ring.read(out.data(), 8, 2), 8u);
     EXPECT_EQ(out, sequence(2, 8));
@@ -373,22 +361,13 @@ TEST(RingBufferTest, WrapsAroundAndReadsByAbsolutePosition)
     for (auto const& [n, from] : {std::pair{8u, 10ull}, {8u, 11ull}, {0u, 2ull}})
         EXPECT_EQ(ring.read(out.data(), n, from), 0u) << n << " from " << from;
     EXPECT_EQ(DETAIL::StandardModulo::slot((1ull << 32) + 3, 10), 3u) << "only the low word takes part";
-}
 
-TEST(RingBufferTest, RefusesMoreThanItsCapacityAndResetForgetsContents)
-{
-    RingBuffer<int> ring(8);
-    std::vector<int> const values = sequence(1, 9);
-    ring.write(values.data(), 3);
     EXPECT_EQ(Testing::thrownMessage<std::invalid_argument>([&] { ring.write(values.data(), 9); }),
               "too many elements delivered or buffer too small");
-    EXPECT_EQ(ring.getNumWritten(), 3u);
     EXPECT_THROW(RingBuffer<int>().write(values.data(), 1), std::invalid_argument);
-
+    EXPECT_EQ(ring.write(values.data(), 8), values.data() + 8) << "a write may fill every slot";
     ring.reset();
-    std::vector<int> out(4, -1);
-    EXPECT_EQ(ring.read(out.data(), 4, 0), 0u);
-    EXPECT_EQ(ring.at(2), 3);
+    EXPECT_EQ(ring.read(out.data(), 4, 0), 0u) << "reset forgets the contents";
 }
 
 TEST(RingBufferTest, OneWriterOneReaderNeverOverwritesUnreadElements)

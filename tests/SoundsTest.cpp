@@ -401,33 +401,3 @@ TEST(SystemSoundsPlayerTest, IdsCountUpFromOneAndUnknownIdsAreLogged)
                                "4 SystemSoundsPlayer::play(): no chain provided",
                                "4 SystemSoundsPlayer::play(): could not find module system-sounds"}));
 }
-
-// Timers never fire early, so a count of plays bounds the time from below; silence is checked over
-// two intervals. Every play makes a voice at once, before any period runs.
-TEST(SystemSoundsPlayerTest, RepeatsEachIntervalFromStartUntilStopped)
-{
-    Chain chain(44100);
-    chain.addModule("sounds", "system-sounds")->setParameters(Parameters(), 44100);
-    unsigned int const before = Rompler::getNumLiveVoices();
-    auto const plays = [&] { return Rompler::getNumLiveVoices() - before; };
-    auto const idle = [] { Testing::runMainLoopUntil([] { return false; }, std::chrono::milliseconds(80)); };
-    SystemSoundsPlayer player;
-    unsigned int const early = player.registerRepeatingSound(SystemSound::Ok, 40);
-    player.play(SystemSound::Ok, &chain);
-    EXPECT_EQ(plays(), 1u) << "a single play triggers at once";
-    idle();
-    EXPECT_EQ(plays(), 1u) << "registered sounds wait for a chain";
-    player.startAllPendingSounds(&chain);
-    unsigned int const late = player.registerRepeatingSound(SystemSound::Ok, 40);
-    player.startRepeatingSound(late, &chain);
-    gint64 const start = g_get_monotonic_time();
-    EXPECT_TRUE(Testing::runMainLoopUntil([&] { return plays() == 3; })) << "the fresh timers expire at once";
-    // Eight plays of two sounds take at least one sound to its fourth play, three intervals on.
-    EXPECT_TRUE(Testing::runMainLoopUntil([&] { return plays() >= 1 + 8; }));
-    EXPECT_GE(g_get_monotonic_time() - start, 3 * 40000);
-    player.stopRepeatingSound(early);
-    player.stopRepeatingSound(late);
-    unsigned int const afterStop = plays();
-    idle();
-    EXPECT_EQ(plays(), afterStop);
-}
