@@ -155,8 +155,14 @@ TEST(VolumeConversionTest, FollowsTheDocumentedPointsAndRisesThroughout)
             << volume;
 }
 
-TEST(ParametersTest, GettersParseLikeTheCLibraryAndHaveDefaultsForMissingKeys)
+// Each word in a case of its own, so that none of the three is compared case-sensitively unnoticed.
+TEST(ParametersTest, BooleansAreOneOrAWordInAnyCaseAndGettersParseLikeTheCLibrary)
 {
+    std::pair<char const*, bool> const cases[] = {{"1", true},   {"YES", true},  {"True", true},
+                                                  {"oN", true},  {"0", false},   {"2", false},
+                                                  {" 1", false}, {"yes ", false}};
+    for (auto const& [value, expected] : cases)
+        EXPECT_EQ((Parameters{{"k", value}}.getBool("k")), expected) << value;
     Parameters const p{{"int", "12abc"}, {"double", " 2.5"}, {"empty", ""}, {"a", "x"}, {"a", "1"}};
     EXPECT_EQ(p.get("none"), "0");
     EXPECT_EQ(p.getString("none"), "");
@@ -173,16 +179,6 @@ TEST(ParametersTest, GettersParseLikeTheCLibraryAndHaveDefaultsForMissingKeys)
     EXPECT_EQ(thrownMessage<std::invalid_argument>([&] { bad.getDouble("text"); }), "stod");
     EXPECT_EQ(thrownMessage<std::out_of_range>([&] { bad.getInt("long"); }), "stoi");
     EXPECT_EQ(thrownMessage<std::out_of_range>([&] { bad.getDouble("huge"); }), "stod");
-}
-
-// Each word in a case of its own, so that none of the three is compared case-sensitively unnoticed.
-TEST(ParametersTest, BooleansAreExactlyOneOrAWordInAnyCase)
-{
-    std::pair<char const*, bool> const cases[] = {{"1", true},   {"YES", true},  {"True", true},
-                                                  {"oN", true},  {"0", false},   {"2", false},
-                                                  {" 1", false}, {"yes ", false}};
-    for (auto const& [value, expected] : cases)
-        EXPECT_EQ((Parameters{{"k", value}}.getBool("k")), expected) << value;
 }
 
 TEST(StringTest, TemplatesFillNumberedPlaceholdersComparisonsAndDotSafeNames)

@@ -1,7 +1,6 @@
 // Gain and dynamics, routing and the input stage: the worked examples of each module from
 // tests/data/module-runs.txt, then what a table of periods cannot say.
 #include "base/ConversionTools.h"
-#include "dsp/Chain.h"
 #include "dsp/Delay.h"
 #include "dsp/Gain.h"
 #include "dsp/IllegalArgumentException.h"
@@ -17,11 +16,9 @@
 #include "support/MemoryAlsaBuffers.h"
 #include "support/ModuleHarness.h"
 #include "support/Thrown.h"
-#include <cmath>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sstream>
-#include <vector>
 
 using namespace Zelmar;
 using Testing::constant;
@@ -346,7 +343,8 @@ TEST_F(OutputStageTest, UnmuteFadesUpFromSilenceAndLeavesTheRestOfThePeriodUntou
     EXPECT_TRUE(m_stage->isMuting()) << "one unmute counted once";
 }
 
-TEST_F(OutputStageTest, PlayRequestsOpenAMutedOutputAndAnnounceChangesOnTheMainLoop)
+// The pattern's digits name the port each channel plays.
+TEST_F(OutputStageTest, PlayRequestsOpenAMutedOutputAnnounceChangesOnTheMainLoopAndPatternsRoute)
 {
     std::vector<bool> announced;
     auto connection = m_stage->connectHandlerForMuteChanges([&](bool muted) { announced.push_back(muted); });
@@ -357,6 +355,14 @@ TEST_F(OutputStageTest, PlayRequestsOpenAMutedOutputAndAnnounceChangesOnTheMainL
     EXPECT_EQ(m_stage->getTargetGain(), tSample(2.0));
     run(4800, 1280);
     EXPECT_EQ(run(16, 16)[15], tSample(0.5));
+    configure("10");
+    run(8, 8, tSample(0.25));
+    EXPECT_EQ(m_playback.getChannel(0).samples[7], tSample(-0.25));
+    EXPECT_EQ(m_playback.getChannel(1).samples[7], tSample(0.25));
+    configure("00");
+    run(8, 8, tSample(0.25));
+    EXPECT_EQ(m_playback.getChannel(1).samples[7], tSample(0.25));
+    configure("01");
     m_stage->decPlayRequests();
     m_stage->incPlayRequests();
     m_stage->decPlayRequests();
@@ -364,19 +370,6 @@ TEST_F(OutputStageTest, PlayRequestsOpenAMutedOutputAndAnnounceChangesOnTheMainL
     EXPECT_EQ(announced, (std::vector<bool>{true, true})) << "computed when the job runs, not when scheduled";
     run(4800, 1280);
     EXPECT_TRUE(m_stage->isMuting());
-}
-
-TEST_F(OutputStageTest, InterleavePatternRoutesPortsToChannels)
-{
-    configure("10");
-    m_stage->incPlayRequests();
-    run(4800, 1200);
-    run(8, 8, tSample(0.25));
-    EXPECT_EQ(m_playback.getChannel(0).samples[7], tSample(-0.25));
-    EXPECT_EQ(m_playback.getChannel(1).samples[7], tSample(0.25));
-    configure("00");
-    run(8, 8, tSample(0.25));
-    EXPECT_EQ(m_playback.getChannel(1).samples[7], tSample(0.25));
     configure("");
     EXPECT_EQ(m_stage->getNumInPorts(), 0u);
     EXPECT_NO_THROW(m_stage->process()) << "writes nothing";

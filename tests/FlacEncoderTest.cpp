@@ -301,7 +301,7 @@ TEST_F(DumpSamplesTest, PassesThroughAndWritesExactlyWhatItSawSinceTheLastParame
     }
 }
 
-TEST_F(DumpSamplesTest, RejectsAMissingOrUnwritableDirectory)
+TEST_F(DumpSamplesTest, RefusesAMissingOrUnwritableDirectoryAndCountsAndReportsSamplesWithoutRoom)
 {
     DumpSamples dump("d");
     EXPECT_EQ(
@@ -313,10 +313,6 @@ TEST_F(DumpSamplesTest, RejectsAMissingOrUnwritableDirectory)
               }),
               "DumpSamples d: cannot open " + none + "/d.raw for writing");
     EXPECT_THROW(DumpSamples("a/b").setParameters(m_parameters, 48000), IllegalArgumentException);
-}
-
-TEST_F(DumpSamplesTest, SamplesWithoutRoomAreCountedAndReported)
-{
     Testing::LogCapture log;
     uint32_t dropped = 0;
     {
@@ -370,28 +366,25 @@ TEST(RingBufferTest, WrapsAroundReadsByAbsolutePositionAndRefusesMoreThanItsCapa
     EXPECT_EQ(ring.read(out.data(), 4, 0), 0u) << "reset forgets the contents";
 }
 
-TEST(RingBufferTest, OneWriterOneReaderNeverOverwritesUnreadElements)
-{
-    OneWriterOneReaderRingBuffer<int> ring(4);
-    std::vector<int> const values = sequence(1, 6);
-    EXPECT_EQ(ring.push(values.data(), 6), 4u);
-    std::vector<int> out(6, 0);
-    EXPECT_EQ(ring.pop(out.data(), 2), 2u);
-    EXPECT_EQ(ring.push(values.data() + 4, 2), 2u);
-    EXPECT_EQ(ring.getNumReadable(), 4u);
-    EXPECT_EQ(ring.pop(out.data() + 2, 6), 4u);
-    EXPECT_EQ(out, values);
-    EXPECT_EQ(ring.pop(out.data(), 1), 0u);
-
-    ring.reset();
-    EXPECT_EQ(ring.getNumWritten() + ring.getNumReadable(), 0u);
-    EXPECT_EQ(ring.push(values.data(), 5), 4u);
-}
-
 // Also meant to run under ThreadSanitizer: the counters are the only synchronisation. The capacity is
 // not a power of two, so the slot arithmetic wraps at odd places.
-TEST(RingBufferTest, OneWriterOneReaderHandsOverMillionsInOrder)
+TEST(RingBufferTest, OneWriterOneReaderNeverOverwritesUnreadElementsAndHandsOverMillionsInOrder)
 {
+    OneWriterOneReaderRingBuffer<int> small(4);
+    std::vector<int> const six = sequence(1, 6);
+    EXPECT_EQ(small.push(six.data(), 6), 4u);
+    std::vector<int> popped(6, 0);
+    EXPECT_EQ(small.pop(popped.data(), 2), 2u);
+    EXPECT_EQ(small.push(six.data() + 4, 2), 2u);
+    EXPECT_EQ(small.getNumReadable(), 4u);
+    EXPECT_EQ(small.pop(popped.data() + 2, 6), 4u);
+    EXPECT_EQ(popped, six);
+    EXPECT_EQ(small.pop(popped.data(), 1), 0u);
+
+    small.reset();
+    EXPECT_EQ(small.getNumWritten() + small.getNumReadable(), 0u);
+    EXPECT_EQ(small.push(six.data(), 5), 4u);
+
     constexpr uint32_t total = 4000000;
     OneWriterOneReaderRingBuffer<uint32_t> ring(1000);
     std::thread writer([&] {
