@@ -11,8 +11,9 @@
 #include "dsp/StereoBiQuad.h"
 #include "dsp/StereoWrapper.h"
 #include "dsp/ThreeBandStereoEQ.h"
+#include "support/LoadedChain.h"
 #include "support/MainLoop.h"
-#include "support/MemoryAlsaBuffers.h"
+#include "support/ModuleHarness.h"
 #include "support/TemporaryDirectory.h"
 #include "support/Thrown.h"
 #include <atomic>
@@ -20,6 +21,7 @@
 #include <thread>
 
 using namespace Zelmar;
+using Testing::constant;
 using Testing::thrownMessage;
 
 namespace {
@@ -38,20 +40,15 @@ Parameters const c_pattern{{"interleave-pattern", "01"}};
 
 TEST(ChainTest, PassesAudioFromInputToOutputAndPrintsMetersOnceAsked)
 {
-    Chain chain(48000, TEST_SOURCE_DIR "/data/passthrough.xml");
-    Testing::MemoryAlsaBuffers capture(2), playback(2);
-    auto output = Testing::attachHostBuffers(chain, capture, playback);
-    output->setMute(false);
-    capture.getChannel(0).setPeriod(std::vector<tSample>(256, tSample(0.5)));
-    capture.getChannel(1).setPeriod(std::vector<tSample>(256, tSample(-0.25)));
-    chain.process();
-    EXPECT_EQ(playback.getChannel(0).samples[255], tSample(0.5));
-    EXPECT_EQ(playback.getChannel(1).samples[255], tSample(-0.25));
+    Testing::LoadedChain passthrough("passthrough.xml");
+    Chain& chain = passthrough.chain();
+    auto const out = passthrough.process(constant(256, tSample(0.5)), constant(256, tSample(-0.25)));
+    EXPECT_EQ(std::make_pair(out[255], out[511]), std::make_pair(tSample(0.5), tSample(-0.25)));
     EXPECT_FLOAT_EQ(std::dynamic_pointer_cast<Meter>(chain.findModule("level"))->exchange(0.0f), 0.5f);
     EXPECT_FLOAT_EQ(chain.findModule("in")->getStoredMeter(0), 0.0f) << "meters start disabled";
 
-    output->initialMute();
-    capture.getChannel(1).setPeriod(std::vector<tSample>(256, tSample(0.25)));
+    passthrough.output().initialMute();
+    passthrough.capture.getChannel(1).setPeriod(constant(256, tSample(0.25)));
     testing::internal::CaptureStdout();
     chain.printMeters();
     chain.process();

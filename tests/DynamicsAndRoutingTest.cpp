@@ -12,6 +12,7 @@
 #include "dsp/PatchBay.h"
 #include "dsp/Resampler.h"
 #include "support/DataFile.h"
+#include "support/LoadedChain.h"
 #include "support/MainLoop.h"
 #include "support/MemoryAlsaBuffers.h"
 #include "support/ModuleHarness.h"
@@ -106,41 +107,24 @@ TEST(ModuleRunsTest, EachModuleGivesTheWorkedExamplesInAndOutOfPlace)
 // swapped, left inverted through a switch, right both mixed and delayed by 48 frames.
 TEST(ModuleRunsTest, ConfigsWireTheModulesAndTakeChangesWhileRunning)
 {
-    struct Loaded
-    {
-        explicit Loaded(char const* file) : chain(48000, Tools::String(TEST_SOURCE_DIR "/data/") + file)
-        {
-            Testing::attachHostBuffers(chain, capture, playback)->setMute(false);
-        }
-        std::vector<tSample> feed(tSample left, tSample right, unsigned int frames,
-                                  std::vector<unsigned int> at)
-        {
-            capture.getChannel(0).setPeriod(std::vector<tSample>(frames, left));
-            capture.getChannel(1).setPeriod(std::vector<tSample>(frames, right));
-            chain.process();
-            std::vector<tSample> picked;
-            for (unsigned int i = 0; i < at.size(); i += 2)
-                picked.push_back(playback.getChannel(at[i]).samples[at[i + 1]]);
-            return picked;
-        }
-        Chain chain;
-        Testing::MemoryAlsaBuffers capture{2}, playback{2};
-    };
-    Loaded dynamics("dynamics.xml");
-    EXPECT_EQ(dynamics.feed(tSample(0.8), tSample(1.5), 256, {0, 0, 0, 255, 1, 255}),
+    Testing::LoadedChain dynamics("dynamics.xml");
+    auto out = dynamics.process(constant(256, tSample(0.8)), constant(256, tSample(1.5)));
+    EXPECT_EQ(std::vector<tSample>({out[0], out[255], out[511]}),
               std::vector<tSample>({tSample(0.25), tSample(0.25), raw(0x07FFFFFF)}));
-    std::dynamic_pointer_cast<Gain>(dynamics.chain.findModule("gain"))->fadeTo(tSample(-12.0));
-    auto const faded = dynamics.feed(tSample(0.8), tSample(0.5), 256, {0, 255, 1, 255});
-    EXPECT_LT(faded[0], tSample(0.25));
-    EXPECT_EQ(faded[1], tSample(0.5));
+    std::dynamic_pointer_cast<Gain>(dynamics.chain().findModule("gain"))->fadeTo(tSample(-12.0));
+    out = dynamics.process(constant(256, tSample(0.8)), constant(256, tSample(0.5)));
+    EXPECT_LT(out[255], tSample(0.25));
+    EXPECT_EQ(out[511], tSample(0.5));
 
-    Loaded routing("routing.xml");
-    EXPECT_EQ(routing.feed(tSample(0.5), tSample(0.25), 128, {0, 0, 1, 47, 1, 48}),
+    Testing::LoadedChain routing("routing.xml");
+    out = routing.process(constant(128, tSample(0.5)), constant(128, tSample(0.25)));
+    EXPECT_EQ(std::vector<tSample>({out[0], out[128 + 47], out[128 + 48]}),
               std::vector<tSample>({tSample(-0.25), tSample::s_Zero, tSample(0.75)}));
-    std::dynamic_pointer_cast<PatchBay>(routing.chain.findModule("bay"))
+    std::dynamic_pointer_cast<PatchBay>(routing.chain().findModule("bay"))
         ->setRoutingMode(HW::ChannelConfiguration::Mono);
-    routing.chain.findModule("switch")->setParameter("selected-port", "1");
-    EXPECT_EQ(routing.feed(tSample(0.5), tSample(0.25), 128, {0, 0, 1, 0, 1, 127}),
+    routing.chain().findModule("switch")->setParameter("selected-port", "1");
+    out = routing.process(constant(128, tSample(0.5)), constant(128, tSample(0.25)));
+    EXPECT_EQ(std::vector<tSample>({out[0], out[128], out[255]}),
               std::vector<tSample>({tSample(0.375), tSample(0.75), tSample(0.75)}));
 }
 
