@@ -139,16 +139,10 @@ TEST(ExpirationTest, FiresOnceAfterItsTimeoutAndCanBeReArmedOrCancelled)
 
 TEST(VolumeConversionTest, FollowsTheDocumentedPointsAndRisesThroughout)
 {
-    for (auto const& [volume, db] : {std::pair{-5.0, -100.0},
-                                     {0.0, -100.0},
-                                     {1.0, -80.0},
-                                     {10.0, -40.0},
-                                     {25.0, -24.08},
-                                     {50.0, -12.04},
-                                     {75.0, -5.0},
-                                     {100.0, 0.0},
-                                     {150.0, 0.0}})
-        EXPECT_NEAR(Zelmar::HW::VolumeConversion::mapToDb(volume), db, 0.005) << volume;
+    double const volumes[] = {-5, 0, 1, 10, 25, 50, 75, 100, 150};
+    double const decibels[] = {-100, -100, -80, -40, -24.08, -12.04, -5, 0, 0};
+    for (unsigned int i = 0; i < std::size(volumes); ++i)
+        EXPECT_NEAR(Zelmar::HW::VolumeConversion::mapToDb(volumes[i]), decibels[i], 0.005) << volumes[i];
     for (double volume = 0.5; volume <= 100; volume += 0.5)
         EXPECT_GT(Zelmar::HW::VolumeConversion::mapToDb(volume),
                   Zelmar::HW::VolumeConversion::mapToDb(volume - 0.5))

@@ -169,7 +169,7 @@ TEST(ChainDeathTest, ModuleLeadingToNoSinkFailsCompilation)
     EXPECT_DEATH(chain.compile(), "countOfModules == m_modules.size\\(\\)");
 }
 
-TEST(ChainParserTest, CollectsParametersPerModuleAndAppliesThemAfterTheWholeFile)
+TEST(ChainParserTest, CollectsParametersPerModuleAppliesThemAfterTheWholeFileAndRefusesFaults)
 {
     Testing::TemporaryDirectory dir;
     Chain chain(44100);
@@ -200,11 +200,6 @@ TEST(ChainParserTest, CollectsParametersPerModuleAndAppliesThemAfterTheWholeFile
     EXPECT_EQ(chain.getWires().at("late[0]"), "in[0]");
     chain.compile();
     EXPECT_EQ(chain.findModule("out")->getNumInPorts(), 2u);
-}
-
-TEST(ChainParserTest, ChainFaultsAndRefusedValuesReachTheCaller)
-{
-    Testing::TemporaryDirectory dir;
     // What the module would meet with a conversion error or an assertion is refused first.
     EXPECT_EQ(thrownMessage<IllegalArgumentException>([&] {
                   Chain(48000, dir.write("c.xml", R"(<dsp><module type="gain" id="g"><parameter id="gain">24)"

@@ -231,7 +231,7 @@ private:
 
 } // namespace
 
-TEST(FlacEncoderTest, OverrunIsCountedAndReportedOnTheMainLoop)
+TEST(FlacEncoderTest, OverrunIsCountedAndReportedOnTheMainLoopAndUnencodableRatesRefused)
 {
     Testing::LogCapture log;
     auto stalled = std::make_shared<StalledEncoder>();
@@ -246,10 +246,7 @@ TEST(FlacEncoderTest, OverrunIsCountedAndReportedOnTheMainLoop)
     EXPECT_EQ(log.count(report), 0) << "reported from the main loop, not the audio thread";
     EXPECT_TRUE(Testing::runMainLoopUntil([&] { return log.count(report) == 1; }));
     stalled->release();
-}
 
-TEST(FlacEncoderTest, RejectsASampleRateLibFlacCannotEncode)
-{
     FlacEncoder encoder("enc");
     EXPECT_EQ(Testing::thrownMessage<IllegalArgumentException>(
                   [&] { encoder.setParameters(Parameters{}, 2000000); }),

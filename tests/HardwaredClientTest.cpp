@@ -24,7 +24,7 @@ bool hasVolume(double volume)
 
 } // namespace
 
-TEST_F(HardwaredClientTest, FollowsTheDaemonAndItsVolumeAsItComesAndGoes)
+TEST_F(HardwaredClientTest, FollowsTheDaemonAndItsVolumeAndRunsExactlyOneHandlerPerCall)
 {
     auto& client = HardwaredClient::get();
     std::vector<bool> states;
@@ -35,6 +35,16 @@ TEST_F(HardwaredClientTest, FollowsTheDaemonAndItsVolumeAsItComesAndGoes)
     EXPECT_FALSE(client.isConnected());
     EXPECT_EQ(client.getVolume(), 0.0);
     EXPECT_EQ(client.tryGetProperty("volume", value), HardwaredClient::PropertyState::NoProxy);
+    std::vector<std::string> errors;
+    int successes = 0;
+    auto const onSuccess = [&] { ++successes; };
+    auto const onError = [&](Tools::String const& message) { errors.push_back(message.str()); };
+    Testing::LogCapture log;
+
+    // Refused at once, before any main-loop iteration.
+    client.setHiddenVolumeDelta(2.0, onSuccess, onError);
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_NE(errors[0].find("not connected"), std::string::npos) << errors[0];
 
     m_daemon.setVolume(40.0);
     bringUpDaemon();
@@ -54,31 +64,15 @@ TEST_F(HardwaredClientTest, FollowsTheDaemonAndItsVolumeAsItComesAndGoes)
     EXPECT_EQ(client.getVolume(), 60.0) << "the last value is kept while the daemon is away";
     bringUpDaemon();
     EXPECT_EQ(states, (std::vector<bool>{true, false, true}));
-}
-
-TEST_F(HardwaredClientTest, RunsExactlyOneHandlerPerCallAndLogsErrorsAtLevelFour)
-{
-    std::vector<std::string> errors;
-    int successes = 0;
-    auto const onSuccess = [&] { ++successes; };
-    auto const onError = [&](Tools::String const& message) { errors.push_back(message.str()); };
-    Testing::LogCapture log;
-
-    // Refused at once, before any main-loop iteration.
-    HardwaredClient::get().setHiddenVolumeDelta(2.0, onSuccess, onError);
-    ASSERT_EQ(errors.size(), 1u);
-    EXPECT_NE(errors[0].find("not connected"), std::string::npos) << errors[0];
-    bringUpDaemon();
-    HardwaredClient::get().setHiddenVolumeDelta(NAN, onSuccess, onError);
+    client.setHiddenVolumeDelta(NAN, onSuccess, onError);
     ASSERT_EQ(errors.size(), 2u);
     EXPECT_NE(errors[1].find("not a finite number"), std::string::npos) << errors[1];
 
-    HardwaredClient::get().setHiddenVolumeDelta(4.5, onSuccess, onError);
+    client.setHiddenVolumeDelta(4.5, onSuccess, onError);
     ASSERT_TRUE(runMainLoopUntil([&] { return successes == 1; }));
     m_daemon.failCallsWith("com.orvandel.Hardwared.Error.Busy", "amplifier busy");
-    HardwaredClient::get().setHiddenVolumeDelta(1.0, onSuccess, onError);
-    HardwaredClient::get().setHiddenVolumeDelta(1.5, onSuccess,
-                                                HardwaredClient::getErrorLogger("setting delta"));
+    client.setHiddenVolumeDelta(1.0, onSuccess, onError);
+    client.setHiddenVolumeDelta(1.5, onSuccess, HardwaredClient::getErrorLogger("setting delta"));
     ASSERT_TRUE(
         runMainLoopUntil([&] { return errors.size() == 3 && log.count("4 setting delta failed: ") > 0; }));
     EXPECT_NE(errors[2].find("amplifier busy"), std::string::npos) << errors[2];

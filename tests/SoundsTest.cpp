@@ -1,6 +1,5 @@
 #include "dsp/Sounds.h"
 
-#include "dsp/Chain.h"
 #include "dsp/OutputStage.h"
 #include "dsp/ParsingException.h"
 #include "dsp/Rompler.h"
@@ -70,13 +69,11 @@ struct SoundsRig
     // Processes `frames` frames in periods of `period` and appends the output, as raw words.
     void run(unsigned int frames, unsigned int period = 500)
     {
-        for (unsigned int done = 0; done < frames; done += period) {
-            auto const out = harness.process(Testing::ModuleHarness::tChannels(
-                2, Testing::constant(std::min(period, frames - done), music)));
-            for (unsigned int i = 0; i < out[0].size(); ++i) {
-                left.push_back(out[0][i].getRaw());
-                right.push_back(out[1][i].getRaw());
-            }
+        auto const out = harness.processInPeriods(
+            {Testing::constant(frames, music), Testing::constant(frames, music)}, period);
+        for (unsigned int i = 0; i < frames; ++i) {
+            left.push_back(out[0][i].getRaw());
+            right.push_back(out[1][i].getRaw());
         }
     }
 
