@@ -146,6 +146,8 @@ TEST(ChainTest, FactoryMakesExactlyTheDocumentedTypesAndTheirStereoForms)
               "adaptive-biquad adaptive-limiter biquad clipguard delay dump-samples equalizer flac-encoder "
               "gain input limiter meter mixer output patchbay phase-invert resampler signal-detector sounds "
               "stereo-biquad stereo-equalizer switch timestretcher ");
+    std::unique_ptr<Module> gain(ModuleFactory::get().createModule("gain", "g1"));
+    EXPECT_TRUE(dynamic_cast<Gain*>(gain.get()) && gain->getID() == "g1" && gain->getType() == "gain");
     EXPECT_EQ(ModuleFactory::get().createModule("Gain", "g1"), nullptr);
     Chain chain(48000);
     EXPECT_EQ(thrownMessage<ParsingException>([&] { chain.addModule("Meter", "x"); }),
@@ -196,7 +198,10 @@ TEST(ChainParserTest, CollectsParametersPerModuleAppliesThemAfterTheWholeFileAnd
         << "a module without parameters still gets a set";
     auto const late = std::dynamic_pointer_cast<StereoWrapper>(chain.findModule("late"));
     ASSERT_NE(late, nullptr);
-    EXPECT_EQ(late->getRight()->getParameters().getString("x"), "1");
+    EXPECT_EQ(late->getLeft()->getParameters().getString("x") +
+                  late->getRight()->getParameters().getString("x"),
+              "11")
+        << "both halves get the set";
     EXPECT_EQ(chain.getWires().at("late[0]"), "in[0]");
     chain.compile();
     EXPECT_EQ(chain.findModule("out")->getNumInPorts(), 2u);
@@ -361,6 +366,9 @@ TEST(ModuleTest, PortsBuffersFlagsMetersAndTheirMessages)
     EXPECT_THROW(module.postSetup(1280), ParsingException) << "in place, its inputs must be wired";
     module.setCompileFlag(7);
     EXPECT_THROW(module.setCompileFlag(8), std::out_of_range) << "eight flags";
+    EXPECT_THROW(module.getCompileFlag(8), std::out_of_range);
+    module.resetCompileFlags();
+    EXPECT_FALSE(module.getCompileFlag(7));
 
     // In place on input 1 only: output 1 is the source's buffer, output 0 a fresh one.
     module.setInPortBuffer(0, source, 0);

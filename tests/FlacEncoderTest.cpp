@@ -357,10 +357,12 @@ TEST(RingBufferTest, WrapsAroundReadsByAbsolutePositionAndRefusesMoreThanItsCapa
 
     EXPECT_EQ(Testing::thrownMessage<std::invalid_argument>([&] { ring.write(values.data(), 9); }),
               "too many elements delivered or buffer too small");
+    EXPECT_EQ(ring.getNumWritten(), 10u) << "a refused write changes nothing";
     EXPECT_THROW(RingBuffer<int>().write(values.data(), 1), std::invalid_argument);
-    EXPECT_EQ(ring.write(values.data(), 8), values.data() + 8) << "a write may fill every slot";
+    EXPECT_EQ(ring.write(values.data() + 2, 8), values.data() + 10) << "a write may fill every slot";
     ring.reset();
-    EXPECT_EQ(ring.read(out.data(), 4, 0), 0u) << "reset forgets the contents";
+    EXPECT_EQ(ring.read(out.data(), 4, 0), 0u) << "reset forgets what was written";
+    EXPECT_EQ(ring.at(2), 2) << "but leaves the slots as they are";
 }
 
 // Also meant to run under ThreadSanitizer: the counters are the only synchronisation. The capacity is
