@@ -167,6 +167,7 @@ TEST(ParametersTest, BooleansAreOneOrAWordInAnyCaseAndGettersParseLikeTheCLibrar
     EXPECT_EQ(p.getInt("int"), 12);
     EXPECT_EQ(p.getDouble("double"), 2.5);
     EXPECT_EQ(p.getString("a"), "1") << "of a duplicate key the last value is kept";
+    EXPECT_EQ(Parameters().describe(), "");
 
     Parameters const bad{{"text", "abc"}, {"huge", "1e999"}, {"long", "99999999999"}};
     EXPECT_EQ(thrownMessage<std::invalid_argument>([&] { bad.getInt("text"); }), "stoi");

@@ -378,7 +378,7 @@ template <class Stage> struct Rig
     {
         std::vector<tSample> const period(left.begin() + first,
                                           count < 0 ? left.end() : left.begin() + first + count);
-        std::vector<tSample> right;
+        right.clear();
         for (tSample s : period)
             right.push_back(-s);
         capture.getChannel(0).setPeriod(period);
@@ -396,7 +396,7 @@ template <class Stage> struct Rig
     Chain chain;
     Stage stage;
     Testing::MemoryAlsaBuffers capture{2};
-    std::vector<tSample> out;
+    std::vector<tSample> out, right;
     int mismatches = 0;
 };
 
@@ -419,6 +419,7 @@ TEST(ResamplerTest, EqualRatesBehaveAsInputStageWhichCopiesBothChannels)
         auto const period = Testing::makeSine(0.5, 997, 48000, length, length);
         EXPECT_EQ(plain.run(period), period);
         EXPECT_EQ(resampler.run(period), period);
+        EXPECT_EQ(plain.stage.getOutPort(1)->getUnderlyingStorage(), plain.right);
     }
     EXPECT_EQ(resampler.mismatches + plain.mismatches, 0);
     EXPECT_EQ(plain.stage.getOutPortBuffer(1)->getNumSampleFramesCapacity(), 1280u);

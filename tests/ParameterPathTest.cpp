@@ -105,7 +105,7 @@ TEST(ParameterPathTest, RandomChangesWhileProcessingEndAsTheLastValidSets)
     }
     // The control side switches the meters and reads the fade while the audio runs, with nothing in
     // between that would order it against the audio thread: the sanitizer sees any plain word shared.
-    auto const output = std::dynamic_pointer_cast<OutputStage>(changed.chain().findModule("out"));
+    OutputStage* const output = &changed.output();
     for (int i = 0; i < 20000; ++i) {
         changed.chain().enableMeters(i % 2);
         if (i % 2000 == 0)
