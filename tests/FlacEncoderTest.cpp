@@ -270,26 +270,22 @@ protected:
         return samples;
     }
 
+    static constexpr int64_t c_fullRange = int64_t(1) << 31;
     Testing::TemporaryDirectory m_scratch{"dump-samples-XXXXXX"};
     Parameters const m_parameters{{"directory", m_scratch.path()}};
 };
-
-std::vector<tSample> fullRangeNoise(unsigned int frames, unsigned int seed)
-{
-    return Testing::noise(frames, seed, int64_t(1) << 31);
-}
 
 } // namespace
 
 TEST_F(DumpSamplesTest, PassesThroughAndWritesExactlyWhatItSawSinceTheLastParameters)
 {
     for (bool inPlace : {true, false}) {
-        std::vector<tSample> const input = fullRangeNoise(3 * 4096 + 77, inPlace ? 1 : 2);
+        std::vector<tSample> const input = noise(3 * 4096 + 77, inPlace ? 1 : 2, c_fullRange);
         std::vector<tSample> output;
         {
             ModuleHarness harness(std::make_shared<DumpSamples>("d"), inPlace);
             harness.module().setParameters(m_parameters, 48000);
-            harness.processInPeriods({fullRangeNoise(2000, 9)}, 1280);
+            harness.processInPeriods({noise(2000, 9, c_fullRange)}, 1280);
             harness.module().setParameters(m_parameters, 48000);
             output = harness.processInPeriods({input}, 1280)[0];
         }
@@ -316,7 +312,7 @@ TEST_F(DumpSamplesTest, RefusesAMissingOrUnwritableDirectoryAndCountsAndReportsS
         // One period larger than the ring: whatever the worker manages, the surplus cannot fit.
         ModuleHarness harness(std::make_shared<DumpSamples>("e", 1000));
         harness.module().setParameters(m_parameters, 48000);
-        harness.process({fullRangeNoise(1280, 0)});
+        harness.process({noise(1280, 0, c_fullRange)});
         dropped = static_cast<DumpSamples&>(harness.module()).getDroppedSamples();
         EXPECT_GE(dropped, 280u);
         std::string const report = "4 DumpSamples e dropped " + std::to_string(dropped) +
