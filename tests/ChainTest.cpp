@@ -163,14 +163,6 @@ TEST(ChainTest, FactoryMakesExactlyTheDocumentedTypesAndTheirStereoForms)
     EXPECT_EQ(std::make_pair(wrapper->getNumInPorts(), wrapper->getNumOutPorts()), std::make_pair(2u, 0u));
 }
 
-TEST(ChainDeathTest, ModuleLeadingToNoSinkFailsCompilation)
-{
-    Chain chain(48000);
-    chain.addModule("input", "orphan");
-    chain.addModule("meter", "m");
-    EXPECT_DEATH(chain.compile(), "countOfModules == m_modules.size\\(\\)");
-}
-
 TEST(ChainParserTest, CollectsParametersPerModuleAppliesThemAfterTheWholeFileAndRefusesFaults)
 {
     Testing::TemporaryDirectory dir;
@@ -215,14 +207,6 @@ TEST(ChainParserTest, CollectsParametersPerModuleAppliesThemAfterTheWholeFileAnd
                   Chain(48000, dir.write("c.xml", R"(<dsp><module type="equaliser" id="eq"/></dsp>)"));
               }),
               "Module type equaliser not found in module factory");
-}
-
-TEST(ChainParserDeathTest, UnreadableOrMalformedFilesEndTheProcess)
-{
-    Testing::TemporaryDirectory dir;
-    EXPECT_DEATH(Chain(48000, "/nonexistent/dsp.xml"), "Could not open dsp config file: ");
-    std::string const broken = dir.write("broken.xml", "<dsp><module type=\"input\" id=\"in\"></dsp>");
-    EXPECT_DEATH(Chain(48000, broken), "Could not parse dsp config file: ");
 }
 
 TEST(ChainPrinterTest, DescribesEachWireAndRendersTheDescriptionWithDot)
@@ -398,7 +382,9 @@ TEST(ModuleTest, PortsBuffersFlagsMetersAndTheirMessages)
     EXPECT_EQ(module.getSampleRate(), 44100u);
 }
 
-TEST(ModuleDeathTest, InPlaceModuleWithFewerInputsThanOutputsAsserts)
+// A module leading to no sink, an unreadable or malformed file, and an in-place module whose inputs are
+// fewer than its outputs end the process.
+TEST(ChainDeathTest, CompilingLoadingAndSettingUpCatchWhatMustNotRun)
 {
     // Reports equal counts but sized its inputs short, which postSetup must catch.
     struct Lopsided : PortsModule
@@ -410,4 +396,12 @@ TEST(ModuleDeathTest, InPlaceModuleWithFewerInputsThanOutputsAsserts)
     source->postSetup(16);
     module.setInPortBuffer(0, source, 0);
     EXPECT_DEATH(module.postSetup(16), "m_ins.size\\(\\) > out");
+    Chain chain(48000);
+    chain.addModule("input", "orphan");
+    chain.addModule("meter", "m");
+    EXPECT_DEATH(chain.compile(), "countOfModules == m_modules.size\\(\\)");
+    Testing::TemporaryDirectory dir;
+    EXPECT_DEATH(Chain(48000, "/nonexistent/dsp.xml"), "Could not open dsp config file: ");
+    std::string const broken = dir.write("broken.xml", "<dsp><module type=\"input\" id=\"in\"></dsp>");
+    EXPECT_DEATH(Chain(48000, broken), "Could not parse dsp config file: ");
 }

@@ -6,7 +6,6 @@
 #include "dsp/RomplerData.h"
 #include "dsp/SystemSoundsPlayer.h"
 #include "sounds/FlacWriter.h"
-#include "support/DataFile.h"
 #include "support/HeapWatch.h"
 #include "support/LogCapture.h"
 #include "support/MainLoop.h"
@@ -301,21 +300,20 @@ TEST(SoundsTest, AdoptsTheOneOutputStageOnly)
 
 TEST(SoundsTest, GeneratedSoundsAreTheTenShortStereoFiles)
 {
-    auto const names =
-        Testing::split("connected-bt.flac disconnected-bt.flac error.flac ok.flac touch.flac "
-                       "touch-play-pause.flac wait-for-connection.flac direct-line-in-playback.flac "
-                       "line-in-streaming.flac welcome.flac",
-                       " ");
     SoundsRig rig(44100);
     RomplerData::setSoundsDirectory(GENERATED_SOUNDS_DIR);
+    std::string names;
     for (unsigned int value = 0; value < c_numSystemSounds; ++value) {
-        EXPECT_EQ(rig.sounds->getFileName(SystemSound(value)), names[value]);
+        names += rig.sounds->getFileName(SystemSound(value)).str() + " ";
         auto const& samples = rig.load(SystemSound(value)).getSamples();
         auto const [low, high] = std::minmax_element(samples.begin(), samples.end());
         EXPECT_TRUE(samples.size() / 2 > 441 && samples.size() / 2 < 44100 && *high > 8000 && *low < -8000)
             << value;
     }
     RomplerData::setSoundsDirectory("");
+    EXPECT_EQ(names,
+              "connected-bt.flac disconnected-bt.flac error.flac ok.flac touch.flac touch-play-pause.flac "
+              "wait-for-connection.flac direct-line-in-playback.flac line-in-streaming.flac welcome.flac ");
     FLAC__StreamMetadata info;
     ASSERT_TRUE(FLAC__metadata_get_streaminfo(GENERATED_SOUNDS_DIR "/welcome.flac", &info));
     auto const& stream = info.data.stream_info;
