@@ -4,8 +4,8 @@
 #include "dsp/FlacEncoder.h"
 #include "dsp/RomplerData.h"
 #include "dsp/Sounds.h"
-#include "support/EveryTypeChain.h"
 #include "support/HeapWatch.h"
+#include "support/LoadedChain.h"
 #include "support/LogCapture.h"
 #include "support/MainLoop.h"
 
@@ -27,7 +27,7 @@ TEST(ChainTest, ProcessingEveryModuleTypeNeverTouchesTheHeap)
 
     Testing::LogCapture quiet(7);
     // Alike but for the sounds, to tell what they change.
-    Testing::EveryTypeChain every, silent;
+    Testing::LoadedChain every("every-type.xml"), silent("every-type.xml");
     every.chain().enableMeters(true);
     auto const sounds = std::dynamic_pointer_cast<Sounds>(every.chain().findModule("system-sounds"));
     RomplerData::setSoundsDirectory(GENERATED_SOUNDS_DIR);
@@ -61,7 +61,7 @@ TEST(ChainTest, ProcessingEveryModuleTypeNeverTouchesTheHeap)
         every.chain().process();
         Testing::watchHeapOnThisThread(false);
         ASSERT_EQ(Testing::takeHeapCallsOfWatchedThreads(), 0) << "period " << period;
-        auto const last = [&](Testing::EveryTypeChain& chain) {
+        auto const last = [&](Testing::LoadedChain& chain) {
             return chain.chain().findModule("system-sounds")->getOutPortBuffer(0)->getRawData()[frames - 1];
         };
         ducked += last(every) != last(silent);
@@ -88,7 +88,7 @@ TEST(ChainTest, AChangeInEveryPeriodForAMillionPeriodsLeavesTheHeapAsItWas)
         {"al", "attack", {"2", "1"}},          {"sb", "gain", {"2", "3"}},
     };
     Testing::LogCapture quiet(7);
-    Testing::EveryTypeChain every;
+    Testing::LoadedChain every("every-type.xml");
     std::vector<tSample> const period(8, tSample(0.25));
     std::mt19937 random(5);
     auto const run = [&](unsigned int periods) {

@@ -7,7 +7,10 @@
 #include "dsp/Parameters.h"
 #include "support/MainLoop.h"
 #include "support/Thrown.h"
+#include "tools/PeriodTimeHistogram.h"
 #include <gtest/gtest.h>
+#include <malloc.h>
+#include <memory>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -68,6 +71,23 @@ TEST(SignalTest, SlotsLiveWhileTheirConnectionLivesAndRunFrontToBack)
     EXPECT_EQ(signal.getNumConnections(), 1u);
 }
 
+// A long-running host makes and drops a chain (each connecting to the daemon client's signal) at every
+// reload, while that signal may never fire.
+TEST(SignalTest, ASilentSignalFreesTheSlotsDroppedBeforeTheNextConnects)
+{
+    Signal<void(int)> signal;
+    auto const heapInUse = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
+    auto const connectAndDrop = [&] {
+        for (int i = 0; i < 1000; ++i)
+            signal.connect([](int) {});
+    };
+    connectAndDrop();
+    size_t const before = heapInUse();
+    connectAndDrop();
+    // Each slot with its handler takes some 100 bytes; one left behind per connect would show as 100 kB.
+    EXPECT_LT(heapInUse() - before, 1000u * 8u);
+}
+
 TEST(MainLoopCallbackTest, SchedulesFromAnotherThreadRunOnceOnTheOwningContext)
 {
     GMainContext* context = g_main_context_new();
@@ -119,24 +139,24 @@ TEST(ExpirationTest, FiresOnceAfterItsTimeoutAndCanBeReArmedOrCancelled)
 
 TEST(VolumeConversionTest, FollowsTheDocumentedPointsAndRisesThroughout)
 {
-    for (auto const& [volume, db] : {std::pair{-5.0, -100.0},
-                                     {0.0, -100.0},
-                                     {1.0, -80.0},
-                                     {10.0, -40.0},
-                                     {25.0, -24.08},
-                                     {50.0, -12.04},
-                                     {75.0, -5.0},
-                                     {100.0, 0.0},
-                                     {150.0, 0.0}})
-        EXPECT_NEAR(Zelmar::HW::VolumeConversion::mapToDb(volume), db, 0.005) << volume;
+    double const volumes[] = {-5, 0, 1, 10, 25, 50, 75, 100, 150};
+    double const decibels[] = {-100, -100, -80, -40, -24.08, -12.04, -5, 0, 0};
+    for (unsigned int i = 0; i < std::size(volumes); ++i)
+        EXPECT_NEAR(Zelmar::HW::VolumeConversion::mapToDb(volumes[i]), decibels[i], 0.005) << volumes[i];
     for (double volume = 0.5; volume <= 100; volume += 0.5)
         EXPECT_GT(Zelmar::HW::VolumeConversion::mapToDb(volume),
                   Zelmar::HW::VolumeConversion::mapToDb(volume - 0.5))
             << volume;
 }
 
-TEST(ParametersTest, GettersParseLikeTheCLibraryAndHaveDefaultsForMissingKeys)
+// Each word in a case of its own, so that none of the three is compared case-sensitively unnoticed.
+TEST(ParametersTest, BooleansAreOneOrAWordInAnyCaseAndGettersParseLikeTheCLibrary)
 {
+    std::pair<char const*, bool> const cases[] = {{"1", true},   {"YES", true},  {"True", true},
+                                                  {"oN", true},  {"0", false},   {"2", false},
+                                                  {" 1", false}, {"yes ", false}};
+    for (auto const& [value, expected] : cases)
+        EXPECT_EQ((Parameters{{"k", value}}.getBool("k")), expected) << value;
     Parameters const p{{"int", "12abc"}, {"double", " 2.5"}, {"empty", ""}, {"a", "x"}, {"a", "1"}};
     EXPECT_EQ(p.get("none"), "0");
     EXPECT_EQ(p.getString("none"), "");
@@ -148,7 +168,6 @@ TEST(ParametersTest, GettersParseLikeTheCLibraryAndHaveDefaultsForMissingKeys)
     EXPECT_EQ(p.getDouble("double"), 2.5);
     EXPECT_EQ(p.getString("a"), "1") << "of a duplicate key the last value is kept";
     EXPECT_EQ(Parameters().describe(), "");
-    EXPECT_EQ((Parameters{{"b", "2"}, {"a", "1"}}.describe()), "  a=1\\l  b=2\\l");
 
     Parameters const bad{{"text", "abc"}, {"huge", "1e999"}, {"long", "99999999999"}};
     EXPECT_EQ(thrownMessage<std::invalid_argument>([&] { bad.getInt("text"); }), "stoi");
@@ -157,17 +176,7 @@ TEST(ParametersTest, GettersParseLikeTheCLibraryAndHaveDefaultsForMissingKeys)
     EXPECT_EQ(thrownMessage<std::out_of_range>([&] { bad.getDouble("huge"); }), "stod");
 }
 
-// Each word in a case of its own, so that none of the three is compared case-sensitively unnoticed.
-TEST(ParametersTest, BooleansAreExactlyOneOrAWordInAnyCase)
-{
-    std::pair<char const*, bool> const cases[] = {{"1", true},   {"YES", true},  {"True", true},
-                                                  {"oN", true},  {"0", false},   {"2", false},
-                                                  {" 1", false}, {"yes ", false}};
-    for (auto const& [value, expected] : cases)
-        EXPECT_EQ((Parameters{{"k", value}}.getBool("k")), expected) << value;
-}
-
-TEST(StringTest, TemplatesFillNumberedPlaceholdersOrYieldTheWarning)
+TEST(StringTest, TemplatesFillNumberedPlaceholdersComparisonsAndDotSafeNames)
 {
     EXPECT_EQ(String::format("gain %0 dB", 3), "gain 3 dB");
     EXPECT_EQ(String::format("100%%"), "100%");
@@ -176,13 +185,26 @@ TEST(StringTest, TemplatesFillNumberedPlaceholdersOrYieldTheWarning)
     EXPECT_EQ(String::format("%s", 1),
               "do not use printf like patterns, instead use %0, %1, %2... and %% for the % itself -> %s");
     EXPECT_EQ(String::format("50%"), "last character is a single % -> probably you meant %%? ->50%");
+    EXPECT_TRUE(String("YeS").equals("yes", false) && !String("YeS").equals("yes", true));
+    EXPECT_TRUE(String("ab") < String("abc") && String("B") < String("a"));
+    EXPECT_EQ(String("eq-1.left").replaceNonAlphanumericChars('_'), "eq_1_left");
 }
 
-TEST(StringTest, ComparesByteWiseOrWithoutRegardToCaseAndMakesDotSafeNames)
+TEST(PeriodTimeHistogramTest, QuantilesReadBackWithinATenthOfAPercent)
 {
-    EXPECT_TRUE(String("YeS").equals("yes", false));
-    EXPECT_FALSE(String("YeS").equals("yes", true));
-    EXPECT_TRUE(String("ab") < String("abc"));
-    EXPECT_TRUE(String("B") < String("a"));
-    EXPECT_EQ(String("eq-1.left").replaceNonAlphanumericChars('_'), "eq_1_left");
+    auto const histogram = std::make_unique<Zelmar::Host::PeriodTimeHistogram>();
+    EXPECT_EQ(histogram->quantile(0.5), 0u);
+    // 1 us to 10 ms in 10 ns steps, then one period 20 minutes long, beyond the last bin.
+    for (uint64_t ns = 1000; ns <= 10000000; ns += 10)
+        histogram->record(ns);
+    uint64_t const longest = 1200000000000;
+    histogram->record(longest);
+    for (auto const& [q, expected] : {std::pair{0.0, 1000.0},
+                                      {0.5, 5000500.0},
+                                      {0.99, 9900100.0},
+                                      {0.999, 9990010.0},
+                                      {1.0, double(longest)}})
+        EXPECT_NEAR(double(histogram->quantile(q)), expected, expected / 1024) << q;
+    EXPECT_EQ(histogram->getMax(), longest);
+    EXPECT_EQ(histogram->getCount(), 999902u);
 }

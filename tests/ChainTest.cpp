@@ -11,8 +11,9 @@
 #include "dsp/StereoBiQuad.h"
 #include "dsp/StereoWrapper.h"
 #include "dsp/ThreeBandStereoEQ.h"
+#include "support/LoadedChain.h"
 #include "support/MainLoop.h"
-#include "support/MemoryAlsaBuffers.h"
+#include "support/ModuleHarness.h"
 #include "support/TemporaryDirectory.h"
 #include "support/Thrown.h"
 #include <atomic>
@@ -20,6 +21,7 @@
 #include <thread>
 
 using namespace Zelmar;
+using Testing::constant;
 using Testing::thrownMessage;
 
 namespace {
@@ -38,20 +40,15 @@ Parameters const c_pattern{{"interleave-pattern", "01"}};
 
 TEST(ChainTest, PassesAudioFromInputToOutputAndPrintsMetersOnceAsked)
 {
-    Chain chain(48000, TEST_SOURCE_DIR "/data/passthrough.xml");
-    Testing::MemoryAlsaBuffers capture(2), playback(2);
-    auto output = Testing::attachHostBuffers(chain, capture, playback);
-    output->setMute(false);
-    capture.getChannel(0).setPeriod(std::vector<tSample>(256, tSample(0.5)));
-    capture.getChannel(1).setPeriod(std::vector<tSample>(256, tSample(-0.25)));
-    chain.process();
-    EXPECT_EQ(playback.getChannel(0).samples[255], tSample(0.5));
-    EXPECT_EQ(playback.getChannel(1).samples[255], tSample(-0.25));
+    Testing::LoadedChain passthrough("passthrough.xml");
+    Chain& chain = passthrough.chain();
+    auto const out = passthrough.process(constant(256, tSample(0.5)), constant(256, tSample(-0.25)));
+    EXPECT_EQ(std::make_pair(out[255], out[511]), std::make_pair(tSample(0.5), tSample(-0.25)));
     EXPECT_FLOAT_EQ(std::dynamic_pointer_cast<Meter>(chain.findModule("level"))->exchange(0.0f), 0.5f);
     EXPECT_FLOAT_EQ(chain.findModule("in")->getStoredMeter(0), 0.0f) << "meters start disabled";
 
-    output->initialMute();
-    capture.getChannel(1).setPeriod(std::vector<tSample>(256, tSample(0.25)));
+    passthrough.output().initialMute();
+    passthrough.capture.getChannel(1).setPeriod(constant(256, tSample(0.25)));
     testing::internal::CaptureStdout();
     chain.printMeters();
     chain.process();
@@ -83,21 +80,23 @@ TEST(ChainTest, SortsBySignalFlowAndSplitsShortcutsIntoOneWirePerPort)
     EXPECT_EQ(idsInOrder(chain), order) << "compiling twice is safe";
 }
 
-TEST(ChainTest, ExclusiveInputsRunInPlaceSharedOutputsDoNot)
+// The wrapper's second input reaches its right module.
+TEST(ChainTest, ExclusiveInputsRunInPlaceSharedOutputsDoNotAndAWrapperSplitsItsPorts)
 {
     Chain chain(48000);
     chain.addModule("output", "out")->setParameters(c_pattern, 48000);
     auto solo = chain.addModule("gain", "solo");
     auto shared = chain.addModule("gain", "shared");
     auto in = chain.addModule("input", "in");
+    auto levels = std::dynamic_pointer_cast<StereoWrapper>(chain.addStereoModule("meter", "levels"));
     chain.pullWire("solo[0]", "in[0]");
     chain.pullWire("shared[0]", "in[1]");
-    chain.pullWire("m[0]", "in[1]");
-    chain.addModule("meter", "m");
+    chain.pullWire("levels[0]", "in[1]");
+    chain.pullWire("levels[1]", "solo[0]");
     chain.pullWire("out[0]", "solo[0]");
     chain.pullWire("out[1]", "shared[0]");
     chain.compile();
-    EXPECT_EQ(idsInOrder(chain), std::vector<Tools::String>({"in", "solo", "shared", "out", "m"}));
+    EXPECT_EQ(idsInOrder(chain), std::vector<Tools::String>({"in", "solo", "shared", "out", "levels"}));
     EXPECT_EQ(solo->getOutPortBuffer(0), in->getOutPortBuffer(0));
     EXPECT_NE(shared->getOutPortBuffer(0), in->getOutPortBuffer(1));
     EXPECT_TRUE(chain.isExclusiveOutportUser("solo[0]", "in[0]"));
@@ -106,6 +105,12 @@ TEST(ChainTest, ExclusiveInputsRunInPlaceSharedOutputsDoNot)
     Chain::forModule<Gain>(chain.getModules(),
                            [&](std::shared_ptr<Module> const& m) { gains.push_back(m->getID()); });
     EXPECT_EQ(gains, std::vector<Tools::String>({"solo", "shared"}));
+
+    EXPECT_EQ(levels->getLeft()->getInPort(0), in->getOutPortBuffer(1));
+    in->getOutPortBuffer(0)->getRawData()[0] = tSample(0.75);
+    levels->process();
+    EXPECT_FLOAT_EQ(std::dynamic_pointer_cast<Meter>(levels->getRight())->exchange(0.0f), 0.75f);
+    EXPECT_FLOAT_EQ(std::dynamic_pointer_cast<Meter>(levels->getLeft())->exchange(0.0f), 0.0f);
 }
 
 TEST(ChainTest, WiringAndLookupFaultsRaiseTheirMessages)
@@ -142,11 +147,8 @@ TEST(ChainTest, FactoryMakesExactlyTheDocumentedTypesAndTheirStereoForms)
               "gain input limiter meter mixer output patchbay phase-invert resampler signal-detector sounds "
               "stereo-biquad stereo-equalizer switch timestretcher ");
     std::unique_ptr<Module> gain(ModuleFactory::get().createModule("gain", "g1"));
-    EXPECT_EQ(std::make_pair(gain->getID(), gain->getType()),
-              std::make_pair(Tools::String("g1"), Tools::String("gain")));
-    EXPECT_NE(dynamic_cast<Gain*>(gain.get()), nullptr);
+    EXPECT_TRUE(dynamic_cast<Gain*>(gain.get()) && gain->getID() == "g1" && gain->getType() == "gain");
     EXPECT_EQ(ModuleFactory::get().createModule("Gain", "g1"), nullptr);
-
     Chain chain(48000);
     EXPECT_EQ(thrownMessage<ParsingException>([&] { chain.addModule("Meter", "x"); }),
               "Module type Meter not found in module factory");
@@ -157,39 +159,11 @@ TEST(ChainTest, FactoryMakesExactlyTheDocumentedTypesAndTheirStereoForms)
     auto const wrapper = std::dynamic_pointer_cast<StereoWrapper>(chain.addStereoModule("meter", "vol"));
     ASSERT_NE(wrapper, nullptr);
     EXPECT_EQ(wrapper->getType(), "stereo-wrapped meter");
-    EXPECT_EQ(std::make_pair(wrapper->getLeft()->getID(), wrapper->getRight()->getID()),
-              std::make_pair(Tools::String("vol-left"), Tools::String("vol-right")));
+    EXPECT_EQ(wrapper->getLeft()->getID() + " " + wrapper->getRight()->getID(), "vol-left vol-right");
     EXPECT_EQ(std::make_pair(wrapper->getNumInPorts(), wrapper->getNumOutPorts()), std::make_pair(2u, 0u));
-    wrapper->setParameters(Parameters{{"k", "v"}}, 32000);
-    EXPECT_EQ(wrapper->getLeft()->getParameters().getString("k"), "v");
-    EXPECT_EQ(wrapper->getRight()->getSampleRate(), 32000u);
 }
 
-TEST(ChainDeathTest, ModuleLeadingToNoSinkFailsCompilation)
-{
-    Chain chain(48000);
-    chain.addModule("input", "orphan");
-    chain.addModule("meter", "m");
-    EXPECT_DEATH(chain.compile(), "countOfModules == m_modules.size\\(\\)");
-}
-
-TEST(StereoWrapperTest, SecondInputReachesTheRightModule)
-{
-    Chain chain(48000);
-    auto in = chain.addModule("input", "in");
-    auto wrapper = std::dynamic_pointer_cast<StereoWrapper>(chain.addStereoModule("meter", "levels"));
-    chain.pullWire("levels[0]", "in[1]");
-    chain.pullWire("levels[1]", "in[0]");
-    chain.compile();
-    EXPECT_EQ(wrapper->getLeft()->getInPort(0), in->getOutPortBuffer(1));
-    EXPECT_EQ(wrapper->getRight()->getInPort(0), in->getOutPortBuffer(0));
-    in->getOutPortBuffer(0)->getRawData()[0] = tSample(0.75);
-    wrapper->process();
-    EXPECT_FLOAT_EQ(std::dynamic_pointer_cast<Meter>(wrapper->getRight())->exchange(0.0f), 0.75f);
-    EXPECT_FLOAT_EQ(std::dynamic_pointer_cast<Meter>(wrapper->getLeft())->exchange(0.0f), 0.0f);
-}
-
-TEST(ChainParserTest, CollectsParametersPerModuleAndAppliesThemAfterTheWholeFile)
+TEST(ChainParserTest, CollectsParametersPerModuleAppliesThemAfterTheWholeFileAndRefusesFaults)
 {
     Testing::TemporaryDirectory dir;
     Chain chain(44100);
@@ -216,33 +190,23 @@ TEST(ChainParserTest, CollectsParametersPerModuleAndAppliesThemAfterTheWholeFile
         << "a module without parameters still gets a set";
     auto const late = std::dynamic_pointer_cast<StereoWrapper>(chain.findModule("late"));
     ASSERT_NE(late, nullptr);
-    EXPECT_EQ(late->getRight()->getParameters().getString("x"), "1");
+    EXPECT_EQ(late->getLeft()->getParameters().getString("x") +
+                  late->getRight()->getParameters().getString("x"),
+              "11")
+        << "both halves get the set";
     EXPECT_EQ(chain.getWires().at("late[0]"), "in[0]");
     chain.compile();
     EXPECT_EQ(chain.findModule("out")->getNumInPorts(), 2u);
-}
-
-TEST(ChainParserTest, ChainFaultsAndRefusedValuesReachTheCaller)
-{
-    Testing::TemporaryDirectory dir;
-    auto const load = [&](char const* text) { Chain(48000, dir.write("c.xml", text)); };
-    EXPECT_EQ(
-        thrownMessage<ParsingException>([&] { load(R"(<dsp><module type="equaliser" id="eq"/></dsp>)"); }),
-        "Module type equaliser not found in module factory");
     // What the module would meet with a conversion error or an assertion is refused first.
-    EXPECT_EQ(
-        thrownMessage<IllegalArgumentException>([&] {
-            load(R"(<dsp><module type="gain" id="g"><parameter id="gain">24</parameter></module></dsp>)");
-        }),
-        "parameter gain of module g: must be below 24 dB, not 24");
-}
-
-TEST(ChainParserDeathTest, UnreadableOrMalformedFilesEndTheProcess)
-{
-    Testing::TemporaryDirectory dir;
-    EXPECT_DEATH(Chain(48000, "/nonexistent/dsp.xml"), "Could not open dsp config file: ");
-    std::string const broken = dir.write("broken.xml", "<dsp><module type=\"input\" id=\"in\"></dsp>");
-    EXPECT_DEATH(Chain(48000, broken), "Could not parse dsp config file: ");
+    EXPECT_EQ(thrownMessage<IllegalArgumentException>([&] {
+                  Chain(48000, dir.write("c.xml", R"(<dsp><module type="gain" id="g"><parameter id="gain">24)"
+                                                  R"(</parameter></module></dsp>)"));
+              }),
+              "parameter gain of module g: must be below 24 dB, not 24");
+    EXPECT_EQ(thrownMessage<ParsingException>([&] {
+                  Chain(48000, dir.write("c.xml", R"(<dsp><module type="equaliser" id="eq"/></dsp>)"));
+              }),
+              "Module type equaliser not found in module factory");
 }
 
 TEST(ChainPrinterTest, DescribesEachWireAndRendersTheDescriptionWithDot)
@@ -385,8 +349,7 @@ TEST(ModuleTest, PortsBuffersFlagsMetersAndTheirMessages)
               "Input port 1 of module a.b-c is not connected!\n");
     EXPECT_THROW(module.postSetup(1280), ParsingException) << "in place, its inputs must be wired";
     module.setCompileFlag(7);
-    EXPECT_TRUE(module.getCompileFlag(7));
-    EXPECT_THROW(module.setCompileFlag(8), std::out_of_range);
+    EXPECT_THROW(module.setCompileFlag(8), std::out_of_range) << "eight flags";
     EXPECT_THROW(module.getCompileFlag(8), std::out_of_range);
     module.resetCompileFlags();
     EXPECT_FALSE(module.getCompileFlag(7));
@@ -419,7 +382,9 @@ TEST(ModuleTest, PortsBuffersFlagsMetersAndTheirMessages)
     EXPECT_EQ(module.getSampleRate(), 44100u);
 }
 
-TEST(ModuleDeathTest, InPlaceModuleWithFewerInputsThanOutputsAsserts)
+// A module leading to no sink, an unreadable or malformed file, and an in-place module whose inputs are
+// fewer than its outputs end the process.
+TEST(ChainDeathTest, CompilingLoadingAndSettingUpCatchWhatMustNotRun)
 {
     // Reports equal counts but sized its inputs short, which postSetup must catch.
     struct Lopsided : PortsModule
@@ -431,4 +396,12 @@ TEST(ModuleDeathTest, InPlaceModuleWithFewerInputsThanOutputsAsserts)
     source->postSetup(16);
     module.setInPortBuffer(0, source, 0);
     EXPECT_DEATH(module.postSetup(16), "m_ins.size\\(\\) > out");
+    Chain chain(48000);
+    chain.addModule("input", "orphan");
+    chain.addModule("meter", "m");
+    EXPECT_DEATH(chain.compile(), "countOfModules == m_modules.size\\(\\)");
+    Testing::TemporaryDirectory dir;
+    EXPECT_DEATH(Chain(48000, "/nonexistent/dsp.xml"), "Could not open dsp config file: ");
+    std::string const broken = dir.write("broken.xml", "<dsp><module type=\"input\" id=\"in\"></dsp>");
+    EXPECT_DEATH(Chain(48000, broken), "Could not parse dsp config file: ");
 }

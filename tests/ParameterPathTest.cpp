@@ -14,7 +14,7 @@
 #include "dsp/ModuleFactory.h"
 #include "dsp/OutputStage.h"
 #include "support/DataFile.h"
-#include "support/EveryTypeChain.h"
+#include "support/LoadedChain.h"
 #include "support/LogCapture.h"
 #include "support/MainLoop.h"
 #include "support/ModuleHarness.h"
@@ -68,7 +68,7 @@ TEST(ParameterPathTest, RandomChangesWhileProcessingEndAsTheLastValidSets)
     Testing::LogCapture quiet(7);
     Testing::PrivateDbus bus;
     GDBusConnection* connection = bus.connect();
-    Testing::EveryTypeChain changed;
+    Testing::LoadedChain changed("every-type.xml");
     auto const service = std::make_unique<ChainService>(changed.chain(), connection);
     std::vector<std::string> values =
         Testing::split("-100|-5|-1|0|0.5|1|3|10|24|30|1000|44100|96000|nan|x||01|"
@@ -105,7 +105,7 @@ TEST(ParameterPathTest, RandomChangesWhileProcessingEndAsTheLastValidSets)
     }
     // The control side switches the meters and reads the fade while the audio runs, with nothing in
     // between that would order it against the audio thread: the sanitizer sees any plain word shared.
-    auto const output = std::dynamic_pointer_cast<OutputStage>(changed.chain().findModule("out"));
+    OutputStage* const output = &changed.output();
     for (int i = 0; i < 20000; ++i) {
         changed.chain().enableMeters(i % 2);
         if (i % 2000 == 0)
@@ -121,7 +121,7 @@ TEST(ParameterPathTest, RandomChangesWhileProcessingEndAsTheLastValidSets)
     audio.join();
 
     service->handleSetParameters(tuples(setsOfTheFile(changed.config())).get());
-    Testing::EveryTypeChain fresh;
+    Testing::LoadedChain fresh("every-type.xml");
     for (unsigned int period = 0; period < 40; ++period) {
         auto const left = Testing::noise(256, 2 * period, int64_t(1) << 25);
         auto const right = Testing::noise(256, 2 * period + 1, int64_t(1) << 25);
@@ -134,12 +134,11 @@ TEST(ParameterPathTest, RandomChangesWhileProcessingEndAsTheLastValidSets)
 // no-op set emptied the period it arrived in.
 TEST(ParameterPathTest, TheSameSetArrivingWhilePeriodsRunNeverEmptiesOne)
 {
-    Chain chain(48000, TEST_SOURCE_DIR "/data/passthrough.xml");
-    Testing::MemoryAlsaBuffers capture(2), playback(2);
-    auto const output = Testing::attachHostBuffers(chain, capture, playback);
-    output->setMute(false);
+    Testing::LoadedChain passthrough("passthrough.xml");
+    Chain& chain = passthrough.chain();
+    auto& playback = passthrough.playback;
     for (unsigned int channel = 0; channel < 2; ++channel)
-        capture.getChannel(channel).setPeriod(std::vector<tSample>(64, tSample(0.5)));
+        passthrough.capture.getChannel(channel).setPeriod(std::vector<tSample>(64, tSample(0.5)));
     std::atomic<bool> stop{false};
     std::atomic<int> emptied{0};
     std::thread audio([&] {
@@ -150,7 +149,7 @@ TEST(ParameterPathTest, TheSameSetArrivingWhilePeriodsRunNeverEmptiesOne)
         }
     });
     for (int i = 0; i < 2000; ++i) {
-        output->applyParameters(Parameters{{"interleave-pattern", "01"}}, 48000);
+        passthrough.output().applyParameters(Parameters{{"interleave-pattern", "01"}}, 48000);
         Testing::runPendingMainLoopJobs();
     }
     stop = true;
@@ -163,20 +162,16 @@ TEST(ParameterPathTest, TenThousandModulesInSeriesLoadInSignalFlowOrder)
 {
     std::string config =
         "<dsp><module type=\"input\" id=\"in\"/><module type=\"output\" id=\"out\"><parameter "
-        "id=\"interleave-pattern\">01</parameter></module>";
-    std::string previous = "in[0]";
-    for (int i = 0; i < 10000; ++i) {
-        std::string const id = "g" + std::to_string(i);
-        config +=
-            "<module type=\"gain\" id=\"" + id + "\"/><cable out=\"" + previous + "\" in=\"" + id + "[0]\"/>";
-        previous = id + "[0]";
-    }
-    config += "<cable out=\"" + previous + "\" in=\"out[0]\"/><cable out=\"in[1]\" in=\"out[1]\"/></dsp>";
+        "id=\"interleave-pattern\">01</parameter></module><cable out=\"in[1]\" in=\"out[1]\"/>";
+    for (int i = 0; i < 10000; ++i)
+        config += "<module type=\"gain\" id=\"g" + std::to_string(i) + "\"/><cable out=\"" +
+                  (i ? "g" + std::to_string(i - 1) : "in") + "[0]\" in=\"g" + std::to_string(i) + "[0]\"/>";
     Testing::TemporaryDirectory dir;
-    Chain chain(48000, dir.write("series.xml", config));
-    EXPECT_EQ(chain.getModules().front()->getID(), "in");
-    EXPECT_EQ(std::next(chain.getModules().begin(), 10000)->get()->getID(), "g9999");
-    EXPECT_EQ(chain.getModules().back()->getID(), "out");
+    Chain chain(48000, dir.write("series.xml", config + "<cable out=\"g9999[0]\" in=\"out[0]\"/></dsp>"));
+    auto const& modules = chain.getModules();
+    EXPECT_EQ(modules.front()->getID().str() + " " + std::next(modules.begin(), 10000)->get()->getID().str() +
+                  " " + modules.back()->getID().str(),
+              "in g9999 out");
 }
 
 // A change of one key on a volume-adaptive module once replaced its curve by the number in force.
@@ -351,11 +346,9 @@ protected:
         return reply;
     }
 
-    static GVariant* tuples(std::vector<std::array<std::string, 3>> const& entries)
+    Reply set(std::vector<std::array<std::string, 3>> const& entries)
     {
-        auto const array = ::tuples(entries);
-        GVariant* child = array.get();
-        return g_variant_new_tuple(&child, 1);
+        return call("SetParameters", g_variant_new("(@a(sss))", ::tuples(entries).get()));
     }
 
     static float gainOf(std::shared_ptr<Module> const& module)
@@ -393,17 +386,16 @@ TEST_F(ChainServiceTest, SetsParametersThatReachTheModulesAndRefusesBadOnes)
     // Unknown modules are skipped silently by both methods; a refusing module keeps its set while the
     // others of the same call get theirs.
     EXPECT_EQ(call("SetParameter", g_variant_new("(sss)", "nowhere", "gain", "1")).error, "");
-    refused = call("SetParameters",
-                   tuples({{"nowhere", "gain", "3"}, {"other", "gain", "6"}, {"volume", "gain", "48"}}));
+    refused = set({{"nowhere", "gain", "3"}, {"other", "gain", "6"}, {"volume", "gain", "48"}});
     EXPECT_EQ(refused.code, G_DBUS_ERROR_INVALID_ARGS);
     EXPECT_EQ(std::vector<float>({gainOf(gain), gainOf(other)}), std::vector<float>({0.25f, 2.0f}));
     EXPECT_EQ(other->getParameters().getString("note"), "kept");
-    EXPECT_EQ(call("SetParameters", tuples({{"other", "gain", "6"}})).error, "");
+    EXPECT_EQ(set({{"other", "gain", "6"}}).error, "");
     EXPECT_TRUE(m_service->isChainReady());
 
     // An empty array re-applies what every module has.
     std::dynamic_pointer_cast<Gain>(other)->fadeTo(tSample(0.0));
-    EXPECT_EQ(call("SetParameters", tuples({})).error, "");
+    EXPECT_EQ(set({}).error, "");
     EXPECT_FLOAT_EQ(gainOf(other), 2.0f);
 }
 
@@ -438,7 +430,7 @@ TEST_F(ChainServiceTest, PlaysLoopsAndStopsSoundsAndRefusesInvalidOnes)
     g_variant_unref(loop.value);
     runMainLoopUntil([] { return false; }, std::chrono::milliseconds(250));
     EXPECT_EQ(plays(), 1);
-    EXPECT_EQ(call("SetParameters", tuples({})).error, "");
+    EXPECT_EQ(set({}).error, "");
     EXPECT_TRUE(runMainLoopUntil([&] { return plays() >= 3; }));
 
     EXPECT_EQ(call("StopLoopingSystemSound", g_variant_new("(u)", id)).error, "");

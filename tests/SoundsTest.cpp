@@ -1,13 +1,11 @@
 #include "dsp/Sounds.h"
 
-#include "dsp/Chain.h"
 #include "dsp/OutputStage.h"
 #include "dsp/ParsingException.h"
 #include "dsp/Rompler.h"
 #include "dsp/RomplerData.h"
 #include "dsp/SystemSoundsPlayer.h"
 #include "sounds/FlacWriter.h"
-#include "support/DataFile.h"
 #include "support/HeapWatch.h"
 #include "support/LogCapture.h"
 #include "support/MainLoop.h"
@@ -70,13 +68,11 @@ struct SoundsRig
     // Processes `frames` frames in periods of `period` and appends the output, as raw words.
     void run(unsigned int frames, unsigned int period = 500)
     {
-        for (unsigned int done = 0; done < frames; done += period) {
-            auto const out = harness.process(Testing::ModuleHarness::tChannels(
-                2, Testing::constant(std::min(period, frames - done), music)));
-            for (unsigned int i = 0; i < out[0].size(); ++i) {
-                left.push_back(out[0][i].getRaw());
-                right.push_back(out[1][i].getRaw());
-            }
+        auto const out = harness.processInPeriods(
+            {Testing::constant(frames, music), Testing::constant(frames, music)}, period);
+        for (unsigned int i = 0; i < frames; ++i) {
+            left.push_back(out[0][i].getRaw());
+            right.push_back(out[1][i].getRaw());
         }
     }
 
@@ -108,7 +104,7 @@ unsigned int periodsUntilFinished(RomplerData const& data, unsigned int period)
 } // namespace
 
 // The folder follows the install prefix; the environment of a player never redirects it.
-TEST(RomplerTest, RelativeNamesResolveIntoTheSoundsFolder)
+TEST(RomplerTest, ResolvesNamesDecodesAndFinishesInTheLastPeriodOrOneLaterOnABoundary)
 {
     Testing::ScopedVariable elsewhere("ORVANDELDSP_SOUNDS_DIR", "/opt/sounds");
     EXPECT_EQ(RomplerData::getAbsolutePath("ok.flac"), INSTALL_FULL_DATADIR "/orvandel-1.0/sounds/ok.flac");
@@ -116,10 +112,6 @@ TEST(RomplerTest, RelativeNamesResolveIntoTheSoundsFolder)
     EXPECT_EQ(RomplerData::getAbsolutePath("ok.flac"), "/srv/mine/ok.flac");
     EXPECT_EQ(RomplerData::getAbsolutePath("/tmp/x.flac"), "/tmp/x.flac");
     RomplerData::setSoundsDirectory("");
-}
-
-TEST(RomplerTest, DecodesSixteenBitStereoAndFinishesInTheLastPeriodOrOneLaterOnABoundary)
-{
     SoundsFolder folder;
     folder.write("a.flac", ramp(100));
     folder.write("b.flac", ramp(90));
@@ -146,10 +138,9 @@ TEST(RomplerTest, DamagedFilesStillLoadWhatDecodes)
 {
     SoundsFolder folder;
     // Noise, so that the encoded frames are large enough to hit.
-    tSound samples(40000);
-    uint32_t seed = 1;
-    for (auto& sample : samples)
-        sample = static_cast<int16_t>((seed = seed * 1664525u + 1013904223u) >> 16);
+    tSound samples;
+    for (tSample s : Testing::noise(40000, 1))
+        samples.push_back(int16_t(s.getRaw() >> 12));
     // STREAMINFO's MD5 sum sits at bytes 26..41, behind "fLaC", the block header and 18 bytes of format.
     for (auto const& [name, offset] : {std::pair{"md5.flac", 30}, {"frame.flac", 8000}}) {
         std::fstream stream(folder.write(name, samples), std::ios::in | std::ios::out | std::ios::binary);
@@ -309,21 +300,20 @@ TEST(SoundsTest, AdoptsTheOneOutputStageOnly)
 
 TEST(SoundsTest, GeneratedSoundsAreTheTenShortStereoFiles)
 {
-    auto const names =
-        Testing::split("connected-bt.flac disconnected-bt.flac error.flac ok.flac touch.flac "
-                       "touch-play-pause.flac wait-for-connection.flac direct-line-in-playback.flac "
-                       "line-in-streaming.flac welcome.flac",
-                       " ");
     SoundsRig rig(44100);
     RomplerData::setSoundsDirectory(GENERATED_SOUNDS_DIR);
+    std::string names;
     for (unsigned int value = 0; value < c_numSystemSounds; ++value) {
-        EXPECT_EQ(rig.sounds->getFileName(SystemSound(value)), names[value]);
+        names += rig.sounds->getFileName(SystemSound(value)).str() + " ";
         auto const& samples = rig.load(SystemSound(value)).getSamples();
         auto const [low, high] = std::minmax_element(samples.begin(), samples.end());
         EXPECT_TRUE(samples.size() / 2 > 441 && samples.size() / 2 < 44100 && *high > 8000 && *low < -8000)
             << value;
     }
     RomplerData::setSoundsDirectory("");
+    EXPECT_EQ(names,
+              "connected-bt.flac disconnected-bt.flac error.flac ok.flac touch.flac touch-play-pause.flac "
+              "wait-for-connection.flac direct-line-in-playback.flac line-in-streaming.flac welcome.flac ");
     FLAC__StreamMetadata info;
     ASSERT_TRUE(FLAC__metadata_get_streaminfo(GENERATED_SOUNDS_DIR "/welcome.flac", &info));
     auto const& stream = info.data.stream_info;
@@ -400,34 +390,4 @@ TEST(SystemSoundsPlayerTest, IdsCountUpFromOneAndUnknownIdsAreLogged)
                                    std::to_string(first + 7) + " registered",
                                "4 SystemSoundsPlayer::play(): no chain provided",
                                "4 SystemSoundsPlayer::play(): could not find module system-sounds"}));
-}
-
-// Timers never fire early, so a count of plays bounds the time from below; silence is checked over
-// two intervals. Every play makes a voice at once, before any period runs.
-TEST(SystemSoundsPlayerTest, RepeatsEachIntervalFromStartUntilStopped)
-{
-    Chain chain(44100);
-    chain.addModule("sounds", "system-sounds")->setParameters(Parameters(), 44100);
-    unsigned int const before = Rompler::getNumLiveVoices();
-    auto const plays = [&] { return Rompler::getNumLiveVoices() - before; };
-    auto const idle = [] { Testing::runMainLoopUntil([] { return false; }, std::chrono::milliseconds(80)); };
-    SystemSoundsPlayer player;
-    unsigned int const early = player.registerRepeatingSound(SystemSound::Ok, 40);
-    player.play(SystemSound::Ok, &chain);
-    EXPECT_EQ(plays(), 1u) << "a single play triggers at once";
-    idle();
-    EXPECT_EQ(plays(), 1u) << "registered sounds wait for a chain";
-    player.startAllPendingSounds(&chain);
-    unsigned int const late = player.registerRepeatingSound(SystemSound::Ok, 40);
-    player.startRepeatingSound(late, &chain);
-    gint64 const start = g_get_monotonic_time();
-    EXPECT_TRUE(Testing::runMainLoopUntil([&] { return plays() == 3; })) << "the fresh timers expire at once";
-    // Eight plays of two sounds take at least one sound to its fourth play, three intervals on.
-    EXPECT_TRUE(Testing::runMainLoopUntil([&] { return plays() >= 1 + 8; }));
-    EXPECT_GE(g_get_monotonic_time() - start, 3 * 40000);
-    player.stopRepeatingSound(early);
-    player.stopRepeatingSound(late);
-    unsigned int const afterStop = plays();
-    idle();
-    EXPECT_EQ(plays(), afterStop);
 }

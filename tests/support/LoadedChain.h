@@ -12,27 +12,28 @@
 namespace Zelmar {
 namespace Testing {
 
-// tests/data/every-type.xml compiled, with a scratch directory for the files its modules write and its
-// host buffers in memory, unmuted.
-class EveryTypeChain
+// A config of tests/data compiled, with its host buffers in memory, unmuted, and a scratch directory
+// that takes the place of "SCRATCH" in the config, for the files its modules write.
+class LoadedChain
 {
 public:
-    EveryTypeChain()
+    explicit LoadedChain(std::string const& name)
     {
         gchar* text = nullptr;
-        g_file_get_contents(TEST_SOURCE_DIR "/data/every-type.xml", &text, nullptr, nullptr);
-        std::string config = text;
+        g_file_get_contents((TEST_SOURCE_DIR "/data/" + name).c_str(), &text, nullptr, nullptr);
+        std::string config = text ? text : "";
         g_free(text);
-        config.replace(config.find("SCRATCH"), 7, m_scratch.path());
+        if (auto const at = config.find("SCRATCH"); at != std::string::npos)
+            config.replace(at, 7, m_scratch.path());
         SignalDetector::setDefaultThresholdDirectory(m_scratch.path() + "/");
-        m_config = m_scratch.write("every-type.xml", config);
+        m_config = m_scratch.write(name, config);
         m_chain.load(m_config, true);
         SignalDetector::setDefaultThresholdDirectory("/tmp/");
         m_output = attachHostBuffers(m_chain, capture, playback);
         m_output->setMute(false);
     }
 
-    // One period in; the left and right playback channels out.
+    // One period in; the left and then the right playback channel out.
     std::vector<tSample> process(std::vector<tSample> const& left, std::vector<tSample> const& right)
     {
         capture.getChannel(0).setPeriod(left);
@@ -54,7 +55,7 @@ public:
     MemoryAlsaBuffers capture{2}, playback{2};
 
 private:
-    TemporaryDirectory m_scratch{"every-type-XXXXXX"};
+    TemporaryDirectory m_scratch{"loaded-chain-XXXXXX"};
     std::string m_config;
     Chain m_chain{48000};
     std::shared_ptr<OutputStage> m_output;
