@@ -21,21 +21,42 @@ size_t firstFrom(std::vector<int32_t> const& levels, size_t from, int32_t level)
     return size_t(std::find(levels.begin() + long(from), levels.end(), level) - levels.begin());
 }
 
-using OrvandeldspControlTest = ServedLiveTest;
-
-TEST_F(OrvandeldspControlTest, SetLandsWhenSentAndAFileSetsEveryLine)
+// The frame after the last one at `level`.
+size_t afterLast(std::vector<int32_t> const& levels, int32_t level)
 {
-    auto const run = serve(writeConfig("two-gains.xml", R"(<dsp>
+    return size_t(std::find(levels.rbegin(), levels.rend(), level).base() - levels.begin());
+}
+
+// Each channel through a gain of its own, the left one at `leftDb`.
+std::string twoGains(std::string const& leftDb)
+{
+    return R"(<dsp>
   <module type="input" id="in"/>
-  <module type="gain" id="left"><parameter id="gain" type="double">0</parameter></module>
+  <module type="gain" id="left"><parameter id="gain" type="double">)" +
+           leftDb + R"(</parameter></module>
   <module type="gain" id="right"><parameter id="gain" type="double">0</parameter></module>
   <module type="output" id="out"><parameter id="interleave-pattern" type="string">01</parameter></module>
   <cable out="in[0]" in="left[0]"/>
   <cable out="in[1]" in="right[0]"/>
   <cable out="left[0]" in="out[0]"/>
   <cable out="right[0]" in="out[1]"/>
-</dsp>)"),
-                           "livetest");
+</dsp>)";
+}
+
+void expectFadeBetween(size_t from, size_t to)
+{
+    EXPECT_GE(to - from, c_fadeFrames - 2) << from;
+    EXPECT_LE(to - from, c_fadeFrames + c_fadeLate) << from;
+}
+
+using OrvandeldspControlTest = ServedLiveTest;
+
+// The left level goes from full to a quarter by `set` and back by a file, which halves the right; a
+// refused value and a refused reload change nothing; a reload halves the left, and SIGTERM fades out.
+TEST_F(OrvandeldspControlTest, SetAndReloadChangeTheLiveSoundAndSigtermFadesItOut)
+{
+    std::string const config = writeConfig("two-gains.xml", twoGains("0"));
+    auto const run = serve(config, "livetest", {}, true);
     ASSERT_TRUE(waitUntilPlayed(c_squareLevel));
     writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, {0, 0});
     auto const second = runTool({"run", "--realtime", "--bus", "session", path("in.wav"), path("o.wav")});
@@ -48,9 +69,6 @@ TEST_F(OrvandeldspControlTest, SetLandsWhenSentAndAFileSetsEveryLine)
     size_t const after = recordedFrames();
     EXPECT_EQ(set.status, 0) << set.err;
     ASSERT_TRUE(waitUntilPlayed(c_squareLevel / 4));
-    auto const quarter = firstFrom(levelsOf(played()), 0, c_squareLevel / 4);
-    expectLandedBetween(quarter, before, after);
-
     auto const fromFile =
         client({"set", "--file",
                 writeConfig("levels.txt", "# both channels\n\nleft gain 0\n  right   gain  -6  \n")});
@@ -61,22 +79,62 @@ TEST_F(OrvandeldspControlTest, SetLandsWhenSentAndAFileSetsEveryLine)
     EXPECT_EQ(refused.err, "orvandeldsp: parameter gain of module left: must be below 24 dB, not 30\n");
     size_t const refusedAt = recordedFrames();
     ASSERT_TRUE(waitFor([&] { return recordedFrames() > refusedAt + c_servedBuffer + 4 * c_livePeriod; }));
+
+    writeConfig("two-gains.xml", "<dsp>\n  <module type=\"input\" id=\"in\">\n</dsp>\n");
+    run->signal(SIGHUP);
+    // Past the warnings and log entries before it.
+    std::string refusal;
+    EXPECT_TRUE(waitFor([&] {
+        return (refusal = run->readErrorLine(std::chrono::seconds(1))).rfind("orvandeldsp: reload", 0) == 0;
+    }));
+    EXPECT_EQ(refusal.rfind("orvandeldsp: reload refused: config " + config + ":3:7: malformed XML", 0), 0u)
+        << refusal;
+    writeConfig("two-gains.xml", twoGains("-6"));
+    run->signal(SIGHUP);
+    EXPECT_EQ(run->readLine(std::chrono::seconds(30)), "orvandeldsp: reloaded config " + config);
+    ASSERT_TRUE(waitUntilPlayed(c_squareLevel / 2));
     run->signal(SIGTERM);
     ASSERT_EQ(run->wait(std::chrono::seconds(30)), 0);
-    EXPECT_NE(run->readLine(std::chrono::seconds(1)).find("xruns: capture 0, playback 0;"),
-              std::string::npos);
+    auto const summary = run->readLine(std::chrono::seconds(1));
+    EXPECT_EQ(summary.rfind("orvandeldsp: ", 0), 0u) << summary;
+    EXPECT_NE(summary.find(" frames, "), std::string::npos) << summary;
+    EXPECT_NE(summary.find("xruns: capture 0, playback 0;"), std::string::npos) << summary;
 
-    // From where both lines of the file are heard to the fade-out, left is full and right half: the
-    // refused 30 dB changed nothing.
     auto const left = levelsOf(played(), 0);
     auto const right = levelsOf(played(), 1);
-    size_t const full = firstFrom(left, quarter, c_squareLevel);
-    size_t const steady = std::max(full, firstFrom(right, quarter, c_squareLevel / 2));
-    ASSERT_GT(refusedAt + c_servedBuffer, steady);
-    for (size_t f = steady; f < refusedAt + c_servedBuffer; ++f) {
+    size_t const quarter = firstFrom(left, 0, c_squareLevel / 4);
+    expectLandedBetween(quarter, before, after);
+    size_t fullUntil = quarter;
+    while (fullUntil > 0 && left[fullUntil - 1] != c_squareLevel)
+        --fullUntil;
+    EXPECT_LE(quarter - fullUntil, c_livePeriod) << "set changes within a period";
+    // From where both lines of the file are heard to the reload, left is full and right half: neither the
+    // refused 30 dB nor the refused reload changed anything.
+    size_t const steady =
+        std::max(firstFrom(left, quarter, c_squareLevel), firstFrom(right, quarter, c_squareLevel / 2));
+    size_t const lastFull = afterLast(left, c_squareLevel);
+    ASSERT_GT(lastFull, refusedAt + c_servedBuffer);
+    for (size_t f = steady; f < lastFull; ++f) {
         ASSERT_EQ(left[f], c_squareLevel) << f;
         ASSERT_EQ(right[f], c_squareLevel / 2) << f;
     }
+    EXPECT_EQ(soundStarts(left).size(), 2u) << "the start and the new chain's";
+    size_t const silent = firstFrom(left, lastFull, 0);
+    auto const sounding = size_t(
+        std::find_if(left.begin() + long(silent), left.end(), [](int32_t level) { return level != 0; }) -
+        left.begin());
+    expectFadeBetween(lastFull, silent);
+    EXPECT_LE(sounding - silent, 2 * c_livePeriod) << "the new chain took over at the next period";
+    expectFadeBetween(sounding, firstFrom(left, sounding, c_squareLevel / 2));
+    // The fade-out: falling from the half level to silence, all of it played.
+    size_t const lastHalf = afterLast(left, c_squareLevel / 2);
+    size_t silentFrom = left.size();
+    while (silentFrom > 0 && left[silentFrom - 1] == 0)
+        --silentFrom;
+    expectFadeBetween(lastHalf, silentFrom);
+    EXPECT_LT(left.size() - silentFrom, c_livePeriod);
+    for (size_t f = lastHalf; f < silentFrom; ++f)
+        ASSERT_LE(left[f], left[f - 1]) << f;
 }
 
 TEST_F(OrvandeldspControlTest, SoundsPlayLoopAndStopOnTheServedChain)

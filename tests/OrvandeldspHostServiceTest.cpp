@@ -15,16 +15,18 @@ namespace {
 using namespace Zelmar::Testing;
 
 // The left channel boosted by 12 dB to exactly full scale, which the output conversion clips; the
-// right one as it comes.
+// right one through a trim whose gain is left at its default, yet a key of its type all the same.
 std::string const c_clippingConfig = R"(<dsp>
   <module type="input" id="in"/>
   <module type="meter" id="level"/>
   <module type="gain" id="boost"><parameter id="gain" type="double">12</parameter></module>
+  <module type="gain" id="trim"/>
   <module type="output" id="out"><parameter id="interleave-pattern" type="string">01</parameter></module>
   <cable out="in[0]" in="level[0]"/>
   <cable out="in[0]" in="boost[0]"/>
   <cable out="boost[0]" in="out[0]"/>
-  <cable out="in[1]" in="out[1]"/>
+  <cable out="in[1]" in="trim[0]"/>
+  <cable out="trim[0]" in="out[1]"/>
 </dsp>
 )";
 
@@ -56,11 +58,12 @@ protected:
     std::unique_ptr<BackgroundTool> m_run;
 };
 
-TEST_F(OrvandeldspHostServiceTest, StatusShowsTheRunItsChainMetersAndClippingForPeopleAndScripts)
+// One served chain through status, the set and sound refusals, the announcements and reloads, in turn.
+TEST_F(OrvandeldspHostServiceTest, StatusRefusalsAnnouncementsAndReloadsOfAServedChain)
 {
     std::string const config = writeConfig("clipping.xml", c_clippingConfig);
     m_run = serve(config);
-    auto const json = waitForStatus([](std::string const& json) { return jsonNumber(json, "frames") > 0; });
+    auto json = waitForStatus([](std::string const& json) { return jsonNumber(json, "frames") > 0; });
     for (std::string const& expected :
          {"{\"state\":\"running\",\"config\":\"" + config +
               "\",\"input\":\"capture PCM livetest\",\"playback\":\"playback PCM livetest:RECORD=" + m_out +
@@ -70,7 +73,8 @@ TEST_F(OrvandeldspHostServiceTest, StatusShowsTheRunItsChainMetersAndClippingFor
           std::string(
               "\"modules\":[{\"id\":\"in\",\"type\":\"input\",\"parameters\":[]},{\"id\":\"level\",\"type\":"
               "\"meter\",\"parameters\":[]},{\"id\":\"boost\",\"type\":\"gain\",\"parameters\":[\"gain\"]},"
-              "{\"id\":\"out\",\"type\":\"output\",\"parameters\":[\"interleave-pattern\"]}],\"reloads\":"
+              "{\"id\":\"trim\",\"type\":\"gain\",\"parameters\":[\"gain\"]},{\"id\":\"out\",\"type\":"
+              "\"output\",\"parameters\":[\"interleave-pattern\"]}],\"reloads\":"
               "0,")})
         EXPECT_NE(json.find(expected), std::string::npos) << expected << "\n" << json;
     // The test card's square wave is at a quarter of full scale.
@@ -89,11 +93,7 @@ TEST_F(OrvandeldspHostServiceTest, StatusShowsTheRunItsChainMetersAndClippingFor
     for (std::string line; std::getline(lines, line);)
         EXPECT_EQ(line.find_first_not_of(' ', line.find("  ")), valueColumn.size()) << line;
     EXPECT_NE(block.out.find("\nmodule boost     gain: gain\n"), std::string::npos) << block.out;
-}
 
-TEST_F(OrvandeldspHostServiceTest, ChangesAreAnnouncedAtMostOnceASecond)
-{
-    m_run = serve(writeConfig("clipping.xml", c_clippingConfig));
     // The frames each announcement carries: the devices' clock, whenever the test gets to see them.
     std::vector<guint64> frames;
     guint const subscription = g_dbus_connection_signal_subscribe(
@@ -118,18 +118,9 @@ TEST_F(OrvandeldspHostServiceTest, ChangesAreAnnouncedAtMostOnceASecond)
     // machine may fall as far behind as the playback buffer reaches, and a period more.
     for (size_t i = 1; i < frames.size(); ++i)
         EXPECT_GE(frames[i], frames[i - 1] + c_liveRate - c_servedBuffer - c_livePeriod) << i;
-}
 
-TEST_F(OrvandeldspHostServiceTest, SetAndSoundRefuseWhatTheServedChainDoesNotHave)
-{
-    // The trim's gain is left at its default, yet a key of its type all the same.
-    m_run =
-        serve(writeConfig("trim.xml", R"(<dsp><module type="input" id="in"/><module type="meter" id="level"/>
-        <module type="gain" id="trim"/><module type="output" id="out"><parameter id="interleave-pattern"
-        type="string">01</parameter></module><cable out="in[0]" in="level[0]"/><cable out="in[0]"
-        in="trim[0]"/><cable out="trim[0]" in="out[0]"/><cable out="in[1]" in="out[1]"/></dsp>)"));
     std::string const noModule =
-        "orvandeldsp: the served chain has no module bost (it has in, level, trim, out)\n";
+        "orvandeldsp: the served chain has no module bost (it has in, level, boost, trim, out)\n";
     struct Case
     {
         std::vector<std::string> args;
@@ -153,20 +144,16 @@ TEST_F(OrvandeldspHostServiceTest, SetAndSoundRefuseWhatTheServedChainDoesNotHav
         EXPECT_EQ(result.status, c.err.empty() ? 0 : 1);
         EXPECT_EQ(result.err, c.err);
     }
-}
 
-TEST_F(OrvandeldspHostServiceTest, ReloadRefusesWhatDoesNotLoadCheckOrFitAndPlaysWhatDoes)
-{
-    m_run = serve(writeConfig("clipping.xml", c_clippingConfig));
     std::string const stereoIn = R"(<dsp><module type="input" id="in"/><module type="output" id="out">)";
     std::string const stereoOut =
         stereoIn + R"(<parameter id="interleave-pattern" type="string">01</parameter>)";
-    struct Case
+    struct Refused
     {
         char const* name;
         std::string text;
         std::string problem;
-    } const cases[] = {
+    } const refusedReloads[] = {
         {"malformed.xml", "<dsp>\n<module type=\"input\" id=\"in\">\n</dsp>\n", ":3:7: malformed XML"},
         {"lost.xml",
          stereoOut + R"(</module><module type="gain" id="lost"/><cable out="in" in="out"/></dsp>)", ":1:"},
@@ -174,7 +161,7 @@ TEST_F(OrvandeldspHostServiceTest, ReloadRefusesWhatDoesNotLoadCheckOrFitAndPlay
            <cable out="in[0]" in="out[0]"/><cable out="in[1]" in="out[1]"/><cable out="in[0]" in="out[2]"/></dsp>)",
          ": the output stage has 3 channels, the playback device runs with 2"},
     };
-    for (auto const& c : cases) {
+    for (auto const& c : refusedReloads) {
         SCOPED_TRACE(c.name);
         std::string const broken = writeConfig(c.name, c.text);
         auto const result = client({"reload", "--config", broken});
@@ -187,7 +174,7 @@ TEST_F(OrvandeldspHostServiceTest, ReloadRefusesWhatDoesNotLoadCheckOrFitAndPlay
         writeConfig("plain.xml", stereoOut + R"(</module><cable out="in" in="out"/></dsp>)");
     auto const reload = client({"reload", "--config", plain});
     EXPECT_EQ(reload.status, 0) << reload.err;
-    auto const json = waitForStatus([](std::string const& json) { return jsonNumber(json, "reloads") == 1; });
+    json = waitForStatus([](std::string const& json) { return jsonNumber(json, "reloads") == 1; });
     EXPECT_NE(json.find("\"config\":\"" + plain + "\""), std::string::npos) << json;
     EXPECT_NE(json.find("\"capture_xruns\":0,\"playback_xruns\":0,"), std::string::npos) << json;
 }

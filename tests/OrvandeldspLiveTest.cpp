@@ -39,12 +39,6 @@ std::vector<int32_t> music(size_t frames, snd_pcm_format_t format)
     });
 }
 
-// The frame after the last one at `level`.
-size_t afterLast(std::vector<int32_t> const& levels, int32_t level)
-{
-    return size_t(std::find(levels.rbegin(), levels.rend(), level).base() - levels.begin());
-}
-
 class OrvandeldspLiveTest : public ServedLiveTest
 {
 protected:
@@ -175,67 +169,4 @@ TEST_F(OrvandeldspLiveTest, ADeviceThatFailsEndsTheRunWithOneLineAfterTheSummary
         EXPECT_EQ(result.out.find("xruns: capture 0, playback 0;") != std::string::npos, c.started)
             << result.out;
     }
-}
-
-// The level goes from full to a quarter by `set`, to a half by a reload, and to silence by SIGTERM.
-TEST_F(OrvandeldspLiveTest, SetAndReloadChangeTheLiveSoundAndSigtermFadesItOut)
-{
-    std::string const config = writeConfig("volume.xml", volumeConfig("0"));
-    auto const run = serve(config, "livetest", {}, true);
-    ASSERT_TRUE(waitUntilPlayed(c_squareLevel));
-    ASSERT_EQ(client({"set", "volume", "gain", "-12"}).status, 0);
-    ASSERT_TRUE(waitUntilPlayed(c_squareLevel / 4));
-    writeConfig("volume.xml", "<dsp>\n  <module type=\"input\" id=\"in\">\n</dsp>\n");
-    run->signal(SIGHUP);
-    // Past the warnings and log entries before it.
-    std::string refusal;
-    EXPECT_TRUE(waitFor([&] {
-        return (refusal = run->readErrorLine(std::chrono::seconds(1))).rfind("orvandeldsp: reload", 0) == 0;
-    }));
-    EXPECT_EQ(refusal.rfind("orvandeldsp: reload refused: config " + config + ":3:7: malformed XML", 0), 0u)
-        << refusal;
-    writeConfig("volume.xml", volumeConfig("-6"));
-    run->signal(SIGHUP);
-    EXPECT_EQ(run->readLine(std::chrono::seconds(30)), "orvandeldsp: reloaded config " + config);
-    ASSERT_TRUE(waitUntilPlayed(c_squareLevel / 2));
-    run->signal(SIGTERM);
-    ASSERT_EQ(run->wait(std::chrono::seconds(30)), 0);
-    auto const summary = run->readLine(std::chrono::seconds(1));
-    EXPECT_EQ(summary.rfind("orvandeldsp: ", 0), 0u) << summary;
-    EXPECT_NE(summary.find(" frames, "), std::string::npos) << summary;
-    EXPECT_NE(summary.find("xruns: capture 0, playback 0;"), std::string::npos) << summary;
-
-    auto const levels = levelsOf(played());
-    auto const firstAt = [&](int32_t level) {
-        return size_t(std::find(levels.begin(), levels.end(), level) - levels.begin());
-    };
-    auto const quarter = firstAt(c_squareLevel / 4), half = firstAt(c_squareLevel / 2);
-    auto const lastQuarter = afterLast(levels, c_squareLevel / 4),
-               lastHalf = afterLast(levels, c_squareLevel / 2);
-    ASSERT_LT(half, levels.size());
-    EXPECT_LE(quarter - afterLast(levels, c_squareLevel), c_livePeriod) << "set changes within a period";
-    // The refused reload left no dip.
-    for (size_t f = quarter; f < lastQuarter; ++f)
-        ASSERT_EQ(levels[f], c_squareLevel / 4) << f;
-    EXPECT_EQ(soundStarts(levels).size(), 2u) << "the start and the new chain's";
-    auto const fadeLength = [&](size_t from, size_t to) {
-        EXPECT_GE(to - from, c_fadeFrames - 2) << from;
-        EXPECT_LE(to - from, c_fadeFrames + c_fadeLate) << from;
-    };
-    auto const silent =
-        size_t(std::find(levels.begin() + long(lastQuarter), levels.end(), 0) - levels.begin());
-    auto const sounding = size_t(
-        std::find_if(levels.begin() + long(silent), levels.end(), [](int32_t level) { return level != 0; }) -
-        levels.begin());
-    fadeLength(lastQuarter, silent);
-    EXPECT_LE(sounding - silent, 2 * c_livePeriod) << "the new chain took over at the next period";
-    fadeLength(sounding, half);
-    // The fade-out: falling from the half level to silence, all of it played.
-    size_t silentFrom = levels.size();
-    while (silentFrom > 0 && levels[silentFrom - 1] == 0)
-        --silentFrom;
-    fadeLength(lastHalf, silentFrom);
-    EXPECT_LT(levels.size() - silentFrom, c_livePeriod);
-    for (size_t f = lastHalf; f < silentFrom; ++f)
-        ASSERT_LE(levels[f], levels[f - 1]) << f;
 }

@@ -1,4 +1,5 @@
 // Runs the built `orvandeldsp` tool as a user would and checks its files, messages and exit statuses.
+#include "support/DataFile.h"
 #include "support/ScopedVariable.h"
 #include "support/ToolRun.h"
 
@@ -36,27 +37,17 @@ int64_t largestStep(std::vector<int32_t> const& interleaved, int channels)
     return largest;
 }
 
-int64_t floorDiv(int64_t a, int64_t b)
-{
-    return a >= 0 ? a / b : -((-a + b - 1) / b);
-}
-
-int64_t clamp(int64_t v, int64_t lo, int64_t hi)
-{
-    return v < lo ? lo : (v > hi ? hi : v);
-}
-
 // What a pass-through chain must deliver for a 32-bit input word, read back left-justified: the word
 // becomes a sample with 27 fraction bits (4 dropped bits floored), then each format rounds half up and
 // clips to its full scale.
 int32_t expectedThroughFormat(int32_t word, int bits)
 {
-    int64_t const sample = floorDiv(word, 16);
+    int64_t const sample = int64_t(word) >> 4;
     if (bits == 32)
         return int32_t(sample * 16);
-    int64_t const step = int64_t(1) << (27 - (bits - 1));
+    int const dropped = 28 - bits;
     int64_t const limit = int64_t(1) << (bits - 1);
-    int64_t const value = clamp(floorDiv(sample + step / 2, step), -limit, limit - 1);
+    int64_t const value = std::clamp((sample + (int64_t(1) << (dropped - 1))) >> dropped, -limit, limit - 1);
     return int32_t(value * (int64_t(1) << (32 - bits)));
 }
 
@@ -171,32 +162,25 @@ TEST_F(OrvandeldspToolTest, PrintsSummaryAndMeters)
 // Every case of tests/data/config-faults.txt, refused by check and run alike.
 TEST_F(OrvandeldspToolTest, ConfigFaultsAreRefusedByCheckAndRunAlikeWithTheirPlaces)
 {
-    struct Case
-    {
-        std::string name;
-        std::string text;
-        bool absent = false;
-        std::vector<std::string> lines;
-    };
-    std::vector<Case> cases;
+    writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, {0, 0});
+    // A case: its name and whether the file is absent, its text, and the lines expected on stderr.
+    std::vector<std::tuple<std::string, bool, std::string, std::vector<std::string>>> cases;
     std::ifstream table(TEST_SOURCE_DIR "/data/config-faults.txt");
     for (std::string line; std::getline(table, line);) {
-        if (line.rfind("== ", 0) == 0) {
-            std::string const name = line.substr(3, line.find(' ', 3) - 3);
-            cases.push_back({name, "", line.size() > name.size() + 3, {}});
-        } else if (line.rfind("-> ", 0) == 0) {
-            cases.back().lines.push_back(line.substr(3));
-        } else if (!cases.empty()) {
-            cases.back().text += line + "\n";
-        }
+        if (line.rfind("== ", 0) == 0)
+            cases.emplace_back(split(line.substr(3), " ")[0], line.find(" absent") != std::string::npos, "",
+                               std::vector<std::string>{});
+        else if (line.rfind("-> ", 0) == 0)
+            std::get<3>(cases.back()).push_back(line.substr(3));
+        else if (!cases.empty())
+            std::get<2>(cases.back()) += line + "\n";
     }
     ASSERT_EQ(cases.size(), 16u);
-    writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, {0, 0});
-    for (auto const& c : cases) {
-        SCOPED_TRACE(c.name);
-        std::string const config = c.absent ? path(c.name) : writeConfig(c.name, c.text);
+    for (auto const& [name, absent, text, lines] : cases) {
+        SCOPED_TRACE(name);
+        std::string const config = absent ? path(name) : writeConfig(name, text);
         std::string expected;
-        for (auto const& line : c.lines)
+        for (auto const& line : lines)
             expected += "orvandeldsp: config " + config + line + "\n";
         std::size_t const known = std::min(expected.find("..."), expected.size());
         m_scratch.write("out.wav", "keep");
@@ -206,7 +190,7 @@ TEST_F(OrvandeldspToolTest, ConfigFaultsAreRefusedByCheckAndRunAlikeWithTheirPla
             auto const result = runTool(args);
             EXPECT_EQ(result.status, 2) << result.err;
             EXPECT_EQ(result.err.substr(0, known), expected.substr(0, known));
-            EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), long(c.lines.size()))
+            EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), long(lines.size()))
                 << result.err;
         }
         EXPECT_EQ(m_scratch.read("out.wav"), "keep");
@@ -240,7 +224,7 @@ TEST_F(OrvandeldspToolTest, CheckWarnsOfWhatTheLibraryIgnoresAndChecksAtTheRateA
     EXPECT_EQ(runTool({"check", "--rate", "48000", "-c", config}).status, 2) << "30 kHz lies above 24 kHz";
 }
 
-// Every line of tests/data/tool-answers.txt: a command line, its exit status and its one-line answer.
+// Every row of tests/data/tool-answers.txt: a command line, its exit status and its one-line answer.
 TEST_F(OrvandeldspToolTest, AnswersEachCommandLineOfTheTableInOneLine)
 {
     writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, std::vector<int32_t>(2 * 4800, 0));
@@ -251,46 +235,32 @@ TEST_F(OrvandeldspToolTest, AnswersEachCommandLineOfTheTableInOneLine)
     auto const inputs = m_scratch.entries();
     std::string const input = m_scratch.read("in.wav");
     ScopedVariable const sounds("ORVANDELDSP_SOUNDS_DIR", m_dir);
-    auto const expand = [&](std::string text) {
-        for (auto const& [name, value] : {std::pair<std::string, std::string>{"%", m_dir + "/"},
-                                          {"{passthrough}", c_passthroughConfig},
-                                          {"{configs}", PROJECT_SOURCE_DIR "/configs"}})
-            for (size_t at = text.find(name); at != std::string::npos;
-                 at = text.find(name, at + value.size()))
-                text.replace(at, name.size(), value);
-        return text;
-    };
-    std::ifstream table(TEST_SOURCE_DIR "/data/tool-answers.txt");
-    int cases = 0;
-    for (std::string line; std::getline(table, line);) {
-        if (line.empty() || line[0] == '#')
-            continue;
-        SCOPED_TRACE(line);
-        ++cases;
-        std::vector<std::string> fields;
-        std::istringstream split(line);
-        for (std::string field; std::getline(split, field, '|');)
-            fields.push_back(expand(g_strstrip(field.data())));
-        ASSERT_GE(fields.size(), 3u);
+    auto const rows = readTable("tool-answers.txt");
+    EXPECT_GE(rows.size(), 50u);
+    for (auto row : rows) {
+        SCOPED_TRACE(row[1]);
+        ASSERT_GE(row.size(), 3u);
+        for (auto& field : row)
+            for (auto const& [name, value] : {std::pair<std::string, std::string>{"%", m_dir + "/"},
+                                              {"{passthrough}", c_passthroughConfig},
+                                              {"{configs}", PROJECT_SOURCE_DIR "/configs"}})
+                for (size_t at = field.find(name); at != std::string::npos; at = field.find(name, at + 1))
+                    field.replace(at, name.size(), value);
         std::vector<std::string> args;
-        std::istringstream words(fields[1]);
-        for (std::string word; words >> word;)
-            args.push_back(word == "''" ? "" : word);
+        for (auto const& word : split(row[1], " "))
+            if (!word.empty())
+                args.push_back(word == "''" ? "" : word);
         auto const result = runTool(args);
-        EXPECT_EQ(result.status, std::stoi(fields[0])) << result.err;
-        if (result.status == 0) {
-            EXPECT_EQ(result.err, "");
-        } else {
-            EXPECT_EQ(result.err.rfind("orvandeldsp: " + fields[2], 0), 0u) << result.err;
-            std::string const rest = result.err.substr(result.err.find('\n') + 1);
-            EXPECT_TRUE(rest.empty() || (rest.rfind("usage: orvandeldsp ", 0) == 0 && isOneLine(rest)))
-                << result.err;
-        }
-        if (fields.size() > 3) {
-            EXPECT_NE(result.out.find(fields[3]), std::string::npos) << result.out;
+        EXPECT_EQ(result.status, std::stoi(row[0])) << result.err;
+        std::string const rest = result.err.substr(result.err.find('\n') + 1);
+        bool const usage = rest.empty() || (rest.rfind("usage: orvandeldsp ", 0) == 0 && isOneLine(rest));
+        EXPECT_TRUE(result.status == 0 ? result.err.empty()
+                                       : result.err.rfind("orvandeldsp: " + row[2], 0) == 0 && usage)
+            << result.err;
+        if (row.size() > 3) {
+            EXPECT_NE(result.out.find(row[3]), std::string::npos) << result.out;
         }
     }
-    EXPECT_GE(cases, 50);
     EXPECT_EQ(m_scratch.entries(), inputs) << "nothing written";
     EXPECT_EQ(m_scratch.read("in.wav"), input);
 }
