@@ -3,7 +3,8 @@
 # the installed minimal-host example is built with find_package(orvandeldsp) and with pkg-config and
 # runs a chain, every installed header compiles, the library exports no internals, the man page and
 # the completion are there, systemd-analyze accepts the service unit, and the moved tool still finds
-# its sounds. Last, a /usr prefix must give the library /usr/share/orvandel-1.0.
+# its sounds. A /usr prefix must give the library /usr/share/orvandel-1.0, and /usr and /usr/local
+# installs put the service, its bus policies and its configs where systemd and the system bus look.
 # Usage: InstalledPackageTest.sh SOURCE_DIR BUILD_DIR TEST_SIGNAL_PROGRAM
 set -euo pipefail
 source_dir=$1
@@ -59,4 +60,18 @@ cmake -S "$source_dir" -B "$scratch/usr" -DCMAKE_INSTALL_PREFIX=/usr -DORVANDELD
   -DORVANDELDSP_BUILD_BENCHMARKS=OFF > /dev/null
 grep -rqF 'ORVANDELDSP_DATADIR=\"/usr/share/orvandel-1.0\"' "$scratch/usr" ||
   fail "a /usr install does not read its sounds from /usr/share/orvandel-1.0"
+# The system bus reads /usr/share/dbus-1/system.d and /etc/dbus-1/system.d, not /usr/local.
+for layout in /usr:/usr/lib/systemd/system:/usr/share/dbus-1/system.d \
+  /usr/local:/usr/local/lib/systemd/system:/etc/dbus-1/system.d; do
+  IFS=: read -r usr units policies <<< "$layout"
+  root=$scratch/destdir$usr
+  DESTDIR=$root cmake --install "$build_dir" --prefix "$usr" > /dev/null
+  grep -qF "ExecStart=$usr/bin/orvandeldsp live --config /etc/orvandeldsp/live.xml " \
+    "$root$units/orvandeldsp-live.service" || fail "the $usr unit does not start the installed tool"
+  for file in "$usr/bin/orvandeldsp" "$usr/share/orvandel-1.0/sounds/touch.flac" \
+    "$usr/share/orvandel-1.0/configs/live-line-in.xml" "$policies/com.orvandeldsp.Chain.conf" \
+    "$policies/com.orvandeldsp.Host.conf" /etc/orvandeldsp/live.xml /etc/orvandeldsp/live.env; do
+    [ -f "$root$file" ] || fail "a $usr install has no $file"
+  done
+done
 echo "installed package OK"
