@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs the build into a scratch prefix and moves it, then uses it as an outside project would:
 # the installed minimal-host example is built with find_package(orvandeldsp) and with pkg-config and
-# runs a chain, every installed header compiles, the library exports no internals, the man page and
-# the completion are there, systemd-analyze accepts the service unit, and the moved tool still finds
+# runs a chain, every installed header compiles, the library exports no internals, the man page knows
+# every command and option and the completion completes them, systemd-analyze accepts the service unit, and the moved tool still finds
 # its sounds. A /usr prefix must give the library /usr/share/orvandel-1.0, and /usr and /usr/local
 # installs put the service, its bus policies and its configs where systemd and the system bus look.
 # Usage: InstalledPackageTest.sh SOURCE_DIR BUILD_DIR TEST_SIGNAL_PROGRAM
@@ -50,6 +50,27 @@ g++ -std=c++17 -o "$scratch/with-pkg-config" "$example/main.cpp" $(pkg-config --
 for host in "$scratch/with-cmake/minimal-host" "$scratch/with-pkg-config"; do
   LD_LIBRARY_PATH=$prefix/lib "$host" "$config" > "$scratch/host.out"
   grep -q '^output peak 0\.[1-9]' "$scratch/host.out" || fail "$host: $(cat "$scratch/host.out")"
+done
+
+tool=$prefix/bin/orvandeldsp
+man_page=$prefix/share/man/man1/orvandeldsp.1
+commands=$("$tool" --help | sed -n 's/^  \([a-z]\+\)  .*/\1/p')
+[ "$(wc -w <<< "$commands")" -eq 10 ] || fail "the help lists other commands: $commands"
+for command in $commands; do
+  grep -qx "\.SS $command" "$man_page" || fail "the man page has no section on $command"
+  for option in $("$tool" "$command" --help | grep -o -- '--[a-z][a-z-]*' | grep -v '^--help'); do
+    grep -qF -- "${option//-/\\-}" "$man_page" || fail "the man page does not name $command $option"
+  done
+done
+groff -man -ww -z "$man_page" 2> "$scratch/groff.log" && [ ! -s "$scratch/groff.log" ] ||
+  fail "groff warns: $(cat "$scratch/groff.log")"
+for completion in "r:run response reload" "run --ty:--type" "run --type :wav flac aiff caf" "types ga:gain" \
+  "sound :play loop stop"; do
+  words=${completion%%:*}
+  reply=$(set +eu; source "$prefix/share/bash-completion/completions/orvandeldsp"
+    COMP_WORDS=("$tool" $words); [ "${words: -1}" != " " ] || COMP_WORDS+=("")
+    COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _orvandeldsp; echo "${COMPREPLY[*]}")
+  [ "$reply" = "${completion#*:}" ] || fail "completing '$words' offers '$reply'"
 done
 
 "$make_signal" "$scratch/in.wav" 1

@@ -1,10 +1,10 @@
 // `orvandeldsp response`: the measured curves against ones computed apart from the chain, and its files.
 #include "dsp/BiQuadSection.h"
+#include "support/DataFile.h"
 #include "support/ToolRun.h"
 
 #include <cmath>
 #include <complex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,25 +14,17 @@ using namespace Zelmar;
 using namespace Zelmar::Testing;
 using OrvandeldspResponseTest = ToolTest;
 
-struct Table
+// The CSV's lines, the header first, and the numbers of each line after it.
+std::pair<std::vector<std::string>, std::vector<std::vector<double>>> parseCsv(std::string const& text)
 {
-    std::vector<std::string> lines; // the header first
+    auto lines = split(text.substr(0, text.size() - 1), "\n");
     std::vector<std::vector<double>> rows;
-};
-
-Table parseCsv(std::string const& text)
-{
-    std::istringstream input(text);
-    Table table;
-    for (std::string line; std::getline(input, line); table.lines.push_back(line)) {
-        if (table.lines.empty())
-            continue;
-        std::istringstream fields(line);
-        table.rows.emplace_back();
-        for (std::string field; std::getline(fields, field, ',');)
-            table.rows.back().push_back(g_ascii_strtod(field.c_str(), nullptr));
+    for (size_t i = 1; i < lines.size(); ++i) {
+        rows.emplace_back();
+        for (auto const& field : split(lines[i], ","))
+            rows.back().push_back(g_ascii_strtod(field.c_str(), nullptr));
     }
-    return table;
+    return {lines, rows};
 }
 
 std::string const c_output = "<module type=\"output\" id=\"out\">"
@@ -67,18 +59,13 @@ TEST_F(OrvandeldspResponseTest, MeasuresABiquadCascadeAsItsQuantisedCoefficients
         {"peak", 1000.0, 1.4, 6.0}, {"loshelf", 200.0, 0.707, -4.0}, {"hipass", 60.0, 0.707, 0.0}};
     std::string config = "<dsp><module type=\"input\" id=\"in\"/>" + c_output;
     std::string from = "in[0]";
-    for (size_t i = 0; i < sections.size(); ++i) {
-        std::string const id = "s" + std::to_string(i);
-        char parameters[512];
-        std::snprintf(parameters, sizeof parameters,
-                      "<parameter id=\"type\" type=\"string\">%s</parameter>"
-                      "<parameter id=\"frequency\" type=\"double\">%g</parameter>"
-                      "<parameter id=\"q\" type=\"double\">%g</parameter>"
-                      "<parameter id=\"gain\" type=\"double\">%g</parameter>",
-                      sections[i].type, sections[i].frequency, sections[i].q, sections[i].gainDb);
-        config += "<module type=\"biquad\" id=\"" + id + "\">" + parameters + "</module><cable out=\"" +
-                  from + "\" in=\"" + id + "[0]\"/>";
-        from = id + "[0]";
+    for (auto const& s : sections) {
+        config += "<module type=\"biquad\" id=\"" + std::string(s.type) + "\"><parameter id=\"type\">" +
+                  s.type + "</parameter><parameter id=\"frequency\">" + std::to_string(s.frequency) +
+                  "</parameter><parameter id=\"q\">" + std::to_string(s.q) +
+                  "</parameter><parameter id=\"gain\">" + std::to_string(s.gainDb) +
+                  "</parameter></module><cable out=\"" + from + "\" in=\"" + s.type + "[0]\"/>";
+        from = s.type + std::string("[0]");
     }
     config += "<cable out=\"" + from + "\" in=\"out[0]\"/><cable out=\"in[1]\" in=\"out[1]\"/></dsp>";
 
@@ -86,9 +73,9 @@ TEST_F(OrvandeldspResponseTest, MeasuresABiquadCascadeAsItsQuantisedCoefficients
     auto const result = runTool({"response", "-c", writeConfig("cascade.xml", config), "--rate", "44100",
                                  "--from", "30", "--to", "15000", "--points", "60", "--csv", path("r.csv")});
     ASSERT_EQ(result.status, 0) << result.err;
-    Table const table = parseCsv(m_scratch.read("r.csv"));
-    ASSERT_EQ(table.rows.size(), 60u);
-    for (auto const& row : table.rows) {
+    auto const rows = parseCsv(m_scratch.read("r.csv")).second;
+    ASSERT_EQ(rows.size(), 60u);
+    for (auto const& row : rows) {
         SCOPED_TRACE(row[0]);
         std::complex<double> const expected = cascadeGain(sections, 44100.0, row[0]);
         EXPECT_NEAR(row[1], 20.0 * std::log10(std::abs(expected)), 0.05);
@@ -103,14 +90,14 @@ TEST_F(OrvandeldspResponseTest, WritesTheCsvAndAPlot)
     auto const result = runTool({"response", "--points", "5", "--csv", path("r.csv"), "-o", path("r.svg")});
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(result.out, "");
-    Table const table = parseCsv(m_scratch.read("r.csv"));
-    ASSERT_EQ(table.rows.size(), 5u);
-    EXPECT_EQ(table.lines[0], "frequency_hz,out0_db,out0_phase_deg,out1_db,out1_phase_deg");
-    for (size_t i = 0; i < table.rows.size(); ++i) {
-        EXPECT_NEAR(table.rows[i][0], 20.0 * std::pow(1000.0, i / 4.0), 0.005);
-        EXPECT_TRUE(g_regex_match_simple("^\\d+\\.\\d{2,}(,-?\\d+\\.\\d{3,}){4}$", table.lines[i + 1].c_str(),
+    auto const [lines, rows] = parseCsv(m_scratch.read("r.csv"));
+    ASSERT_EQ(rows.size(), 5u);
+    EXPECT_EQ(lines[0], "frequency_hz,out0_db,out0_phase_deg,out1_db,out1_phase_deg");
+    for (size_t i = 0; i < rows.size(); ++i) {
+        EXPECT_NEAR(rows[i][0], 20.0 * std::pow(1000.0, i / 4.0), 0.005);
+        EXPECT_TRUE(g_regex_match_simple("^\\d+\\.\\d{2,}(,-?\\d+\\.\\d{3,}){4}$", lines[i + 1].c_str(),
                                          G_REGEX_DEFAULT, G_REGEX_MATCH_DEFAULT))
-            << table.lines[i + 1];
+            << lines[i + 1];
     }
     EXPECT_NE(m_scratch.read("r.svg").find("<svg"), std::string::npos);
     // Written under temporary names first; none may be left over.
@@ -146,9 +133,9 @@ TEST_F(OrvandeldspResponseTest, LevelAndVolumeShowHowALimiterActs)
         auto const result = runTool({"response", "-c", config, "--level", c.level, "--volume", c.volume,
                                      "--from", "1000", "--to", "1001", "--points", "2"});
         ASSERT_EQ(result.status, 0) << result.err;
-        Table const table = parseCsv(result.out);
-        ASSERT_EQ(table.rows.size(), 2u);
-        EXPECT_NEAR(table.rows[0][1], c.expectedDb, c.tolerance);
-        EXPECT_NEAR(table.rows[0][3], c.expectedDb, c.tolerance);
+        auto const rows = parseCsv(result.out).second;
+        ASSERT_EQ(rows.size(), 2u);
+        EXPECT_NEAR(rows[0][1], c.expectedDb, c.tolerance);
+        EXPECT_NEAR(rows[0][3], c.expectedDb, c.tolerance);
     }
 }

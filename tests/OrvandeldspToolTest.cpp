@@ -102,34 +102,6 @@ TEST_F(OrvandeldspToolTest, RunsThirtyTwoBitInputBitExactIntoEveryFormat)
     }
 }
 
-TEST_F(OrvandeldspToolTest, MonoInputFeedsBothChannelsAndTheOutputKeepsTheInputDepth)
-{
-    std::vector<int32_t> input;
-    for (int32_t v : {0, 1, -1, 32767, -32768, 12345, -4321})
-        input.push_back(int32_t(uint32_t(v) << 16));
-    writeSound(path("mono.wav"), SF_FORMAT_PCM_16, 1, input);
-    auto const result =
-        runTool({"run", "--quiet", "-c", c_passthroughConfig, path("mono.wav"), path("out.wav")});
-    ASSERT_EQ(result.status, 0) << result.err;
-    Sound const output = readSound(path("out.wav"));
-    EXPECT_EQ(output.info.format, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
-    ASSERT_EQ(output.samples.size(), 2 * input.size());
-    for (size_t f = 0; f < input.size(); ++f) {
-        EXPECT_EQ(output.samples[2 * f], input[f]);
-        EXPECT_EQ(output.samples[2 * f + 1], input[f]);
-    }
-
-    // The bundled routing example swaps the channels.
-    writeSound(path("stereo.wav"), SF_FORMAT_PCM_24, 2, {0x100, 0x200, -0x300, 0x400});
-    ASSERT_EQ(runTool({"run", "-c", PROJECT_SOURCE_DIR "/configs/swap-channels.xml", path("stereo.wav"),
-                       path("swapped.wav")})
-                  .status,
-              0);
-    Sound const swapped = readSound(path("swapped.wav"));
-    EXPECT_EQ(swapped.info.format, SF_FORMAT_WAV | SF_FORMAT_PCM_24);
-    EXPECT_EQ(swapped.samples, (std::vector<int32_t>{0x200, 0x100, 0x400, -0x300}));
-}
-
 TEST_F(OrvandeldspToolTest, ResultsDoNotDependOnThePeriod)
 {
     writeSound(path("in.wav"), SF_FORMAT_PCM_32, 2, testWords(2 * 5003));
