@@ -1,5 +1,6 @@
 // Runs `orvandeldsp live` as a user would, on the tests' own sound card (tests/alsa/TestPcmPlugin.c) and on
-// alsa-lib's file plugin, and checks what the playback device was given.
+// alsa-lib's file plugin, and checks what the playback device was given; the table of tool answers holds
+// the devices that fail.
 #include "support/LiveTool.h"
 
 #include <cmath>
@@ -12,8 +13,6 @@ using namespace Zelmar::Testing;
 // The playback's whole buffer, three periods, is primed with silence before the first period.
 constexpr size_t c_primed = 3 * c_livePeriod;
 std::string const c_passthrough = PROJECT_SOURCE_DIR "/tests/data/passthrough.xml";
-// With a time stretcher, so that a capture run has nothing to warn about.
-std::string const c_compensated = PROJECT_SOURCE_DIR "/configs/drift.xml";
 
 // Left-justified 32-bit words to raw samples of a format.
 std::string encode(std::vector<int32_t> const& words, snd_pcm_format_t format)
@@ -135,38 +134,5 @@ TEST_F(OrvandeldspLiveTest, AnXrunOnEitherSideIsCountedAndFadesBackIn)
         EXPECT_EQ(soundStarts(levels).size(), 2u) << "the start and the restart after the xrun";
         EXPECT_GE(fading, 2 * (c_fadeFrames - 2));
         EXPECT_LE(fading, 2 * (c_fadeFrames + c_fadeLate));
-    }
-}
-
-TEST_F(OrvandeldspLiveTest, ADeviceThatFailsEndsTheRunWithOneLineAfterTheSummary)
-{
-    struct Case
-    {
-        char const* rate;
-        std::string capture;
-        std::string playback;
-        std::string err;
-        bool started;
-    } const cases[] = {
-        {"48000", "livetest:SPEED=0", "livetest:SPEED=0,VANISH=20000",
-         "playback PCM livetest:SPEED=0,VANISH=20000: No such device", true},
-        {"48000", "livetest:SPEED=0,SUSPEND=20000", "livetest:SPEED=0",
-         "capture PCM livetest:SPEED=0,SUSPEND=20000: Streams pipe error", true},
-        {"48000", "no-such-card", "livetest",
-         "capture PCM no-such-card: cannot open: No such file or directory", false},
-        {"44100", "livetest:RATE=48000", "livetest",
-         "capture PCM livetest:RATE=48000: does not take 44100 Hz (it offers 48000 Hz)", false},
-    };
-    for (auto const& c : cases) {
-        SCOPED_TRACE(c.err);
-        auto const result = runTool(
-            live({"-c", c_compensated, "-r", c.rate, "--capture", c.capture, "--playback", c.playback}));
-        EXPECT_EQ(result.status, 1);
-        // The tool's one line; the library's log entries read "orvandeldsp [level]".
-        EXPECT_EQ(result.err.find("orvandeldsp: "), result.err.rfind("orvandeldsp: ")) << result.err;
-        EXPECT_TRUE(g_str_has_suffix(result.err.c_str(), ("orvandeldsp: " + c.err + "\n").c_str()))
-            << result.err;
-        EXPECT_EQ(result.out.find("xruns: capture 0, playback 0;") != std::string::npos, c.started)
-            << result.out;
     }
 }

@@ -115,22 +115,6 @@ TEST_F(OrvandeldspToolTest, ResultsDoNotDependOnThePeriod)
     EXPECT_EQ(outputs[0].samples, outputs[2].samples);
 }
 
-TEST_F(OrvandeldspToolTest, PrintsSummaryAndMeters)
-{
-    // 0.5 and 0.25 of full scale.
-    writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, {0x40000000, 0x20000000, 0, 0});
-    auto const result = runTool({"run", "--meters", path("in.wav"), path("out.wav")});
-    ASSERT_EQ(result.status, 0) << result.err;
-    EXPECT_NE(result.out.find("orvandeldsp: 2 frames in, 2 out, 0.000 s of audio at 48000 Hz"),
-              std::string::npos)
-        << result.out;
-    EXPECT_NE(result.out.find("real-time factor"), std::string::npos);
-    EXPECT_NE(result.out.find("orvandeldsp in[0] = 0.500000\norvandeldsp in[1] = 0.250000\n"),
-              std::string::npos);
-    EXPECT_NE(result.out.find("orvandeldsp meter level: peak 0.500000"), std::string::npos);
-    EXPECT_EQ(result.err, "");
-}
-
 // Every case of tests/data/config-faults.txt, refused by check and run alike.
 TEST_F(OrvandeldspToolTest, ConfigFaultsAreRefusedByCheckAndRunAlikeWithTheirPlaces)
 {
@@ -202,11 +186,14 @@ TEST_F(OrvandeldspToolTest, AnswersEachCommandLineOfTheTableInOneLine)
     writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, std::vector<int32_t>(2 * 4800, 0));
     writeSound(path("in44.wav"), SF_FORMAT_PCM_16, 2, std::vector<int32_t>(2 * 4410, 0), 44100);
     writeSound(path("three.wav"), SF_FORMAT_PCM_16, 3, std::vector<int32_t>(3 * 10, 0));
+    // 0.5 and 0.25 of full scale.
+    writeSound(path("half.wav"), SF_FORMAT_PCM_16, 2, {0x40000000, 0x20000000, 0, 0});
     symlink(path("in.wav").c_str(), path("link.wav").c_str());
     m_scratch.write("bad.txt", "volume gain -6\nvolume gain\n");
     auto const inputs = m_scratch.entries();
     std::string const input = m_scratch.read("in.wav");
     ScopedVariable const sounds("ORVANDELDSP_SOUNDS_DIR", m_dir);
+    ScopedVariable const card("ALSA_CONFIG_PATH", ALSA_TEST_CONFIG_DIR "/live-pcm.conf");
     auto const rows = readTable("tool-answers.txt");
     EXPECT_GE(rows.size(), 50u);
     for (auto row : rows) {
@@ -215,13 +202,15 @@ TEST_F(OrvandeldspToolTest, AnswersEachCommandLineOfTheTableInOneLine)
         for (auto& field : row)
             for (auto const& [name, value] : {std::pair<std::string, std::string>{"%", m_dir + "/"},
                                               {"{passthrough}", c_passthroughConfig},
-                                              {"{configs}", PROJECT_SOURCE_DIR "/configs"}})
+                                              {"{configs}", PROJECT_SOURCE_DIR "/configs"},
+                                              {"\\n", "\n"}})
                 for (size_t at = field.find(name); at != std::string::npos; at = field.find(name, at + 1))
                     field.replace(at, name.size(), value);
         std::vector<std::string> args;
         for (auto const& word : split(row[1], " "))
             if (!word.empty())
                 args.push_back(word == "''" ? "" : word);
+        g_remove(path("o.wav").c_str());
         auto const result = runTool(args);
         EXPECT_EQ(result.status, std::stoi(row[0])) << result.err;
         std::string const rest = result.err.substr(result.err.find('\n') + 1);
@@ -229,24 +218,19 @@ TEST_F(OrvandeldspToolTest, AnswersEachCommandLineOfTheTableInOneLine)
         EXPECT_TRUE(result.status == 0 ? result.err.empty()
                                        : result.err.rfind("orvandeldsp: " + row[2], 0) == 0 && usage)
             << result.err;
-        if (row.size() > 3) {
-            EXPECT_NE(result.out.find(row[3]), std::string::npos) << result.out;
+        for (size_t i = 3; i < row.size(); ++i) {
+            bool const absent = row[i][0] == '!';
+            EXPECT_EQ(result.out.find(row[i].substr(absent)) == std::string::npos, absent) << result.out;
+        }
+        if (result.status != 0) {
+            EXPECT_EQ(m_scratch.entries(), inputs) << "nothing written";
         }
     }
-    EXPECT_EQ(m_scratch.entries(), inputs) << "nothing written";
     EXPECT_EQ(m_scratch.read("in.wav"), input);
 }
 
 TEST_F(OrvandeldspToolTest, CheckListsTheBundledConfigsAndGraphDrawsThem)
 {
-    auto const result = runTool({"check", "-c", c_passthroughConfig});
-    ASSERT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out, c_passthroughConfig + ": OK, 3 modules in signal-flow order\n"
-                                                "  in     input   0 in, 2 out\n"
-                                                "  level  meter   1 in, 0 out; [0] <- in[0]\n"
-                                                "  out    output  2 in, 0 out; [0] <- in[0], [1] <- in[1]\n"
-                                                "           interleave-pattern = 01\n");
-
     GDir* configs = g_dir_open(PROJECT_SOURCE_DIR "/configs", 0, nullptr);
     while (char const* name = g_dir_read_name(configs)) {
         std::string const config = PROJECT_SOURCE_DIR "/configs/" + std::string(name);
@@ -331,18 +315,13 @@ TEST_F(OrvandeldspToolTest, DetectPrintsTheDetectorsTransitionsAtAudioTimes)
 
 TEST_F(OrvandeldspToolTest, TypesListsTheDescriptorsAndTheCheckedInReferenceIsCurrent)
 {
-    auto result = runTool({"types"});
+    auto const result = runTool({"types"});
     ASSERT_EQ(result.status, 0) << result.err;
     std::vector<Zelmar::Tools::String> listed;
     std::istringstream lines(result.out);
     for (std::string line; std::getline(lines, line);)
         listed.push_back(line.substr(0, line.find(' ')));
     EXPECT_EQ(listed, Zelmar::ModuleFactory::get().getTypeNames());
-
-    result = runTool({"types", "gain"});
-    EXPECT_EQ(result.out,
-              "gain: gain stage\n  ports: 1 in, 1 out\n  gain (number, dB; default 0)\n      below 24 dB\n"
-              "      level, six decibels per doubling (2^(dB/6)): +6 dB doubles; 24 dB does not fit\n");
 
     gchar* reference = nullptr;
     ASSERT_TRUE(
