@@ -140,14 +140,7 @@ TEST_F(OrvandeldspControlTest, SetAndReloadChangeTheLiveSoundAndSigtermFadesItOu
 TEST_F(OrvandeldspControlTest, SoundsPlayLoopAndStopOnTheServedChain)
 {
     // Silent capture, so that every sound is a burst of its own.
-    auto const run = serve(writeConfig("sounds.xml", R"(<dsp>
-  <module type="input" id="in"/>
-  <module type="sounds" id="system-sounds"/>
-  <module type="output" id="out"><parameter id="interleave-pattern" type="string">01</parameter></module>
-  <cable out="in" in="system-sounds"/>
-  <cable out="system-sounds" in="out"/>
-</dsp>)"),
-                           "livetest:CAPTURE=/dev/null");
+    auto const run = serve(PROJECT_SOURCE_DIR "/configs/sounds.xml", "livetest:CAPTURE=/dev/null");
     // Past the primed buffer and the fade-in.
     ASSERT_TRUE(waitFor([&] { return recordedFrames() > c_servedBuffer + c_fadeFrames; }));
     // Sound 4 is the 30 ms touch click; bursts are told apart by a tenth of a second of silence.

@@ -14,22 +14,6 @@ namespace {
 
 using namespace Zelmar::Testing;
 
-// The left channel boosted by 12 dB to exactly full scale, which the output conversion clips; the
-// right one through a trim whose gain is left at its default, yet a key of its type all the same.
-std::string const c_clippingConfig = R"(<dsp>
-  <module type="input" id="in"/>
-  <module type="meter" id="level"/>
-  <module type="gain" id="boost"><parameter id="gain" type="double">12</parameter></module>
-  <module type="gain" id="trim"/>
-  <module type="output" id="out"><parameter id="interleave-pattern" type="string">01</parameter></module>
-  <cable out="in[0]" in="level[0]"/>
-  <cable out="in[0]" in="boost[0]"/>
-  <cable out="boost[0]" in="out[0]"/>
-  <cable out="in[1]" in="trim[0]"/>
-  <cable out="trim[0]" in="out[1]"/>
-</dsp>
-)";
-
 // The number after `"key":` in a JSON object.
 double jsonNumber(std::string const& json, std::string const& key)
 {
@@ -61,7 +45,7 @@ protected:
 // One served chain through status, the set and sound refusals, the announcements and reloads, in turn.
 TEST_F(OrvandeldspHostServiceTest, StatusRefusalsAnnouncementsAndReloadsOfAServedChain)
 {
-    std::string const config = writeConfig("clipping.xml", c_clippingConfig);
+    std::string const config = TEST_SOURCE_DIR "/data/clipping.xml";
     m_run = serve(config);
     auto json = waitForStatus([](std::string const& json) { return jsonNumber(json, "frames") > 0; });
     for (std::string const& expected :

@@ -27,9 +27,6 @@ std::pair<std::vector<std::string>, std::vector<std::vector<double>>> parseCsv(s
     return {lines, rows};
 }
 
-std::string const c_output = "<module type=\"output\" id=\"out\">"
-                             "<parameter id=\"interleave-pattern\" type=\"string\">01</parameter></module>";
-
 struct Section
 {
     char const* type;
@@ -52,25 +49,13 @@ std::complex<double> cascadeGain(std::vector<Section> const& sections, double ra
 
 } // namespace
 
-// The left channel runs through the sections, the right one straight through.
+// The sections of tests/data/cascade.xml on the left channel, the right one straight through.
 TEST_F(OrvandeldspResponseTest, MeasuresABiquadCascadeAsItsQuantisedCoefficientsPredict)
 {
     std::vector<Section> const sections = {
         {"peak", 1000.0, 1.4, 6.0}, {"loshelf", 200.0, 0.707, -4.0}, {"hipass", 60.0, 0.707, 0.0}};
-    std::string config = "<dsp><module type=\"input\" id=\"in\"/>" + c_output;
-    std::string from = "in[0]";
-    for (auto const& s : sections) {
-        config += "<module type=\"biquad\" id=\"" + std::string(s.type) + "\"><parameter id=\"type\">" +
-                  s.type + "</parameter><parameter id=\"frequency\">" + std::to_string(s.frequency) +
-                  "</parameter><parameter id=\"q\">" + std::to_string(s.q) +
-                  "</parameter><parameter id=\"gain\">" + std::to_string(s.gainDb) +
-                  "</parameter></module><cable out=\"" + from + "\" in=\"" + s.type + "[0]\"/>";
-        from = s.type + std::string("[0]");
-    }
-    config += "<cable out=\"" + from + "\" in=\"out[0]\"/><cable out=\"in[1]\" in=\"out[1]\"/></dsp>";
-
     // Another rate than the default, so that the chain and the curve must both follow --rate.
-    auto const result = runTool({"response", "-c", writeConfig("cascade.xml", config), "--rate", "44100",
+    auto const result = runTool({"response", "-c", TEST_SOURCE_DIR "/data/cascade.xml", "--rate", "44100",
                                  "--from", "30", "--to", "15000", "--points", "60", "--csv", path("r.csv")});
     ASSERT_EQ(result.status, 0) << result.err;
     auto const rows = parseCsv(m_scratch.read("r.csv")).second;
@@ -107,16 +92,7 @@ TEST_F(OrvandeldspResponseTest, WritesTheCsvAndAPlot)
 // A limiter shows at a high level, and an adaptive one follows the volume asked for.
 TEST_F(OrvandeldspResponseTest, LevelAndVolumeShowHowALimiterActs)
 {
-    std::string const config = writeConfig(
-        "limited.xml", "<dsp><module type=\"input\" id=\"in\"/>" + c_output +
-                           "<stereo-module type=\"gain\" id=\"boost\"><parameter id=\"gain\" "
-                           "type=\"double\">12</parameter></stereo-module>"
-                           "<stereo-module type=\"adaptive-limiter\" id=\"limit\">"
-                           "<parameter id=\"threshold\" type=\"string\">-40=0,0=-6</parameter>"
-                           "<parameter id=\"attack\" type=\"double\">1</parameter>"
-                           "<parameter id=\"release\" type=\"double\">200</parameter></stereo-module>"
-                           "<cable out=\"in\" in=\"boost\"/><cable out=\"boost\" in=\"limit\"/>"
-                           "<cable out=\"limit\" in=\"out\"/></dsp>");
+    std::string const config = TEST_SOURCE_DIR "/data/limited.xml";
     struct Case
     {
         char const* level;

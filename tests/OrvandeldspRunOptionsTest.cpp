@@ -12,21 +12,6 @@ namespace {
 
 using namespace Zelmar::Testing;
 
-// Input, a stereo "flac-encoder" and the output, optionally with a gain in front of the encoder.
-std::string encoderConfig(std::string const& gainDb)
-{
-    std::string const source = gainDb.empty() ? "in" : "boost";
-    std::string config = "<dsp><module type=\"input\" id=\"in\"/>"
-                         "<module type=\"flac-encoder\" id=\"enc\"/>"
-                         "<module type=\"output\" id=\"out\">"
-                         "<parameter id=\"interleave-pattern\" type=\"string\">01</parameter></module>";
-    if (!gainDb.empty())
-        config += "<stereo-module type=\"gain\" id=\"boost\"><parameter id=\"gain\" type=\"double\">" +
-                  gainDb + "</parameter></stereo-module><cable out=\"in\" in=\"boost\"/>";
-    return config + "<cable out=\"" + source + "[0]\" in=\"enc[0]\"/><cable out=\"" + source +
-           "[1]\" in=\"enc[1]\"/><cable out=\"in\" in=\"out\"/></dsp>";
-}
-
 class OrvandeldspRunOptionsTest : public ToolTest
 {
 protected:
@@ -54,7 +39,7 @@ TEST_F(OrvandeldspRunOptionsTest, EncodeWritesTheWholeStreamBitExact)
     samples[11] = INT32_MIN;
     writeSound(path("in.wav"), SF_FORMAT_PCM_24, 2, samples);
 
-    auto const result = runTool({"run", "-c", writeConfig("enc.xml", encoderConfig("")), "--period", "1000",
+    auto const result = runTool({"run", "-c", TEST_SOURCE_DIR "/data/encoder.xml", "--period", "1000",
                                  "--encode", path("out.flac"), path("in.wav"), path("out.wav")});
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_NE(result.out.find("bytes of FLAC in " + path("out.flac")), std::string::npos) << result.out;
@@ -77,7 +62,7 @@ TEST_F(OrvandeldspRunOptionsTest, EncodeFailuresEndTheRunWithOneLineAndNoFiles)
     writeSound(path("in.wav"), SF_FORMAT_PCM_24, 2, std::vector<int32_t>(2 * 9000, 0x40000000));
 
     // Half scale boosted by 6 dB reaches 1.0, which a 24-bit FLAC cannot hold: libFLAC refuses it.
-    auto const result = runTool({"run", "-c", writeConfig("loud.xml", encoderConfig("6")), "--encode",
+    auto const result = runTool({"run", "-c", TEST_SOURCE_DIR "/data/loud-encoder.xml", "--encode",
                                  path("out.flac"), path("in.wav"), path("out.wav")});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err, "orvandeldsp: cannot encode " + path("out.flac") + ": FlacEncoder error: 5\n");

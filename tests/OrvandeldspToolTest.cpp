@@ -156,15 +156,7 @@ TEST_F(OrvandeldspToolTest, ConfigFaultsAreRefusedByCheckAndRunAlikeWithTheirPla
 // What the library ignores is a warning: the config still checks and runs.
 TEST_F(OrvandeldspToolTest, CheckWarnsOfWhatTheLibraryIgnoresAndChecksAtTheRateAskedFor)
 {
-    std::string const config =
-        writeConfig("warnings.xml",
-                    "<dsp>\n<module type=\"input\" id=\"in\" colour=\"red\"/>\n"
-                    "<module type=\"gain\" id=\"g\"><parameter id=\"gian\">3</parameter><parameter "
-                    "id=\"gain\">-3 dB</parameter></module>\n<module type=\"biquad\" id=\"f\"><parameter "
-                    "id=\"type\">lopass</parameter><parameter id=\"frequency\">30000</parameter><parameter "
-                    "id=\"q\">1</parameter></module>\n<module type=\"output\" id=\"out\"><parameter "
-                    "id=\"interleave-pattern\">00</parameter></module>\n<cable out=\"in[0]\" in=\"g[0]\"/>"
-                    "<cable out=\"g[0]\" in=\"f[0]\"/><cable out=\"f[0]\" in=\"out[0]\"/>\n</dsp>\n");
+    std::string const config = TEST_SOURCE_DIR "/data/warnings.xml";
     auto result = runTool({"check", "--rate", "96000", "-c", config});
     EXPECT_EQ(result.status, 0) << result.err;
     std::string const prefix = "orvandeldsp: config " + config;
