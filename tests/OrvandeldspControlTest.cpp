@@ -27,22 +27,6 @@ size_t afterLast(std::vector<int32_t> const& levels, int32_t level)
     return size_t(std::find(levels.rbegin(), levels.rend(), level).base() - levels.begin());
 }
 
-// Each channel through a gain of its own, the left one at `leftDb`.
-std::string twoGains(std::string const& leftDb)
-{
-    return R"(<dsp>
-  <module type="input" id="in"/>
-  <module type="gain" id="left"><parameter id="gain" type="double">)" +
-           leftDb + R"(</parameter></module>
-  <module type="gain" id="right"><parameter id="gain" type="double">0</parameter></module>
-  <module type="output" id="out"><parameter id="interleave-pattern" type="string">01</parameter></module>
-  <cable out="in[0]" in="left[0]"/>
-  <cable out="in[1]" in="right[0]"/>
-  <cable out="left[0]" in="out[0]"/>
-  <cable out="right[0]" in="out[1]"/>
-</dsp>)";
-}
-
 void expectFadeBetween(size_t from, size_t to)
 {
     EXPECT_GE(to - from, c_fadeFrames - 2) << from;

@@ -131,7 +131,7 @@ TEST_F(OrvandeldspToolTest, ConfigFaultsAreRefusedByCheckAndRunAlikeWithTheirPla
         else if (!cases.empty())
             std::get<2>(cases.back()) += line + "\n";
     }
-    ASSERT_EQ(cases.size(), 16u);
+    ASSERT_EQ(cases.size(), 17u);
     for (auto const& [name, absent, text, lines] : cases) {
         SCOPED_TRACE(name);
         std::string const config = absent ? path(name) : writeConfig(name, text);
@@ -182,6 +182,7 @@ TEST_F(OrvandeldspToolTest, AnswersEachCommandLineOfTheTableInOneLine)
     writeSound(path("half.wav"), SF_FORMAT_PCM_16, 2, {0x40000000, 0x20000000, 0, 0});
     symlink(path("in.wav").c_str(), path("link.wav").c_str());
     m_scratch.write("bad.txt", "volume gain -6\nvolume gain\n");
+    m_scratch.write("welcome.flac", "not a FLAC stream");
     auto const inputs = m_scratch.entries();
     std::string const input = m_scratch.read("in.wav");
     ScopedVariable const sounds("ORVANDELDSP_SOUNDS_DIR", m_dir);
@@ -190,7 +191,7 @@ TEST_F(OrvandeldspToolTest, AnswersEachCommandLineOfTheTableInOneLine)
     EXPECT_GE(rows.size(), 50u);
     for (auto row : rows) {
         SCOPED_TRACE(row[1]);
-        ASSERT_GE(row.size(), 3u);
+        row.resize(std::max<size_t>(row.size(), 3));
         for (auto& field : row)
             for (auto const& [name, value] : {std::pair<std::string, std::string>{"%", m_dir + "/"},
                                               {"{passthrough}", c_passthroughConfig},
@@ -207,9 +208,10 @@ TEST_F(OrvandeldspToolTest, AnswersEachCommandLineOfTheTableInOneLine)
         EXPECT_EQ(result.status, std::stoi(row[0])) << result.err;
         std::string const rest = result.err.substr(result.err.find('\n') + 1);
         bool const usage = rest.empty() || (rest.rfind("usage: orvandeldsp ", 0) == 0 && isOneLine(rest));
-        EXPECT_TRUE(result.status == 0 ? result.err.empty()
-                                       : result.err.rfind("orvandeldsp: " + row[2], 0) == 0 && usage)
-            << result.err;
+        bool const answered = result.status == 0
+                                  ? result.err.find("orvandeldsp: " + row[2]) != std::string::npos
+                                  : result.err.rfind("orvandeldsp: " + row[2], 0) == 0 && usage;
+        EXPECT_TRUE(row[2].empty() ? result.err.empty() : answered) << result.err;
         for (size_t i = 3; i < row.size(); ++i) {
             bool const absent = row[i][0] == '!';
             EXPECT_EQ(result.out.find(row[i].substr(absent)) == std::string::npos, absent) << result.out;

@@ -154,16 +154,20 @@ inline std::vector<size_t> soundStarts(std::vector<int32_t> const& levels, size_
     return starts;
 }
 
-// Stereo through a gain "volume" of `gain` dB.
-inline std::string volumeConfig(std::string const& gain)
+inline // Each channel through a gain of its own, the left one at `leftDb`.
+    std::string
+    twoGains(std::string const& leftDb)
 {
     return R"(<dsp>
   <module type="input" id="in"/>
-  <stereo-module type="gain" id="volume"><parameter id="gain" type="double">)" +
-           gain + R"(</parameter></stereo-module>
+  <module type="gain" id="left"><parameter id="gain" type="double">)" +
+           leftDb + R"(</parameter></module>
+  <module type="gain" id="right"><parameter id="gain" type="double">0</parameter></module>
   <module type="output" id="out"><parameter id="interleave-pattern" type="string">01</parameter></module>
-  <cable out="in" in="volume"/>
-  <cable out="volume" in="out"/>
+  <cable out="in[0]" in="left[0]"/>
+  <cable out="in[1]" in="right[0]"/>
+  <cable out="left[0]" in="out[0]"/>
+  <cable out="right[0]" in="out[1]"/>
 </dsp>)";
 }
 
