@@ -1,7 +1,7 @@
 // `run --profile`: where the time went, without touching the sound.
+#include "support/DataFile.h"
 #include "support/ToolRun.h"
 
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -23,31 +23,25 @@ TEST_F(OrvandeldspProfileTest, ListsEveryModuleInFlowOrderAndLeavesTheOutputAlon
                    return int32_t(state) / 4;
                }));
     ASSERT_EQ(runTool({"run", "-q", "-p", "333", "-c", config, path("in.wav"), path("plain.wav")}).status, 0);
-    std::vector<std::string> const order{"in",         "band-31",   "band-63",   "band-125",  "band-250",
-                                         "band-500",   "band-1000", "band-2000", "band-4000", "band-8000",
-                                         "band-16000", "out",       "chain",     "host"};
-    struct Case
-    {
-        char const* option;
-        bool fused;
-    };
-    for (Case const& c : {Case{"--progress", true}, Case{"--meters", false}, Case{"--quiet", true}}) {
-        SCOPED_TRACE(c.option);
-        auto const result = runTool(
-            {"run", c.option, "--profile", "-p", "333", "-c", config, path("in.wav"), path("out.wav")});
+    auto const order = split("in band-31 band-63 band-125 band-250 band-500 band-1000 band-2000 band-4000 "
+                             "band-8000 band-16000 out chain host",
+                             " ");
+    for (auto const& [option, fused] :
+         {std::pair{"--progress", true}, {"--meters", false}, {"--quiet", true}}) {
+        SCOPED_TRACE(option);
+        auto const result =
+            runTool({"run", option, "--profile", "-p", "333", "-c", config, path("in.wav"), path("out.wav")});
         ASSERT_EQ(result.status, 0) << result.err;
         EXPECT_EQ(readSound(path("out.wav")).samples, readSound(path("plain.wav")).samples);
         std::vector<std::string> ids;
         double shares = 0.0;
-        std::istringstream lines(result.out);
-        for (std::string line; std::getline(lines, line);) {
-            std::istringstream words(line);
-            std::string program, heading, id;
-            if (!(words >> program >> heading >> id) || heading != "profile:")
+        for (auto const& line : split(result.out, "\n")) {
+            auto const words = split(line, " ");
+            if (words.size() < 3 || words[1] != "profile:")
                 continue;
-            ids.push_back(id);
-            if (id.rfind("band-", 0) == 0) {
-                EXPECT_EQ(line.find("fused") != std::string::npos, c.fused) << line;
+            ids.push_back(words[2]);
+            if (words[2].rfind("band-", 0) == 0) {
+                EXPECT_EQ(line.find("fused") != std::string::npos, fused) << line;
             }
             std::size_t const share = line.find(" % of the chain");
             if (share != std::string::npos)
