@@ -175,16 +175,22 @@ TEST_F(OrvandeldspControlTest, ARealtimeRunIsPacedByItsAudioAndClientsNameWhatTh
     writeSound(path("short.wav"), SF_FORMAT_PCM_16, 2, std::vector<int32_t>(c_liveRate, 0));
     auto const start = Clock::now();
     auto const paced = client({"run", "--realtime", path("short.wav"), path("out.wav")});
-    EXPECT_EQ(paced.status, 0) << paced.err;
+    EXPECT_EQ(paced.status, 0);
+    EXPECT_EQ(paced.err, "") << "the library's informational lines only with --verbose";
     EXPECT_GE(std::chrono::duration<double>(Clock::now() - start).count(),
               0.5 - double(c_livePeriod) / c_liveRate);
     EXPECT_NE(paced.out.find("\norvandeldsp: 24000 frames in, 24000 out"), std::string::npos) << paced.out;
 
     // Interrupted long before its end, a realtime run leaves no output behind.
     writeSound(path("long.wav"), SF_FORMAT_PCM_16, 2, std::vector<int32_t>(2 * 60 * c_liveRate, 0));
-    BackgroundTool run({"run", "--realtime", "--bus", "session", path("long.wav"), path("long-out.wav")},
-                       m_bus.getAddress());
+    BackgroundTool run(
+        {"run", "-v", "--realtime", "--bus", "session", path("long.wav"), path("long-out.wav")},
+        m_bus.getAddress(), true);
     ASSERT_EQ(run.readLine(std::chrono::seconds(30)), c_servingLine);
+    EXPECT_TRUE(waitFor([&] {
+        return run.readErrorLine(std::chrono::seconds(1)) ==
+               "orvandeldsp: DbusService: owns com.orvandeldsp.Chain";
+    }));
     run.signal(SIGTERM);
     EXPECT_EQ(run.wait(std::chrono::seconds(30)), 1);
     EXPECT_FALSE(exists("long-out.wav"));

@@ -1,6 +1,6 @@
 // What a user meets in a first hour with the tool: output types, standard output, inputs it must not
-// destroy or half read, and bus refusals.
-#include "support/LiveTool.h"
+// destroy or half read.
+#include "support/ToolRun.h"
 
 #include <algorithm>
 #include <string>
@@ -9,7 +9,7 @@
 namespace {
 
 using namespace Zelmar::Testing;
-using OrvandeldspFirstHourTest = ServedLiveTest;
+using OrvandeldspFirstHourTest = ToolTest;
 
 std::string const c_passthrough = TEST_SOURCE_DIR "/data/passthrough.xml";
 
@@ -22,17 +22,6 @@ std::vector<int32_t> twentyFourBitWords(size_t count)
         words.push_back(int32_t(state & 0xFFFFFF00u));
     }
     return words;
-}
-
-// The test bus's configuration with one more rule, which it applies to anyone, root included.
-std::string refusingBusConfig(TemporaryDirectory const& scratch, char const* name, std::string const& rule)
-{
-    gchar* text = nullptr;
-    g_file_get_contents(PrivateDbus::getDefaultConfigFile().c_str(), &text, nullptr, nullptr);
-    std::string config = text;
-    g_free(text);
-    config.insert(config.find("</policy>"), rule);
-    return scratch.write(name, config);
 }
 
 } // namespace
@@ -109,61 +98,4 @@ TEST_F(OrvandeldspFirstHourTest, FilesFollowTheirNamesAndTheInputIsNeverLostOrCu
     EXPECT_EQ(m_scratch.read("summary.txt").rfind("orvandeldsp: 3000 frames in, 3000 out", 0), 0u);
     EXPECT_EQ(runProgram({"flac", "-d", "-s", "-o", path("streamed.wav"), path("streamed.flac")}).status, 0);
     EXPECT_EQ(readSound(path("streamed.wav")).samples, input);
-}
-
-TEST_F(OrvandeldspFirstHourTest, ServedChainsAndRefusingBusesAnswerInOneLine)
-{
-    writeSound(path("short.wav"), SF_FORMAT_PCM_16, 2, std::vector<int32_t>(2 * 2400, 0));
-    auto const realtime = [&](char const* bus, bool verbose) {
-        std::vector<std::string> args{"run", "--realtime", "--bus", bus, path("short.wav"), path("out.wav")};
-        if (verbose)
-            args.insert(args.begin() + 1, "-v");
-        return args;
-    };
-    std::string const owns = "orvandeldsp: DbusService: owns com.orvandeldsp.Chain";
-
-    EXPECT_EQ(runTool(realtime("session", false)).err, "");
-    EXPECT_NE(runTool(realtime("session", true)).err.find(owns), std::string::npos);
-    // Live runs stay served until the test ends them, however slow the clients.
-    std::string const volume = writeConfig("two-gains.xml", twoGains("0"));
-    auto const served = serve(volume);
-    PrivateDbus refusingOwners(
-        refusingBusConfig(m_scratch, "no-owner.conf", "<deny own=\"com.orvandeldsp.Chain\"/>"));
-    PrivateDbus refusingCallers(refusingBusConfig(
-        m_scratch, "no-caller.conf",
-        "<deny send_destination=\"com.orvandeldsp.Chain\" send_interface=\"com.orvandeldsp.Chain\"/>"));
-    BackgroundTool refused(
-        {"live", "--bus", "session", "-c", volume, "--capture", "livetest", "--playback", "livetest"},
-        refusingCallers.getAddress());
-    ASSERT_EQ(refused.readLine(std::chrono::seconds(30)), c_servingLine);
-
-    struct Case
-    {
-        std::string systemBus;
-        std::vector<std::string> args;
-        int status;
-        std::string err;
-    };
-    std::vector<Case> const cases{
-        {m_bus.getAddress(), {"set", "--bus", "system", "--", "left", "gain", "-3"}, 0, ""},
-        {m_bus.getAddress(),
-         {"set", "--bus", "system", "left", "gain", "abc"},
-         1,
-         "orvandeldsp: parameter gain of module left: \"abc\" is not a number\n"},
-        {refusingCallers.getAddress(),
-         {"set", "--bus", "system", "left", "gain", "-3"},
-         1,
-         "orvandeldsp: not allowed to control com.orvandeldsp.Chain on the system bus: run as root or as a "
-         "member of group audio\n"},
-        {refusingOwners.getAddress(), realtime("system", false), 1,
-         "orvandeldsp: not allowed to own com.orvandeldsp.Chain on the system bus: run as root (the bus's "
-         "policy com.orvandeldsp.Chain.conf allows root)\n"},
-    };
-    for (auto const& c : cases) {
-        SCOPED_TRACE(c.args.back());
-        ScopedBusAddress const systemAddress("DBUS_SYSTEM_BUS_ADDRESS", c.systemBus);
-        auto const result = runTool(c.args);
-        EXPECT_EQ(result.status, c.status);
-        EXPECT_EQ(result.err, c.err);
-    }
 }

@@ -1,5 +1,5 @@
 // The host service of `orvandeldsp live` on a private bus, used as a user would: status, the module list
-// that set checks against, and reload, on the tests' own sound card.
+// that set checks against, bus policies that refuse, and reload, on the tests' own sound card.
 #include "support/HeapWatch.h"
 #include "support/LiveTool.h"
 #include "support/MainLoop.h"
@@ -19,6 +19,17 @@ double jsonNumber(std::string const& json, std::string const& key)
 {
     auto const at = json.find("\"" + key + "\":");
     return at == std::string::npos ? NAN : std::strtod(json.c_str() + at + key.size() + 3, nullptr);
+}
+
+// The test bus's configuration with one more rule, which it applies to anyone, root included.
+std::string refusingBusConfig(TemporaryDirectory const& scratch, char const* name, std::string const& rule)
+{
+    gchar* text = nullptr;
+    g_file_get_contents(PrivateDbus::getDefaultConfigFile().c_str(), &text, nullptr, nullptr);
+    std::string config = text;
+    g_free(text);
+    config.insert(config.find("</policy>"), rule);
+    return scratch.write(name, config);
 }
 
 class OrvandeldspHostServiceTest : public ServedLiveTest
@@ -42,7 +53,7 @@ protected:
     std::unique_ptr<BackgroundTool> m_run;
 };
 
-// One served chain through status, the set and sound refusals, the announcements and reloads, in turn.
+// One served chain through status, announcements, the set and sound refusals and reloads, in turn.
 TEST_F(OrvandeldspHostServiceTest, StatusRefusalsAnnouncementsAndReloadsOfAServedChain)
 {
     std::string const config = TEST_SOURCE_DIR "/data/clipping.xml";
@@ -103,28 +114,58 @@ TEST_F(OrvandeldspHostServiceTest, StatusRefusalsAnnouncementsAndReloadsOfAServe
     for (size_t i = 1; i < frames.size(); ++i)
         EXPECT_GE(frames[i], frames[i - 1] + c_liveRate - c_servedBuffer - c_livePeriod) << i;
 
+    // Over the system bus too, where a bus policy may refuse the caller or the owner.
+    writeSound(path("short.wav"), SF_FORMAT_PCM_16, 2, std::vector<int32_t>(2 * 2400, 0));
+    PrivateDbus refusingOwners(
+        refusingBusConfig(m_scratch, "no-owner.conf", "<deny own=\"com.orvandeldsp.Chain\"/>"));
+    PrivateDbus refusingCallers(refusingBusConfig(
+        m_scratch, "no-caller.conf",
+        "<deny send_destination=\"com.orvandeldsp.Chain\" send_interface=\"com.orvandeldsp.Chain\"/>"));
+    BackgroundTool refused(
+        {"live", "--bus", "session", "-c", config, "--capture", "livetest", "--playback", "livetest"},
+        refusingCallers.getAddress());
+    ASSERT_EQ(refused.readLine(std::chrono::seconds(30)), c_servingLine);
+    std::string const served = m_bus.getAddress();
     std::string const noModule =
         "orvandeldsp: the served chain has no module bost (it has in, level, boost, trim, out)\n";
+    std::string const noSounds =
+        "orvandeldsp: the served chain has no module system-sounds to play system sounds\n";
     struct Case
     {
-        std::vector<std::string> args;
+        std::string systemBus;
+        std::vector<std::string> args; // after "orvandeldsp"
         std::string err;
     } const cases[] = {
-        {{"set", "trim", "gain", "6"}, ""},
-        {{"set", "bost", "gain", "6"}, noModule},
-        {{"set", "trim", "gian", "6"},
+        {served, {"set", "--bus", "system", "--", "trim", "gain", "6"}, ""},
+        {served, {"set", "--bus", "system", "bost", "gain", "6"}, noModule},
+        {served,
+         {"set", "--bus", "system", "trim", "gian", "6"},
          "orvandeldsp: module trim of the served chain has no parameter gian (it has gain)\n"},
-        {{"set", "level", "gain", "6"},
+        {served,
+         {"set", "--bus", "system", "level", "gain", "6"},
          "orvandeldsp: module level of the served chain has no parameter gain (it has none)\n"},
-        {{"set", "--file", m_scratch.write("settings.txt", "trim gain -3\nbost gain -3\n")}, noModule},
-        {{"sound", "play", "4"},
-         "orvandeldsp: the served chain has no module system-sounds to play system sounds\n"},
-        {{"sound", "loop", "4", "1000"},
-         "orvandeldsp: the served chain has no module system-sounds to play system sounds\n"},
+        {served,
+         {"set", "--bus", "system", "trim", "gain", "abc"},
+         "orvandeldsp: parameter gain of module trim: \"abc\" is not a number\n"},
+        {served,
+         {"set", "--bus", "system", "--file",
+          m_scratch.write("settings.txt", "trim gain -3\nbost gain -3\n")},
+         noModule},
+        {served, {"sound", "--bus", "system", "play", "4"}, noSounds},
+        {served, {"sound", "--bus", "system", "loop", "4", "1000"}, noSounds},
+        {refusingCallers.getAddress(),
+         {"set", "--bus", "system", "trim", "gain", "-3"},
+         "orvandeldsp: not allowed to control com.orvandeldsp.Chain on the system bus: run as root or as a "
+         "member of group audio\n"},
+        {refusingOwners.getAddress(),
+         {"run", "--realtime", "--bus", "system", path("short.wav"), path("out.wav")},
+         "orvandeldsp: not allowed to own com.orvandeldsp.Chain on the system bus: run as root (the bus's "
+         "policy com.orvandeldsp.Chain.conf allows root)\n"},
     };
     for (auto const& c : cases) {
-        SCOPED_TRACE(c.args[1]);
-        auto const result = client(c.args);
+        SCOPED_TRACE(c.args[c.args.size() - 2]);
+        ScopedBusAddress const systemAddress("DBUS_SYSTEM_BUS_ADDRESS", c.systemBus);
+        auto const result = runTool(c.args);
         EXPECT_EQ(result.status, c.err.empty() ? 0 : 1);
         EXPECT_EQ(result.err, c.err);
     }
