@@ -6,8 +6,6 @@
 
 #include <cmath>
 #include <cstdlib>
-#include <functional>
-#include <memory>
 #include <sstream>
 
 namespace {

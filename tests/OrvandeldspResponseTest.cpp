@@ -5,8 +5,6 @@
 
 #include <cmath>
 #include <complex>
-#include <string>
-#include <vector>
 
 namespace {
 

@@ -2,11 +2,7 @@
 #include "support/ScopedVariable.h"
 #include "support/ToolRun.h"
 
-#include <cstdint>
-#include <cstdlib>
 #include <random>
-#include <string>
-#include <vector>
 
 namespace {
 

@@ -9,13 +9,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
-#include <string>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -314,8 +310,7 @@ TEST_F(OrvandeldspToolTest, TypesListsTheDescriptorsAndTheCheckedInReferenceIsCu
     auto const result = runTool({"types"});
     ASSERT_EQ(result.status, 0) << result.err;
     std::vector<Zelmar::Tools::String> listed;
-    std::istringstream lines(result.out);
-    for (std::string line; std::getline(lines, line);)
+    for (auto const& line : split(result.out.substr(0, result.out.size() - 1), "\n"))
         listed.push_back(line.substr(0, line.find(' ')));
     EXPECT_EQ(listed, Zelmar::ModuleFactory::get().getTypeNames());
 

@@ -4,13 +4,9 @@
 #include "tests/support/DataFile.h"
 #include "tests/support/ToolRun.h"
 
-#include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <random>
 #include <set>
-#include <string>
-#include <vector>
 
 namespace {
 
