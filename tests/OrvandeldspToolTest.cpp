@@ -1,6 +1,8 @@
 // Runs the built `orvandeldsp` tool as a user would and checks its files, messages and exit statuses: output
 // types, standard output, inputs it must not destroy or half read, and where `run --profile` says the time
-// went, without touching the sound.
+// went, without touching the sound; the run options that drive library parts a live host drives (--encode
+// and --sound); and `response`, its curves against ones computed apart from the chain.
+#include "dsp/BiQuadSection.h"
 #include "support/DataFile.h"
 #include "support/ScopedVariable.h"
 #include "support/ToolRun.h"
@@ -9,12 +11,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <complex>
 #include <cstdlib>
 #include <fstream>
 #include <unistd.h>
 
 namespace {
 
+using namespace Zelmar;
 using namespace Zelmar::Testing;
 
 // Interleaved stereo, the same tone on both channels, left-justified 24-bit words.
@@ -63,7 +67,60 @@ std::vector<int32_t> testWords(size_t frames)
     return words;
 }
 
-using OrvandeldspToolTest = ToolTest;
+// The test words cut to the 24 bits every output type holds, as libsndfile left-justifies them.
+std::vector<int32_t> twentyFourBitWords(size_t count)
+{
+    auto words = testWords(count);
+    for (auto& word : words)
+        word = int32_t(uint32_t(word) & 0xFFFFFF00u);
+    return words;
+}
+
+// The CSV's lines, the header first, and the numbers of each line after it.
+std::pair<std::vector<std::string>, std::vector<std::vector<double>>> parseCsv(std::string const& text)
+{
+    auto lines = split(text.substr(0, text.size() - 1), "\n");
+    std::vector<std::vector<double>> rows;
+    for (size_t i = 1; i < lines.size(); ++i) {
+        rows.emplace_back();
+        for (auto const& field : split(lines[i], ","))
+            rows.back().push_back(g_ascii_strtod(field.c_str(), nullptr));
+    }
+    return {lines, rows};
+}
+
+struct Section
+{
+    char const* type;
+    double frequency, q, gainDb;
+};
+
+// In double from the quantised coefficients: the cascade's gain is the product of the sections'.
+std::complex<double> cascadeGain(std::vector<Section> const& sections, double rate, double frequency)
+{
+    std::complex<double> const z1 = std::polar(1.0, -2.0 * M_PI * frequency / rate);
+    std::complex<double> gain = 1.0;
+    for (auto const& s : sections) {
+        BiQuadSection c;
+        c.design(tBiQuadDesign::translateType(s.type), rate, s.frequency, s.q, s.gainDb);
+        gain *= (c.b0.toDouble() + z1 * (c.b1.toDouble() + z1 * c.b2.toDouble())) /
+                (1.0 + z1 * (c.a1.toDouble() + z1 * c.a2.toDouble()));
+    }
+    return gain;
+}
+
+class OrvandeldspToolTest : public ToolTest
+{
+protected:
+    // A live stream's header leaves the length open, which libsndfile reads as no frames; flac decodes it.
+    Sound decodedFlac(std::string const& name) const
+    {
+        EXPECT_EQ(runProgram({"flac", "-d", "-s", "-f", "-o", path("decoded.wav"), path(name)}).status, 0);
+        return readSound(path("decoded.wav"));
+    }
+
+    ScopedVariable m_sounds{"ORVANDELDSP_SOUNDS_DIR", GENERATED_SOUNDS_DIR};
+};
 
 std::string const c_defaultConfig = PROJECT_SOURCE_DIR "/configs/default.xml";
 // Bit-exact expectations need a chain that only moves samples; the bundled default filters them.
@@ -324,10 +381,7 @@ TEST_F(OrvandeldspToolTest, TypesListsTheDescriptorsAndTheCheckedInReferenceIsCu
 
 TEST_F(OrvandeldspToolTest, FilesFollowTheirNamesAndTheInputIsNeverLostOrCut)
 {
-    // 24-bit words, as every output type holds them.
-    auto input = testWords(2 * 3000);
-    for (auto& word : input)
-        word = int32_t(uint32_t(word) & 0xFFFFFF00u);
+    auto const input = twentyFourBitWords(2 * 3000);
     writeSound(path("in.wav"), SF_FORMAT_PCM_24, 2, input);
     writeSound(path("empty.wav"), SF_FORMAT_PCM_16, 2, {});
     writeSound(path("eight.wav"), SF_FORMAT_PCM_U8, 1, {0x01000000, -0x02000000});
@@ -437,5 +491,139 @@ TEST_F(OrvandeldspToolTest, ProfileListsEveryModuleInFlowOrderAndLeavesTheOutput
         }
         EXPECT_EQ(ids, order) << result.out;
         EXPECT_NEAR(shares, 100.0, 0.1 * 12) << result.out;
+    }
+}
+
+TEST_F(OrvandeldspToolTest, EncodeWritesTheWholeStreamBitExact)
+{
+    // Both extremes a 24-bit FLAC holds among random samples, and a length that is no multiple of the
+    // encoder's 1152-frame block nor of the period.
+    auto const samples = twentyFourBitWords(2 * (3 * 48000 + 777));
+    writeSound(path("in.wav"), SF_FORMAT_PCM_24, 2, samples);
+
+    auto const result = runTool({"run", "-c", TEST_SOURCE_DIR "/data/encoder.xml", "--period", "1000",
+                                 "--encode", path("out.flac"), path("in.wav"), path("out.wav")});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_NE(result.out.find("bytes of FLAC in " + path("out.flac")), std::string::npos) << result.out;
+    // The stream is finished at the end, so even the last, incomplete block is in the file.
+    Sound const decoded = decodedFlac("out.flac");
+    EXPECT_EQ(decoded.info.format & SF_FORMAT_SUBMASK, SF_FORMAT_PCM_24);
+    EXPECT_EQ(decoded.info.samplerate, 48000);
+    EXPECT_EQ(decoded.samples, samples);
+
+    // The bundled line-in chain encodes its input too.
+    ASSERT_EQ(runTool({"run", "-q", "-c", PROJECT_SOURCE_DIR "/configs/line-in.xml", "--encode",
+                       path("line-in.flac"), path("in.wav"), path("out.wav")})
+                  .status,
+              0);
+    EXPECT_EQ(decodedFlac("line-in.flac").samples, samples);
+}
+
+TEST_F(OrvandeldspToolTest, EncodeFailuresEndTheRunWithOneLineAndNoFiles)
+{
+    writeSound(path("in.wav"), SF_FORMAT_PCM_24, 2, std::vector<int32_t>(2 * 9000, 0x40000000));
+
+    // Half scale boosted by 6 dB reaches 1.0, which a 24-bit FLAC cannot hold: libFLAC refuses it.
+    auto const result = runTool({"run", "-c", TEST_SOURCE_DIR "/data/loud-encoder.xml", "--encode",
+                                 path("out.flac"), path("in.wav"), path("out.wav")});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "orvandeldsp: cannot encode " + path("out.flac") + ": FlacEncoder error: 5\n");
+    EXPECT_FALSE(exists("out.flac"));
+    EXPECT_FALSE(exists("out.wav"));
+}
+
+TEST_F(OrvandeldspToolTest, SoundIsMixedBitExactOverDuckedMusic)
+{
+    // 44100 Hz plays a sound one stored frame per output frame. Left is silent, so it carries the sound
+    // alone; right is a quarter of full scale, ducked to exactly a sixteenth once the fade has settled.
+    unsigned int const rate = 44100;
+    unsigned int const frames = 3 * rate / 2;
+    int32_t const music = 0x200000 << 8;
+    std::vector<int32_t> input(2 * frames);
+    for (unsigned int i = 0; i < frames; ++i)
+        input[2 * i + 1] = music;
+    writeSound(path("music.wav"), SF_FORMAT_PCM_24, 2, input, int(rate));
+    Sound const welcome = readSound(GENERATED_SOUNDS_DIR "/welcome.flac");
+    auto const soundFrames = unsigned(welcome.info.frames);
+    ASSERT_GT(soundFrames, rate / 2);
+
+    // 0.3 s is input frame 13230, in the period of 1000 frames that starts at frame 13000.
+    auto const result = runTool({"run", "-c", PROJECT_SOURCE_DIR "/configs/sounds.xml", "--format", "s32",
+                                 "--period", "1000", "--sound", "9@0.3", path("music.wav"), path("out.wav")});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_NE(result.out.find("1 system sounds played"), std::string::npos) << result.out;
+    Sound const out = readSound(path("out.wav"));
+    ASSERT_EQ(out.samples.size(), input.size());
+
+    unsigned int const start = 13000;
+    unsigned int const fadeFrames = rate / 4 + 1;
+    unsigned int mismatches = 0;
+    for (unsigned int i = 0; i < frames; ++i) {
+        bool const playing = i >= start && i < start + soundFrames;
+        int32_t const left = playing ? welcome.samples[2 * (i - start)] : 0;
+        mismatches += out.samples[2 * i] != left;
+        if (i < start)
+            mismatches += out.samples[2 * i + 1] != music;
+        else if (i >= start + fadeFrames && playing)
+            mismatches += out.samples[2 * i + 1] != music / 4 + welcome.samples[2 * (i - start) + 1];
+    }
+    EXPECT_EQ(mismatches, 0u);
+    EXPECT_EQ(out.samples.back(), music) << "the music comes back to full level after the sound";
+}
+
+// The sections of tests/data/cascade.xml on the left channel, the right one straight through.
+TEST_F(OrvandeldspToolTest, ResponseMeasuresABiquadCascadeAsItsQuantisedCoefficientsPredictIntoItsFiles)
+{
+    std::vector<Section> const sections = {
+        {"peak", 1000.0, 1.4, 6.0}, {"loshelf", 200.0, 0.707, -4.0}, {"hipass", 60.0, 0.707, 0.0}};
+    // Another rate than the default, so that the chain and the curve must both follow --rate.
+    auto const result =
+        runTool({"response", "-c", TEST_SOURCE_DIR "/data/cascade.xml", "--rate", "44100", "--from", "30",
+                 "--to", "15000", "--points", "60", "--csv", path("r.csv"), "-o", path("r.svg")});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, "");
+    EXPECT_NE(m_scratch.read("r.svg").find("<svg"), std::string::npos);
+    // Written under temporary names first; none may be left over.
+    EXPECT_EQ(m_scratch.entries().size(), 2u);
+    auto const [lines, rows] = parseCsv(m_scratch.read("r.csv"));
+    ASSERT_EQ(rows.size(), 60u);
+    EXPECT_EQ(lines[0], "frequency_hz,out0_db,out0_phase_deg,out1_db,out1_phase_deg");
+    for (size_t i = 0; i < rows.size(); ++i) {
+        auto const& row = rows[i];
+        SCOPED_TRACE(lines[i + 1]);
+        EXPECT_TRUE(g_regex_match_simple("^\\d+\\.\\d{2,}(,-?\\d+\\.\\d{3,}){4}$", lines[i + 1].c_str(),
+                                         G_REGEX_DEFAULT, G_REGEX_MATCH_DEFAULT));
+        std::complex<double> const expected = cascadeGain(sections, 44100.0, row[0]);
+        EXPECT_NEAR(row[1], 20.0 * std::log10(std::abs(expected)), 0.05);
+        EXPECT_NEAR(std::remainder(row[2] - std::arg(expected) * 180.0 / M_PI, 360.0), 0.0, 0.5);
+        EXPECT_NEAR(row[3], 0.0, 1e-3);
+        EXPECT_NEAR(row[4], 0.0, 1e-2);
+    }
+}
+
+// A limiter shows at a high level, and an adaptive one follows the volume asked for.
+TEST_F(OrvandeldspToolTest, ResponseLevelAndVolumeShowHowALimiterActs)
+{
+    std::string const config = TEST_SOURCE_DIR "/data/limited.xml";
+    struct Case
+    {
+        char const* level;
+        char const* volume; // 100 is 0 dB, 10 is -40 dB
+        double expectedDb;
+        double tolerance;
+    } const cases[] = {
+        {"-30", "100", 20.0 * std::log10(4.0), 0.01}, // 12 dB by six per doubling, under any threshold
+        {"0", "100", 20.0 * std::log10(0.5), 0.5},    // held at the threshold of -6 dB, that is 0.5
+        {"0", "10", 0.0, 0.5},                        // held at 0 dB
+    };
+    for (auto const& c : cases) {
+        SCOPED_TRACE(std::string(c.level) + " dBFS, volume " + c.volume);
+        auto const result = runTool({"response", "-c", config, "--level", c.level, "--volume", c.volume,
+                                     "--from", "1000", "--to", "1001", "--points", "2"});
+        ASSERT_EQ(result.status, 0) << result.err;
+        auto const rows = parseCsv(result.out).second;
+        ASSERT_EQ(rows.size(), 2u);
+        EXPECT_NEAR(rows[0][1], c.expectedDb, c.tolerance);
+        EXPECT_NEAR(rows[0][3], c.expectedDb, c.tolerance);
     }
 }
