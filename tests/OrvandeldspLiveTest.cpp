@@ -39,18 +39,16 @@ std::vector<int32_t> music(size_t frames, snd_pcm_format_t format)
     });
 }
 
-class OrvandeldspLiveTest : public ServedLiveTest
+// Not served, not at real-time priority: these runs never wait for a clock.
+std::vector<std::string> live(std::vector<std::string> const& args)
 {
-protected:
-    // Not served, not at real-time priority: these runs never wait for a clock.
-    static std::vector<std::string> live(std::vector<std::string> const& args)
-    {
-        std::vector<std::string> all{"live",     "--no-service", "--priority", "0",
-                                     "--period", "1024",         "--periods",  "3"};
-        all.insert(all.end(), args.begin(), args.end());
-        return all;
-    }
-};
+    std::vector<std::string> all{"live",     "--no-service", "--priority", "0",
+                                 "--period", "1024",         "--periods",  "3"};
+    all.insert(all.end(), args.begin(), args.end());
+    return all;
+}
+
+using OrvandeldspLiveTest = ServedLiveTest;
 
 } // namespace
 
@@ -141,15 +139,13 @@ TEST_F(OrvandeldspLiveTest, AnXrunOnEitherSideIsCountedAndFadesBackIn)
 namespace {
 
 constexpr long long c_hourOfFrames = 48000LL * 3600;
-constexpr int c_period = 1024;
-constexpr int c_periods = 3;
 
 // The first latency the host measures is the primed playback buffer, plus at most the frame the capture
 // is ahead by then. The compensator orders its first correction once the smoothed sign of the deltas
 // passes 0.5: from the worst start, -1, that takes 28 periods (1 - 2 * 0.95^n > 0.5), in which 100 ppm
 // of 1024-frame periods add 2.9 frames; with the frame a delta must reach before it counts and a frame
 // of rounding in each device's position, the latency stays within 5 frames of where it started.
-constexpr int c_latencyAtStart = c_periods * c_period;
+constexpr int c_latencyAtStart = c_primed;
 constexpr int c_compensatedSwing = 5;
 
 struct DriftCase
@@ -173,11 +169,11 @@ TEST_P(OrvandeldspLiveDriftTest, AnHourOfDriftRunsWithoutXrunOnlyWhenCompensated
     std::snprintf(capture, sizeof capture, "livetest:VIRTUAL=1,PPM=%g", c.ppm);
     // Through a time stretcher, or straight through.
     auto const result =
-        runTool({"live", "--no-service", "--priority", "0", "-c",
-                 PROJECT_SOURCE_DIR +
-                     std::string(c.compensated ? "/configs/drift.xml" : "/tests/data/passthrough.xml"),
-                 "--period", std::to_string(c_period), "--periods", std::to_string(c_periods), "--frames",
-                 std::to_string(c_hourOfFrames), "--capture", capture, "--playback", "livetest:VIRTUAL=1"});
+        runTool(live({"-c",
+                      PROJECT_SOURCE_DIR +
+                          std::string(c.compensated ? "/configs/drift.xml" : "/tests/data/passthrough.xml"),
+                      "--frames", std::to_string(c_hourOfFrames), "--capture", capture, "--playback",
+                      "livetest:VIRTUAL=1"}));
     ASSERT_EQ(result.status, 0) << result.err;
     auto const from = [&](char const* text) {
         return result.out.c_str() + std::min(result.out.find(text), result.out.size());
