@@ -1,5 +1,6 @@
 // The host service of `orvandeldsp live` on a private bus, used as a user would: status, the module list
 // that set checks against, bus policies that refuse, and reload, on the tests' own sound card.
+#include "support/DataFile.h"
 #include "support/HeapWatch.h"
 #include "support/LiveTool.h"
 #include "support/MainLoop.h"
@@ -124,48 +125,38 @@ TEST_F(OrvandeldspHostServiceTest, StatusRefusalsAnnouncementsAndReloadsOfAServe
         refusingCallers.getAddress());
     ASSERT_EQ(refused.readLine(std::chrono::seconds(30)), c_servingLine);
     std::string const served = m_bus.getAddress();
-    std::string const noModule =
-        "orvandeldsp: the served chain has no module bost (it has in, level, boost, trim, out)\n";
-    std::string const noSounds =
-        "orvandeldsp: the served chain has no module system-sounds to play system sounds\n";
+    std::string const noModule = "the served chain has no module bost (it has in, level, boost, trim, out)";
+    std::string const noSounds = "the served chain has no module system-sounds to play system sounds";
+    std::string const settings = m_scratch.write("settings.txt", "trim gain -3\nbost gain -3\n");
     struct Case
     {
         std::string systemBus;
-        std::vector<std::string> args; // after "orvandeldsp"
-        std::string err;
+        std::string args; // after "orvandeldsp COMMAND --bus system"
+        std::string err;  // after "orvandeldsp: "
     } const cases[] = {
-        {served, {"set", "--bus", "system", "--", "trim", "gain", "6"}, ""},
-        {served, {"set", "--bus", "system", "bost", "gain", "6"}, noModule},
-        {served,
-         {"set", "--bus", "system", "trim", "gian", "6"},
-         "orvandeldsp: module trim of the served chain has no parameter gian (it has gain)\n"},
-        {served,
-         {"set", "--bus", "system", "level", "gain", "6"},
-         "orvandeldsp: module level of the served chain has no parameter gain (it has none)\n"},
-        {served,
-         {"set", "--bus", "system", "trim", "gain", "abc"},
-         "orvandeldsp: parameter gain of module trim: \"abc\" is not a number\n"},
-        {served,
-         {"set", "--bus", "system", "--file",
-          m_scratch.write("settings.txt", "trim gain -3\nbost gain -3\n")},
-         noModule},
-        {served, {"sound", "--bus", "system", "play", "4"}, noSounds},
-        {served, {"sound", "--bus", "system", "loop", "4", "1000"}, noSounds},
-        {refusingCallers.getAddress(),
-         {"set", "--bus", "system", "trim", "gain", "-3"},
-         "orvandeldsp: not allowed to control com.orvandeldsp.Chain on the system bus: run as root or as a "
-         "member of group audio\n"},
-        {refusingOwners.getAddress(),
-         {"run", "--realtime", "--bus", "system", path("short.wav"), path("out.wav")},
-         "orvandeldsp: not allowed to own com.orvandeldsp.Chain on the system bus: run as root (the bus's "
-         "policy com.orvandeldsp.Chain.conf allows root)\n"},
+        {served, "set -- trim gain 6", ""},
+        {served, "set bost gain 6", noModule},
+        {served, "set trim gian 6", "module trim of the served chain has no parameter gian (it has gain)"},
+        {served, "set level gain 6", "module level of the served chain has no parameter gain (it has none)"},
+        {served, "set trim gain abc", "parameter gain of module trim: \"abc\" is not a number"},
+        {served, "set --file " + settings, noModule},
+        {served, "sound play 4", noSounds},
+        {served, "sound loop 4 1000", noSounds},
+        {refusingCallers.getAddress(), "set trim gain -3",
+         "not allowed to control com.orvandeldsp.Chain on the system bus: run as root or as a member of "
+         "group audio"},
+        {refusingOwners.getAddress(), "run --realtime " + path("short.wav") + " " + path("out.wav"),
+         "not allowed to own com.orvandeldsp.Chain on the system bus: run as root (the bus's policy "
+         "com.orvandeldsp.Chain.conf allows root)"},
     };
     for (auto const& c : cases) {
-        SCOPED_TRACE(c.args[c.args.size() - 2]);
+        SCOPED_TRACE(c.args);
         ScopedBusAddress const systemAddress("DBUS_SYSTEM_BUS_ADDRESS", c.systemBus);
-        auto const result = runTool(c.args);
+        auto args = split(c.args, " ");
+        args.insert(args.begin() + 1, {"--bus", "system"});
+        auto const result = runTool(args);
         EXPECT_EQ(result.status, c.err.empty() ? 0 : 1);
-        EXPECT_EQ(result.err, c.err);
+        EXPECT_EQ(result.err, c.err.empty() ? "" : "orvandeldsp: " + c.err + "\n");
     }
 
     std::string const stereoIn = R"(<dsp><module type="input" id="in"/><module type="output" id="out">)";
