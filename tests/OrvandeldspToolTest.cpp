@@ -129,7 +129,7 @@ std::string const c_passthroughConfig = TEST_SOURCE_DIR "/data/passthrough.xml";
 
 // Integer PCM is read in blocks of many periods and written the same way; a period that does not divide
 // the blocks and an output of more than one block check the seams.
-TEST_F(OrvandeldspToolTest, RunsThirtyTwoBitInputBitExactIntoEveryFormat)
+TEST_F(OrvandeldspToolTest, RunsThirtyTwoBitInputBitExactIntoEveryFormatAtAnyPeriod)
 {
     size_t const frames = 50000;
     auto const left = testWords(frames);
@@ -154,19 +154,18 @@ TEST_F(OrvandeldspToolTest, RunsThirtyTwoBitInputBitExactIntoEveryFormat)
         for (size_t i = 0; i < input.size(); ++i)
             ASSERT_EQ(output.samples[i], expectedThroughFormat(input[i], bits)) << format << " sample " << i;
     }
-}
 
-TEST_F(OrvandeldspToolTest, ResultsDoNotDependOnThePeriod)
-{
-    writeSound(path("in.wav"), SF_FORMAT_PCM_32, 2, testWords(2 * 5003));
-    std::vector<Sound> outputs;
+    // Through the bundled default chain, which filters and limits, the period changes nothing.
+    std::vector<int32_t> first;
     for (char const* period : {"64", "1000", "1280"}) {
         ASSERT_EQ(runTool({"run", "-q", "--period", period, path("in.wav"), path("out.wav")}).status, 0);
-        outputs.push_back(readSound(path("out.wav")));
+        auto const samples = readSound(path("out.wav")).samples;
+        EXPECT_EQ(samples.size(), input.size());
+        if (!first.empty()) {
+            EXPECT_EQ(samples, first) << period;
+        }
+        first = samples;
     }
-    ASSERT_EQ(outputs[0].samples.size(), 2u * 5003u);
-    EXPECT_EQ(outputs[0].samples, outputs[1].samples);
-    EXPECT_EQ(outputs[0].samples, outputs[2].samples);
 }
 
 // Every case of tests/data/config-faults.txt, refused by check and run alike, or warned of by check.
