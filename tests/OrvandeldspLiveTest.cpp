@@ -1,8 +1,15 @@
 // Runs `orvandeldsp live` as a user would, on the tests' own sound card (tests/alsa/TestPcmPlugin.c) and on
 // alsa-lib's file plugin, and checks what the playback device was given; the table of tool answers holds
 // the devices that fail. Last, devices whose clocks drift apart: the test card on its virtual clock,
-// capture running 100 ppm fast or slow against playback, for an hour of audio.
+// capture running 100 ppm fast or slow against playback, for an hour of audio. And the live host's period
+// loop in this process, on the same card, where its heap calls are counted as for a chain's process(), and
+// where its main loop is the test's.
+#include "support/HeapWatch.h"
 #include "support/LiveTool.h"
+#include "tools/AlsaPcm.h"
+#include "tools/LiveChain.h"
+#include "tools/LivePeriodLoop.h"
+#include "tools/MainContext.h"
 
 #include <cmath>
 #include <cstdio>
@@ -49,6 +56,27 @@ std::vector<std::string> live(std::vector<std::string> const& args)
 }
 
 using OrvandeldspLiveTest = ServedLiveTest;
+
+constexpr long long c_hourOfFrames = 48000LL * 3600;
+
+// The first latency the host measures is the primed playback buffer, plus at most the frame the capture
+// is ahead by then. The compensator orders its first correction once the smoothed sign of the deltas
+// passes 0.5: from the worst start, -1, that takes 28 periods (1 - 2 * 0.95^n > 0.5), in which 100 ppm
+// of 1024-frame periods add 2.9 frames; with the frame a delta must reach before it counts and a frame
+// of rounding in each device's position, the latency stays within 5 frames of where it started.
+constexpr int c_latencyAtStart = c_primed;
+constexpr int c_compensatedSwing = 5;
+
+struct DriftCase
+{
+    double ppm;
+    bool compensated;
+};
+
+void PrintTo(DriftCase const& c, std::ostream* out)
+{
+    *out << c.ppm << " ppm" << (c.compensated ? ", compensated" : "");
+}
 
 } // namespace
 
@@ -136,29 +164,6 @@ TEST_F(OrvandeldspLiveTest, AnXrunOnEitherSideIsCountedAndFadesBackIn)
     }
 }
 
-namespace {
-
-constexpr long long c_hourOfFrames = 48000LL * 3600;
-
-// The first latency the host measures is the primed playback buffer, plus at most the frame the capture
-// is ahead by then. The compensator orders its first correction once the smoothed sign of the deltas
-// passes 0.5: from the worst start, -1, that takes 28 periods (1 - 2 * 0.95^n > 0.5), in which 100 ppm
-// of 1024-frame periods add 2.9 frames; with the frame a delta must reach before it counts and a frame
-// of rounding in each device's position, the latency stays within 5 frames of where it started.
-constexpr int c_latencyAtStart = c_primed;
-constexpr int c_compensatedSwing = 5;
-
-struct DriftCase
-{
-    double ppm;
-    bool compensated;
-};
-
-void PrintTo(DriftCase const& c, std::ostream* out)
-{
-    *out << c.ppm << " ppm" << (c.compensated ? ", compensated" : "");
-}
-
 using OrvandeldspLiveDriftTest = testing::TestWithParam<DriftCase>;
 
 TEST_P(OrvandeldspLiveDriftTest, AnHourOfDriftRunsWithoutXrunOnlyWhenCompensated)
@@ -215,4 +220,52 @@ INSTANTIATE_TEST_SUITE_P(Drift, OrvandeldspLiveDriftTest,
                                     (info.param.compensated ? "Compensated" : "Uncompensated");
                          });
 
-} // namespace
+TEST(LivePeriodLoopTest, PeriodsDriftCompensationXrunRecoveryAChainSwapAndTheFadeOutNeverTouchTheHeap)
+{
+    using namespace Zelmar;
+    using namespace Zelmar::Host;
+    setenv("ALSA_CONFIG_PATH", ALSA_TEST_CONFIG_DIR "/live-pcm.conf", 1);
+    snd_config_update_free_global();
+    std::string const config = PROJECT_SOURCE_DIR "/configs/live-line-in.xml";
+    AlsaPcm::Setup setup;
+    setup.periodFrames = 256;
+    // One device through mmap, the other through readi/writei; each runs over once. The capture's clock
+    // runs 1000 ppm fast, so that the line-in's compensator drops frames within the run.
+    AlsaPcm capture("livetest:VIRTUAL=1,PPM=1000,XRUN=10000", SND_PCM_STREAM_CAPTURE, setup);
+    AlsaPcm playback("livetest:VIRTUAL=1,MMAP=1,XRUN=20000", SND_PCM_STREAM_PLAYBACK, setup);
+    ASSERT_TRUE(playback.usesMmap() && !capture.usesMmap());
+    auto const telemetry = std::make_unique<LiveTelemetry>();
+    LivePeriodLoop loop(std::make_unique<LiveChain>(config, LiveChain::Needs{48000, 0, true}), capture,
+                        playback, {setup.periodFrames, 48000, 0}, *telemetry);
+
+    std::atomic<bool> stop{false};
+    int heapCalls = -1;
+    std::thread audio([&] {
+        Testing::takeHeapCallsOfWatchedThreads();
+        Testing::watchHeapOnThisThread(true);
+        loop.run(stop);
+        Testing::watchHeapOnThisThread(false);
+        heapCalls = Testing::takeHeapCallsOfWatchedThreads();
+    });
+    while (telemetry->frames.load() < 12000)
+        std::this_thread::yield();
+    LiveChain const* const first = &loop.getChain();
+    auto next = std::make_unique<LiveChain>(config, LiveChain::Needs{48000, 2, true});
+    bool swapped = false;
+    ASSERT_TRUE(loop.offer(next, [&] { swapped = true; }));
+    EXPECT_FALSE(loop.offer(next, {})) << "one handover at a time";
+    // The replaced chain is destroyed here, on the main loop.
+    EXPECT_TRUE(dispatchMainContextUntil([&] { return swapped; }, 10.0));
+    EXPECT_NE(&loop.getChain(), first);
+    while (telemetry->frames.load() < 30000)
+        std::this_thread::yield();
+    stop.store(true);
+    audio.join();
+
+    EXPECT_EQ(heapCalls, 0);
+    EXPECT_EQ(loop.describeFailure(), "");
+    EXPECT_EQ(telemetry->xruns[LiveTelemetry::c_capture].load(), 1u);
+    EXPECT_EQ(telemetry->xruns[LiveTelemetry::c_playback].load(), 1u);
+    EXPECT_GE(telemetry->frames.load(), 30000u + 4800u) << "the fade-out was played";
+    EXPECT_GT(telemetry->framesDropped.load(), 0u);
+}
