@@ -153,23 +153,6 @@ inline std::vector<size_t> soundStarts(std::vector<int32_t> const& levels, size_
     return starts;
 }
 
-inline // Each channel through a gain of its own, the left one at `leftDb`.
-    std::string
-    twoGains(std::string const& leftDb)
-{
-    return R"(<dsp>
-  <module type="input" id="in"/>
-  <module type="gain" id="left"><parameter id="gain" type="double">)" +
-           leftDb + R"(</parameter></module>
-  <module type="gain" id="right"><parameter id="gain" type="double">0</parameter></module>
-  <module type="output" id="out"><parameter id="interleave-pattern" type="string">01</parameter></module>
-  <cable out="in[0]" in="left[0]"/>
-  <cable out="in[1]" in="right[0]"/>
-  <cable out="left[0]" in="out[0]"/>
-  <cable out="right[0]" in="out[1]"/>
-</dsp>)";
-}
-
 // A scratch directory, the test card's configuration, the playback recorded into out.raw, and live runs
 // served on a private bus, which the clients reach as the session bus.
 class ServedLiveTest : public ToolTest
