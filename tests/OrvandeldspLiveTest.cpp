@@ -73,11 +73,6 @@ struct DriftCase
     bool compensated;
 };
 
-void PrintTo(DriftCase const& c, std::ostream* out)
-{
-    *out << c.ppm << " ppm" << (c.compensated ? ", compensated" : "");
-}
-
 } // namespace
 
 TEST_F(OrvandeldspLiveTest, AfterTheFadeInThePlayedFramesAreThoseRunWrites)
@@ -112,10 +107,9 @@ TEST_F(OrvandeldspLiveTest, AfterTheFadeInThePlayedFramesAreThoseRunWrites)
         auto const in = music(frames, c.device);
         writeSound(path("in.wav"), c.subtype, 2, in);
         m_scratch.write("in.raw", encode(in, c.device));
-        ASSERT_EQ(
-            runTool({"run", "-c", config, "-p", "1024", "-f", c.format, path("in.wav"), path("ref.wav")})
-                .status,
-            0);
+        auto const reference =
+            runTool({"run", "-c", config, "-p", "1024", "-f", c.format, path("in.wav"), path("ref.wav")});
+        ASSERT_EQ(reference.status, 0) << reference.err;
         auto const result = runTool(live(
             {"-c", config, "-f", c.format, "--frames", std::to_string(frames), "--playback", c.playback,
              c.capture.empty() ? "--input" : "--capture", c.capture.empty() ? path("in.wav") : c.capture}));

@@ -4,12 +4,9 @@
 #include "tests/support/TemporaryDirectory.h"
 
 #include <cstdint>
-#include <glib.h>
 #include <gtest/gtest.h>
 #include <sndfile.h>
-#include <string>
 #include <sys/wait.h>
-#include <vector>
 
 namespace Zelmar {
 namespace Testing {
@@ -50,11 +47,6 @@ inline ToolResult runTool(std::vector<std::string> const& args)
     std::vector<std::string> argv{ORVANDELDSP_TOOL};
     argv.insert(argv.end(), args.begin(), args.end());
     return runProgram(argv);
-}
-
-inline bool isOneLine(std::string const& text)
-{
-    return text.size() > 1 && text.find('\n') == text.size() - 1;
 }
 
 // Interleaved stereo with word(frame) on both channels.
