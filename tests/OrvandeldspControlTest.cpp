@@ -93,9 +93,9 @@ TEST_F(OrvandeldspControlTest, SetAndReloadChangeTheLiveSoundAndSigtermFadesItOu
     run->signal(SIGTERM);
     ASSERT_EQ(run->wait(std::chrono::seconds(30)), 0);
     auto const summary = run->readLine(std::chrono::seconds(1));
-    EXPECT_EQ(summary.rfind("orvandeldsp: ", 0), 0u) << summary;
-    EXPECT_NE(summary.find(" frames, "), std::string::npos) << summary;
-    EXPECT_NE(summary.find("xruns: capture 0, playback 0;"), std::string::npos) << summary;
+    EXPECT_TRUE(g_regex_match_simple("^orvandeldsp: \\d+ frames, .*; xruns: capture 0, playback 0;",
+                                     summary.c_str(), G_REGEX_DEFAULT, G_REGEX_MATCH_DEFAULT))
+        << summary;
 
     auto const left = levelsOf(played(), 0);
     auto const right = levelsOf(played(), 1);

@@ -263,12 +263,8 @@ TEST_F(OrvandeldspToolTest, AnswersEachCommandLineOfTheTableInOneLine)
 
 TEST_F(OrvandeldspToolTest, CheckListsTheBundledConfigsAndGraphDrawsThem)
 {
-    GDir* configs = g_dir_open(PROJECT_SOURCE_DIR "/configs", 0, nullptr);
-    while (char const* name = g_dir_read_name(configs)) {
-        std::string const config = PROJECT_SOURCE_DIR "/configs/" + std::string(name);
-        EXPECT_EQ(runTool({"check", "-c", config}).status, 0) << config;
-    }
-    g_dir_close(configs);
+    for (auto const& config : std::filesystem::directory_iterator(PROJECT_SOURCE_DIR "/configs"))
+        EXPECT_EQ(runTool({"check", "-c", config.path()}).status, 0) << config.path();
 
     auto const graph = runTool({"graph", "-o", path("chain.svg")});
     ASSERT_EQ(graph.status, 0) << graph.err;
@@ -351,12 +347,10 @@ TEST_F(OrvandeldspToolTest, TypesListsTheDescriptorsAndTheCheckedInReferenceIsCu
         listed.push_back(line.substr(0, line.find(' ')));
     EXPECT_EQ(listed, Zelmar::ModuleFactory::get().getTypeNames());
 
-    gchar* reference = nullptr;
-    ASSERT_TRUE(
-        g_file_get_contents(PROJECT_SOURCE_DIR "/docs/config-reference.md", &reference, nullptr, nullptr));
+    std::ifstream file(PROJECT_SOURCE_DIR "/docs/config-reference.md");
+    std::string const reference{std::istreambuf_iterator<char>(file), {}};
     EXPECT_EQ(runTool({"types", "--markdown"}).out, reference)
         << "docs/config-reference.md is stale: write it anew with orvandeldsp types --markdown";
-    g_free(reference);
 }
 
 TEST_F(OrvandeldspToolTest, FilesFollowTheirNamesAndTheInputIsNeverLostOrCut)
