@@ -17,13 +17,11 @@ constexpr char const* c_interfaceName = "com.orvandel.Hardwared";
 // The interface as the real daemon declares it; a test cannot go on without it.
 GDBusNodeInfo* loadInterfaceXml()
 {
-    gchar* xml = nullptr;
+    g_autofree gchar* xml = nullptr;
     g_file_get_contents(PROJECT_SOURCE_DIR "/dbus/com.orvandel.Hardwared.xml", &xml, nullptr, nullptr);
-    GDBusNodeInfo* info = xml ? g_dbus_node_info_new_for_xml(xml, nullptr) : nullptr;
-    g_free(xml);
-    if (!info)
-        throw std::runtime_error("cannot read dbus/com.orvandel.Hardwared.xml");
-    return info;
+    if (GDBusNodeInfo* info = xml ? g_dbus_node_info_new_for_xml(xml, nullptr) : nullptr)
+        return info;
+    throw std::runtime_error("cannot read dbus/com.orvandel.Hardwared.xml");
 }
 
 } // namespace
@@ -92,12 +90,6 @@ void FakeHardwared::setVolume(double volume)
     g_dbus_connection_emit_signal(
         m_connection, nullptr, c_objectPath, "org.freedesktop.DBus.Properties", "PropertiesChanged",
         g_variant_new("(sa{sv}@as)", c_interfaceName, &changed, g_variant_new_strv(nullptr, 0)), nullptr);
-}
-
-void FakeHardwared::failCallsWith(std::string const& errorName, std::string const& message)
-{
-    m_errorName = errorName;
-    m_errorMessage = message;
 }
 
 void FakeHardwared::onMethodCall(GDBusConnection*, gchar const*, gchar const*, gchar const*, gchar const*,

@@ -35,7 +35,11 @@ public:
 
     // Later SetHiddenVolumeDelta calls are recorded and answered with this D-Bus error; an empty
     // name makes them succeed again.
-    void failCallsWith(std::string const& errorName, std::string const& message);
+    void failCallsWith(std::string errorName, std::string message)
+    {
+        m_errorName = std::move(errorName);
+        m_errorMessage = std::move(message);
+    }
 
     std::vector<double> const& getReceivedDeltas() const { return m_receivedDeltas; }
 

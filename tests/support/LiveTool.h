@@ -48,10 +48,9 @@ public:
             kill(m_pid, SIGKILL);
             waitpid(m_pid, nullptr, 0);
         }
-        for (int const fd : {m_out, m_err}) {
-            if (fd >= 0)
-                close(fd);
-        }
+        close(m_out);
+        if (m_err >= 0)
+            close(m_err);
     }
 
     // The next line on its stdout (or stderr), or what came of it when none ends within the timeout.
@@ -154,21 +153,9 @@ inline std::vector<size_t> soundStarts(std::vector<int32_t> const& levels, size_
     return starts;
 }
 
-// Stereo through a gain "volume" of `gain` dB.
-inline std::string volumeConfig(std::string const& gain)
-{
-    return R"(<dsp>
-  <module type="input" id="in"/>
-  <stereo-module type="gain" id="volume"><parameter id="gain" type="double">)" +
-           gain + R"(</parameter></stereo-module>
-  <module type="output" id="out"><parameter id="interleave-pattern" type="string">01</parameter></module>
-  <cable out="in" in="volume"/>
-  <cable out="volume" in="out"/>
-</dsp>)";
-}
-
-// A scratch directory, the test card's configuration, and the playback recorded into out.raw.
-class LiveToolTest : public ToolTest
+// A scratch directory, the test card's configuration, the playback recorded into out.raw, and live runs
+// served on a private bus, which the clients reach as the session bus.
+class ServedLiveTest : public ToolTest
 {
 protected:
     std::vector<int32_t> played(snd_pcm_format_t format = SND_PCM_FORMAT_S32_LE) const
@@ -188,30 +175,13 @@ protected:
         });
     }
 
-    ScopedVariable m_alsa{"ALSA_CONFIG_PATH", ALSA_TEST_CONFIG_DIR "/live-pcm.conf"};
-    std::string const m_out = path("out.raw");
-};
-
-// A live run served on a private bus, which the clients reach as the session bus.
-class ServedLiveTest : public LiveToolTest
-{
-protected:
     // At real-time priority unless `more` says otherwise, so that a loaded machine does not make the
     // wall-clock paced devices xrun; the playback is recorded unless another device is named.
     std::unique_ptr<BackgroundTool> serve(std::string const& config, std::string const& capture = "livetest",
                                           std::vector<std::string> const& more = {}, bool readErrors = false)
     {
-        std::vector<std::string> args{"live",
-                                      "--bus",
-                                      "session",
-                                      "-c",
-                                      config,
-                                      "--periods",
-                                      "8",
-                                      "--capture",
-                                      capture,
-                                      "--playback",
-                                      "livetest:RECORD=" + m_out};
+        std::vector<std::string> args{"live", "--bus", "session", "-c", config, "--periods", "8"};
+        args.insert(args.end(), {"--capture", capture, "--playback", "livetest:RECORD=" + m_out});
         args.insert(args.end(), more.begin(), more.end());
         auto run = std::make_unique<BackgroundTool>(args, m_bus.getAddress(), readErrors);
         EXPECT_EQ(run->readLine(std::chrono::seconds(30)), c_servingLine);
@@ -223,6 +193,8 @@ protected:
         return runTool(args);
     }
 
+    ScopedVariable m_alsa{"ALSA_CONFIG_PATH", ALSA_TEST_CONFIG_DIR "/live-pcm.conf"};
+    std::string const m_out = path("out.raw");
     PrivateDbus m_bus;
     ScopedBusAddress m_session{"DBUS_SESSION_BUS_ADDRESS", m_bus.getAddress()};
 };

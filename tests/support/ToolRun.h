@@ -4,13 +4,9 @@
 #include "tests/support/TemporaryDirectory.h"
 
 #include <cstdint>
-#include <glib.h>
 #include <gtest/gtest.h>
 #include <sndfile.h>
-#include <string>
 #include <sys/wait.h>
-#include <utility>
-#include <vector>
 
 namespace Zelmar {
 namespace Testing {
@@ -22,25 +18,19 @@ struct ToolResult
     std::string err;
 };
 
-// Runs a program (looked up on PATH) with `environment` added to the test's own.
-inline ToolResult runProgram(std::vector<std::string> const& argv,
-                             std::vector<std::pair<std::string, std::string>> const& environment = {})
+// Runs a program, looked up on PATH, in the test's environment.
+inline ToolResult runProgram(std::vector<std::string> const& argv)
 {
     std::vector<char*> pointers;
     for (auto const& arg : argv)
         pointers.push_back(const_cast<char*>(arg.c_str()));
     pointers.push_back(nullptr);
-    gchar** env = g_get_environ();
-    for (auto const& [name, value] : environment)
-        env = g_environ_setenv(env, name.c_str(), value.c_str(), TRUE);
     gchar* out = nullptr;
     gchar* err = nullptr;
     gint wait = 0;
     ToolResult result;
-    bool const ran = g_spawn_sync(nullptr, pointers.data(), env, G_SPAWN_SEARCH_PATH, nullptr, nullptr, &out,
-                                  &err, &wait, nullptr);
-    g_strfreev(env);
-    if (!ran)
+    if (!g_spawn_sync(nullptr, pointers.data(), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr, &out, &err,
+                      &wait, nullptr))
         return result;
     // A signal (a crash or an abort) leaves the status at -1, which no test expects.
     if (WIFEXITED(wait))
@@ -57,11 +47,6 @@ inline ToolResult runTool(std::vector<std::string> const& args)
     std::vector<std::string> argv{ORVANDELDSP_TOOL};
     argv.insert(argv.end(), args.begin(), args.end());
     return runProgram(argv);
-}
-
-inline bool isOneLine(std::string const& text)
-{
-    return text.size() > 1 && text.find('\n') == text.size() - 1;
 }
 
 // Interleaved stereo with word(frame) on both channels.
