@@ -10,10 +10,8 @@
 #include <FLAC/stream_encoder.h>
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <future>
 #include <gtest/gtest.h>
 #include <numeric>
 #include <stdexcept>
@@ -131,13 +129,6 @@ TEST(FlacEncoderTest, StreamIsLibFlacsOwnAndReachesSubscribersInOrderOnTheMainLo
     EXPECT_TRUE(std::any_of(e.pieces.begin() + long(piecesBefore), e.pieces.end(), startsStream));
     EXPECT_EQ(seenBySecond.size(), e.pieces.size());
     EXPECT_EQ(e.stream(), expected);
-
-    // The real decoder accepts a stream whose header was never rewritten.
-    Testing::TemporaryDirectory scratch;
-    std::string const path = scratch.path("live.flac");
-    g_file_set_contents(path.c_str(), reinterpret_cast<char const*>(expected.data()), gssize(expected.size()),
-                        nullptr);
-    EXPECT_EQ(std::system(("flac -t -s " + path).c_str()), 0);
 }
 
 TEST(FlacEncoderTest, OnlyWhatArrivesWhileEncodingIsInTheStreamAndAFinishedOneHoldsAllOfIt)
@@ -204,29 +195,21 @@ namespace {
 class StalledEncoder : public FlacEncoder
 {
 public:
-    StalledEncoder() : FlacEncoder("stalled", 2048), m_released(m_release.get_future().share()) {}
+    StalledEncoder() : FlacEncoder("stalled", 2048) {}
     ~StalledEncoder() override
     {
-        release();
+        released = true;
         stopEncoding();
     }
-    void release()
-    {
-        if (!m_done.exchange(true))
-            m_release.set_value();
-    }
+    std::atomic<bool> released{false};
 
 protected:
     unsigned int readOrWait(tPair* buffer, unsigned int maxPairs) override
     {
-        m_released.wait();
+        while (!released.load())
+            std::this_thread::yield();
         return FlacEncoder::readOrWait(buffer, maxPairs);
     }
-
-private:
-    std::promise<void> m_release;
-    std::shared_future<void> m_released;
-    std::atomic<bool> m_done{false};
 };
 
 } // namespace
@@ -245,7 +228,7 @@ TEST(FlacEncoderTest, OverrunIsCountedAndReportedOnTheMainLoopAndUnencodableRate
         "4 FlacEncoder stalled dropped 952 stereo frames because its worker thread fell behind";
     EXPECT_EQ(log.count(report), 0) << "reported from the main loop, not the audio thread";
     EXPECT_TRUE(Testing::runMainLoopUntil([&] { return log.count(report) == 1; }));
-    stalled->release();
+    stalled->released = true;
 
     FlacEncoder encoder("enc");
     EXPECT_EQ(Testing::thrownMessage<IllegalArgumentException>(
@@ -255,64 +238,49 @@ TEST(FlacEncoderTest, OverrunIsCountedAndReportedOnTheMainLoopAndUnencodableRate
     EXPECT_FALSE(encoder.isEncoding());
 }
 
-namespace {
-
-class DumpSamplesTest : public testing::Test
+TEST(DumpSamplesTest, WritesWhatPassedSinceTheLastParametersAndRefusesOrCountsWhatItCannotWrite)
 {
-protected:
-    // The file's words as samples.
-    std::vector<tSample> recorded(char const* name) const
-    {
-        std::string const bytes = m_scratch.read(name);
-        EXPECT_EQ(bytes.size() % 4, 0u);
+    Testing::TemporaryDirectory scratch;
+    Parameters const parameters{{"directory", scratch.path()}};
+    auto const recorded = [&](char const* name) {
+        std::string const bytes = scratch.read(name);
         std::vector<tSample> samples(bytes.size() / 4);
+        EXPECT_EQ(bytes.size(), samples.size() * 4) << "whole words only";
         std::memcpy(samples.data(), bytes.data(), samples.size() * 4);
         return samples;
-    }
-
-    static constexpr int64_t c_fullRange = int64_t(1) << 31;
-    Testing::TemporaryDirectory m_scratch{"dump-samples-XXXXXX"};
-    Parameters const m_parameters{{"directory", m_scratch.path()}};
-};
-
-} // namespace
-
-TEST_F(DumpSamplesTest, PassesThroughAndWritesExactlyWhatItSawSinceTheLastParameters)
-{
+    };
+    int64_t const fullRange = int64_t(1) << 31;
     for (bool inPlace : {true, false}) {
-        std::vector<tSample> const input = noise(3 * 4096 + 77, inPlace ? 1 : 2, c_fullRange);
+        std::vector<tSample> const input = noise(3 * 4096 + 77, inPlace ? 1 : 2, fullRange);
         std::vector<tSample> output;
         {
             ModuleHarness harness(std::make_shared<DumpSamples>("d"), inPlace);
-            harness.module().setParameters(m_parameters, 48000);
-            harness.processInPeriods({noise(2000, 9, c_fullRange)}, 1280);
-            harness.module().setParameters(m_parameters, 48000);
+            harness.module().setParameters(parameters, 48000);
+            harness.processInPeriods({noise(2000, 9, fullRange)}, 1280);
+            harness.module().setParameters(parameters, 48000);
             output = harness.processInPeriods({input}, 1280)[0];
         }
         EXPECT_EQ(output, input) << inPlace;
         EXPECT_EQ(recorded("d.raw"), input) << inPlace;
     }
-}
 
-TEST_F(DumpSamplesTest, RefusesAMissingOrUnwritableDirectoryAndCountsAndReportsSamplesWithoutRoom)
-{
     DumpSamples dump("d");
     EXPECT_EQ(
         Testing::thrownMessage<IllegalArgumentException>([&] { dump.setParameters(Parameters{}, 48000); }),
         "DumpSamples d: parameter \"directory\" is missing");
-    std::string const none = m_scratch.path("none");
+    std::string const none = scratch.path("none");
     EXPECT_EQ(Testing::thrownMessage<IllegalArgumentException>([&] {
                   dump.setParameters(Parameters{{"directory", none}}, 48000);
               }),
               "DumpSamples d: cannot open " + none + "/d.raw for writing");
-    EXPECT_THROW(DumpSamples("a/b").setParameters(m_parameters, 48000), IllegalArgumentException);
+    EXPECT_THROW(DumpSamples("a/b").setParameters(parameters, 48000), IllegalArgumentException);
     Testing::LogCapture log;
     uint32_t dropped = 0;
     {
         // One period larger than the ring: whatever the worker manages, the surplus cannot fit.
         ModuleHarness harness(std::make_shared<DumpSamples>("e", 1000));
-        harness.module().setParameters(m_parameters, 48000);
-        harness.process({noise(1280, 0, c_fullRange)});
+        harness.module().setParameters(parameters, 48000);
+        harness.process({noise(1280, 0, fullRange)});
         dropped = static_cast<DumpSamples&>(harness.module()).getDroppedSamples();
         EXPECT_GE(dropped, 280u);
         std::string const report = "4 DumpSamples e dropped " + std::to_string(dropped) +
@@ -363,23 +331,8 @@ TEST(RingBufferTest, WrapsAroundReadsByAbsolutePositionAndRefusesMoreThanItsCapa
 
 // Also meant to run under ThreadSanitizer: the counters are the only synchronisation. The capacity is
 // not a power of two, so the slot arithmetic wraps at odd places.
-TEST(RingBufferTest, OneWriterOneReaderNeverOverwritesUnreadElementsAndHandsOverMillionsInOrder)
+TEST(RingBufferTest, OneWriterOneReaderHandsOverMillionsInOrderNeverOverwritingUnreadElements)
 {
-    OneWriterOneReaderRingBuffer<int> small(4);
-    std::vector<int> const six = sequence(1, 6);
-    EXPECT_EQ(small.push(six.data(), 6), 4u);
-    std::vector<int> popped(6, 0);
-    EXPECT_EQ(small.pop(popped.data(), 2), 2u);
-    EXPECT_EQ(small.push(six.data() + 4, 2), 2u);
-    EXPECT_EQ(small.getNumReadable(), 4u);
-    EXPECT_EQ(small.pop(popped.data() + 2, 6), 4u);
-    EXPECT_EQ(popped, six);
-    EXPECT_EQ(small.pop(popped.data(), 1), 0u);
-
-    small.reset();
-    EXPECT_EQ(small.getNumWritten() + small.getNumReadable(), 0u);
-    EXPECT_EQ(small.push(six.data(), 5), 4u);
-
     constexpr uint32_t total = 4000000;
     OneWriterOneReaderRingBuffer<uint32_t> ring(1000);
     std::thread writer([&] {
