@@ -5,11 +5,12 @@
 #include "base/Tracer.h"
 #include "base/VolumeConversion.h"
 #include "dsp/Parameters.h"
+#include "support/HeapWatch.h"
+#include "support/LogCapture.h"
 #include "support/MainLoop.h"
 #include "support/Thrown.h"
 #include "tools/PeriodTimeHistogram.h"
 #include <gtest/gtest.h>
-#include <malloc.h>
 #include <memory>
 #include <stdexcept>
 #include <thread>
@@ -19,7 +20,6 @@ using namespace Zelmar::Tools;
 using Zelmar::Parameters;
 using Zelmar::Testing::runMainLoopUntil;
 using Zelmar::Testing::thrownMessage;
-using Zelmar::Tools::String;
 
 namespace {
 
@@ -39,19 +39,16 @@ std::ostream& operator<<(std::ostream& os, CountedPiece const& piece)
 
 TEST(TracerTest, DropsEntriesBelowTheMinimumLevelBeforeFormattingAndJoinsPiecesWithSpaces)
 {
-    std::vector<LogBufferEntry> entries;
-    Connection sink = Tracer::get().addSink([&](LogBufferEntry const& e) { entries.push_back(e); });
-    int const previous = Tracer::get().getMinLevel();
-    Tracer::get().setMinLevel(Tracer::Notice);
+    Zelmar::Testing::LogCapture log(Tracer::Notice);
+    std::vector<std::string> components;
+    Connection sink =
+        Tracer::get().addSink([&](LogBufferEntry const& e) { components.push_back(e.component.str()); });
     int writes = 0;
     trace(Tracer::Info, "dropped", CountedPiece{&writes});
     trace(Tracer::Error, "value", 2.5, String("x"), 7u, CountedPiece{&writes});
-    Tracer::get().setMinLevel(previous);
     EXPECT_EQ(writes, 1);
-    ASSERT_EQ(entries.size(), 1u);
-    EXPECT_EQ(entries[0].level, 4);
-    EXPECT_EQ(entries[0].message, "value 2.5 x 7 piece");
-    EXPECT_EQ(entries[0].component, Tracer::getProcessName());
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"4 value 2.5 x 7 piece"});
+    EXPECT_EQ(components, std::vector<std::string>{Tracer::getProcessName().str()});
 }
 
 TEST(SignalTest, SlotsLiveWhileTheirConnectionLivesAndRunFrontToBack)
@@ -73,16 +70,15 @@ TEST(SignalTest, SlotsLiveWhileTheirConnectionLivesAndRunFrontToBack)
 TEST(SignalTest, ASilentSignalFreesTheSlotsDroppedBeforeTheNextConnects)
 {
     Signal<void(int)> signal;
-    auto const heapInUse = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
     auto const connectAndDrop = [&] {
         for (int i = 0; i < 1000; ++i)
             signal.connect([](int) {});
     };
     connectAndDrop();
-    size_t const before = heapInUse();
+    long const before = Zelmar::Testing::heapBytesInUse();
     connectAndDrop();
     // Each slot with its handler takes some 100 bytes; one left behind per connect would show as 100 kB.
-    EXPECT_LT(heapInUse() - before, 1000u * 8u);
+    EXPECT_LT(Zelmar::Testing::heapBytesInUse() - before, 1000 * 8);
 }
 
 TEST(MainLoopCallbackTest, SchedulesFromAnotherThreadCollapseIntoOneRunOnTheOwningContext)
