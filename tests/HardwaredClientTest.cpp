@@ -32,7 +32,6 @@ TEST_F(HardwaredClientTest, FollowsTheDaemonAndItsVolumeAndRunsExactlyOneHandler
     std::vector<double> volumes;
     auto const stateSubscription = client.onConnectionStateChanged([&](bool c) { states.push_back(c); });
     auto const volumeSubscription = client.onVolumeChanged([&](double v) { volumes.push_back(v); });
-    EXPECT_FALSE(client.isConnected());
     EXPECT_EQ(client.getVolume(), 0.0);
     std::vector<std::string> errors;
     int successes = 0;

@@ -16,7 +16,6 @@
 
 #include <FLAC/metadata.h>
 #include <atomic>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -30,11 +29,10 @@ struct SoundsFolder : Testing::TemporaryDirectory
 {
     SoundsFolder() { RomplerData::setSoundsDirectory(path().c_str()); }
     ~SoundsFolder() { RomplerData::setSoundsDirectory(""); }
-    std::string write(std::string const& name, tSound const& interleavedStereo)
+    void add(std::string const& name, tSound const& interleavedStereo)
     {
         std::string error;
         EXPECT_TRUE(SoundGeneration::writeFlacFile(path(name), interleavedStereo, 44100, "", error)) << error;
-        return path(name);
     }
 };
 
@@ -113,8 +111,8 @@ TEST(RomplerTest, ResolvesNamesDecodesAndFinishesInTheLastPeriodOrOneLaterOnABou
     EXPECT_EQ(RomplerData::getAbsolutePath("/tmp/x.flac"), "/tmp/x.flac");
     RomplerData::setSoundsDirectory("");
     SoundsFolder folder;
-    folder.write("a.flac", ramp(100));
-    folder.write("b.flac", ramp(90));
+    folder.add("a.flac", ramp(100));
+    folder.add("b.flac", ramp(90));
     RomplerData hundred(44100, "a.flac"), ninety(44100, "b.flac"), slow(48000, "a.flac");
     EXPECT_EQ(
         std::vector<uint32_t>({hundred.getStep(), slow.getStep(), RomplerData(96000, "a.flac").getStep()}),
@@ -142,11 +140,10 @@ TEST(RomplerTest, DamagedFilesLoadWhatDecodesAndAMissingOneKeepsItsVoiceSilentAn
         samples.push_back(int16_t(s.getRaw() >> 12));
     // STREAMINFO's MD5 sum sits at bytes 26..41, behind "fLaC", the block header and 18 bytes of format.
     for (auto const& [name, offset] : {std::pair{"md5.flac", 30}, {"frame.flac", 8000}}) {
-        std::fstream stream(folder.write(name, samples), std::ios::in | std::ios::out | std::ios::binary);
-        stream.seekg(offset);
-        char const flipped = static_cast<char>(stream.get() ^ 0x5a);
-        stream.seekp(offset);
-        stream.put(flipped);
+        folder.add(name, samples);
+        std::string bytes = folder.read(name);
+        bytes[offset] = char(bytes[offset] ^ 0x5a);
+        folder.write(name, bytes);
     }
     Testing::LogCapture log;
     RomplerData wrongSum(44100, "md5.flac");
@@ -185,13 +182,12 @@ TEST(RomplerTest, DamagedFilesLoadWhatDecodesAndAMissingOneKeepsItsVoiceSilentAn
 TEST(SoundsTest, DucksToAQuarterOverAQuarterSecondAndReturnsWhenTheVoiceEnds)
 {
     SoundsFolder folder;
-    folder.write("ok.flac", tSound(2 * 22050));
+    folder.add("ok.flac", tSound(2 * 22050));
     SoundsRig rig(48000);
     int32_t const music = rig.music.getRaw(), quarter = (rig.music * Sounds::c_reducedAmp).getRaw();
     EXPECT_EQ(Sounds::c_reducedAmp.getRaw(), 0x02000000);
     rig.run(1000);
     EXPECT_EQ(rig.left, std::vector<int32_t>(1000, music)) << "untouched";
-    EXPECT_FALSE(rig.output->hasPlayRequests());
     rig.load(SystemSound::Ok);
     rig.left.clear();
     rig.sounds->preSetup(rig.harness.getChain(), 1280);
@@ -220,7 +216,7 @@ TEST(SoundsTest, VoiceBitsAreItsSamplesShiftedInAtTheFixedStep)
 {
     SoundsFolder folder;
     auto const samples = ramp(3000, -20000, 13);
-    folder.write("touch.flac", samples);
+    folder.add("touch.flac", samples);
     for (unsigned int rate : {44100u, 48000u}) {
         SoundsRig rig(rate, tSample(0.0));
         rig.load(SystemSound::Touch);
@@ -248,7 +244,7 @@ TEST(SoundsTest, VoicesAddUpInTheirListAndOnlyTheHeadIsExamined)
                                                      {"touch.flac", SystemSound::Touch, 3000, 50},
                                                      {"error.flac", SystemSound::Error, 4000, 1},
                                                      {"welcome.flac", SystemSound::Welcome, 4000, 1000}}) {
-        folder.write(file, tSound(2 * frames, int16_t(value)));
+        folder.add(file, tSound(2 * frames, int16_t(value)));
         rig.load(sound);
     }
     unsigned int const alive = Rompler::getNumLiveVoices();
@@ -314,8 +310,8 @@ TEST(SoundsTest, GeneratedSoundsAreTheTenShortStereoFiles)
 TEST(SoundsTest, TriggersRaceTheAudioThreadAndEveryVoiceIsFreedOffIt)
 {
     SoundsFolder folder;
-    folder.write("touch.flac", ramp(10));
-    folder.write("ok.flac", ramp(20));
+    folder.add("touch.flac", ramp(10));
+    folder.add("ok.flac", ramp(20));
     SoundsRig rig(48000, tSample(0.25));
     rig.load(SystemSound::Touch);
     rig.load(SystemSound::Ok);
