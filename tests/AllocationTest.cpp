@@ -4,6 +4,7 @@
 #include "dsp/FlacEncoder.h"
 #include "dsp/RomplerData.h"
 #include "dsp/Sounds.h"
+#include "support/DataFile.h"
 #include "support/HeapWatch.h"
 #include "support/LoadedChain.h"
 #include "support/LogCapture.h"
@@ -11,7 +12,6 @@
 
 #include <cstdlib>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <random>
 #include <thread>
 
@@ -73,28 +73,15 @@ TEST(ChainTest, ProcessingEveryModuleTypeNeverTouchesTheHeap)
 // periods, leaves the heap as it was, the main loop freeing each replaced set between two periods.
 TEST(ChainTest, AChangeInEveryPeriodForAMillionPeriodsLeavesTheHeapAsItWas)
 {
-    struct Change
-    {
-        char const* module;
-        char const* key;
-        char const* values[2];
-    };
-    Change const changes[] = {
-        {"gn", "gain", {"-3", "-9"}},          {"lm", "threshold", {"-2", "-1"}},
-        {"dl", "delay", {"1000", "90"}},       {"sw", "selected-port", {"1", "0"}},
-        {"pb", "routing", {"mono", "left"}},   {"out", "interleave-pattern", {"10", "01"}},
-        {"bq", "frequency", {"6000", "8000"}}, {"eq", "low-gain", {"2", "4"}},
-        {"se", "mid-gain", {"1", "3"}},        {"ab", "q", {"2", "1"}},
-        {"al", "attack", {"2", "1"}},          {"sb", "gain", {"2", "3"}},
-    };
+    auto const changes = Testing::readTable("parameter-changes.txt");
     Testing::LogCapture quiet(7);
     Testing::LoadedChain every("every-type.xml");
     std::vector<tSample> const period(8, tSample(0.25));
     std::mt19937 random(5);
     auto const run = [&](unsigned int periods) {
         for (unsigned int i = 0; i < periods; ++i) {
-            Change const& change = changes[random() % std::size(changes)];
-            every.chain().findModule(change.module)->setParameter(change.key, change.values[random() % 2]);
+            auto const& change = changes[random() % changes.size()];
+            every.chain().findModule(change[0])->setParameter(change[1], change[2 + random() % 2]);
             every.process(period, period);
             Testing::runPendingMainLoopJobs();
         }

@@ -9,11 +9,7 @@
 #include "support/Thrown.h"
 #include <FLAC/stream_encoder.h>
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
 #include <functional>
-#include <future>
 #include <gtest/gtest.h>
 #include <numeric>
 #include <stdexcept>
@@ -61,20 +57,23 @@ bool startsStream(tBytes const& piece)
     return piece.size() >= 4 && std::equal(piece.begin(), piece.begin() + 4, "fLaC");
 }
 
-// An encoder fed by a harness, with every piece it publishes collected.
+// An encoder fed by a harness, with every piece it publishes collected, on the thread that made it.
 struct Encoding
 {
     explicit Encoding(std::shared_ptr<FlacEncoder> module = std::make_shared<FlacEncoder>("enc"))
         : harness(module), encoder(*module),
-          connection(encoder.onFrameEncoded([this](FlacEncoder::tFrame frame) { pieces.push_back(*frame); }))
+          connection(encoder.onFrameEncoded([this](FlacEncoder::tFrame frame) {
+              EXPECT_EQ(std::this_thread::get_id(), owner) << "published on the main loop";
+              pieces.push_back(*frame);
+          }))
     {
         encoder.setParameters(Parameters{}, 48000);
     }
-    // The pieces from `first` up to the header of the next stream, joined.
-    tBytes stream(size_t first = 0) const
+    // The pieces up to the header of the next stream, joined.
+    tBytes stream() const
     {
         tBytes joined;
-        for (size_t i = first; i < pieces.size() && (i == first || !startsStream(pieces[i])); ++i)
+        for (size_t i = 0; i < pieces.size() && (i == 0 || !startsStream(pieces[i])); ++i)
             joined.insert(joined.end(), pieces[i].begin(), pieces[i].end());
         return joined;
     }
@@ -82,15 +81,13 @@ struct Encoding
     ModuleHarness harness;
     FlacEncoder& encoder;
     std::vector<tBytes> pieces;
+    std::thread::id const owner = std::this_thread::get_id();
     Tools::Connection connection;
 };
 
-std::vector<tSample> const c_quarter = Testing::constant(1000, tSample(0.25));
-std::vector<tSample> const c_minusQuarter = Testing::constant(1000, tSample(-0.25));
-
 } // namespace
 
-TEST(FlacEncoderTest, StreamIsLibFlacsOwnAndReachesSubscribersInOrderOnTheMainLoop)
+TEST(FlacEncoderTest, StreamIsLibFlacsOwnAndReachesSubscribersOnTheMainLoop)
 {
     unsigned int const frames = 48000 + 321;
     // Closely related channels, on which the encoder's mid-side search shows its compression level.
@@ -100,20 +97,10 @@ TEST(FlacEncoderTest, StreamIsLibFlacsOwnAndReachesSubscribersInOrderOnTheMainLo
     right[100] = tSample(-1.0);
     // Room for the whole input, so the test does not depend on how fast the encoder thread runs.
     Encoding e(std::make_shared<FlacEncoder>("enc", 1u << 17));
-    std::vector<FlacEncoder::tFrame> seenBySecond;
-    std::thread::id const mainThread = std::this_thread::get_id();
-    Tools::Connection second = e.encoder.onFrameEncoded([&](FlacEncoder::tFrame frame) {
-        EXPECT_EQ(std::this_thread::get_id(), mainThread);
-        EXPECT_EQ(e.pieces.size(), seenBySecond.size() + 1) << "the first subscriber runs first";
-        seenBySecond.push_back(frame);
-    });
-
     e.encoder.onSigGotFrameStateChanged(Tools::FramesWanted);
-    EXPECT_TRUE(e.encoder.isEncoding());
     e.harness.processInPeriods({left, right}, 1280);
     e.encoder.onSigGotFrameStateChanged(Tools::FramesNotWanted);
     EXPECT_FALSE(e.encoder.isEncoding());
-    EXPECT_EQ(e.encoder.getDroppedPairs(), 0u);
     EXPECT_TRUE(e.pieces.empty()) << "nothing is published before the main loop runs";
     Testing::runPendingMainLoopJobs();
 
@@ -129,29 +116,21 @@ TEST(FlacEncoderTest, StreamIsLibFlacsOwnAndReachesSubscribersInOrderOnTheMainLo
     e.encoder.setParameters(Parameters{}, 44100);
     Testing::runPendingMainLoopJobs();
     EXPECT_TRUE(std::any_of(e.pieces.begin() + long(piecesBefore), e.pieces.end(), startsStream));
-    EXPECT_EQ(seenBySecond.size(), e.pieces.size());
     EXPECT_EQ(e.stream(), expected);
-
-    // The real decoder accepts a stream whose header was never rewritten.
-    Testing::TemporaryDirectory scratch;
-    std::string const path = scratch.path("live.flac");
-    g_file_set_contents(path.c_str(), reinterpret_cast<char const*>(expected.data()), gssize(expected.size()),
-                        nullptr);
-    EXPECT_EQ(std::system(("flac -t -s " + path).c_str()), 0);
 }
 
 TEST(FlacEncoderTest, OnlyWhatArrivesWhileEncodingIsInTheStreamAndAFinishedOneHoldsAllOfIt)
 {
     Encoding e;
-    EXPECT_TRUE(e.encoder.hasUnpublishedFrames()) << "the header is written when the encoder is set up";
-    for (int i = 0; i < 10; ++i)
-        e.harness.process({noise(1280, 3), noise(1280, 4)});
+    e.harness.processInPeriods({noise(12800, 3), noise(12800, 4)}, 1280);
     Testing::runPendingMainLoopJobs();
     size_t const headerPieces = e.pieces.size();
 
     // Less than one block, and below the wake-up threshold: all of it waits until the stream ends.
     e.encoder.startEncoding();
-    e.harness.process({c_quarter, c_minusQuarter});
+    std::vector<tSample> const quarter = Testing::constant(1000, tSample(0.25)),
+                               minusQuarter = Testing::constant(1000, tSample(-0.25));
+    e.harness.process({quarter, minusQuarter});
     EXPECT_EQ(e.encoder.getNumQueuedPairs(), 1000u);
     e.encoder.stopEncoding();
     e.harness.process({noise(1280, 5), noise(1280, 6)});
@@ -160,16 +139,13 @@ TEST(FlacEncoderTest, OnlyWhatArrivesWhileEncodingIsInTheStreamAndAFinishedOneHo
     e.encoder.finishStream();
     EXPECT_FALSE(e.encoder.isEncoding());
     Testing::runPendingMainLoopJobs();
-    EXPECT_FALSE(e.encoder.hasUnpublishedFrames());
-    EXPECT_EQ(e.stream(), libFlacStream(c_quarter, c_minusQuarter));
-    EXPECT_EQ(e.encoder.getDroppedPairs(), 0u);
+    EXPECT_EQ(e.stream(), libFlacStream(quarter, minusQuarter));
 
     size_t const before = e.pieces.size();
     e.encoder.startEncoding();
     Testing::runPendingMainLoopJobs();
     ASSERT_GT(e.pieces.size(), before);
     EXPECT_TRUE(startsStream(e.pieces[before])) << "the next start begins another stream";
-    e.encoder.stopEncoding();
 }
 
 // Audio thread, encoder thread and main loop all at once; meant to be run under ThreadSanitizer too.
@@ -194,58 +170,22 @@ TEST(FlacEncoderTest, AudioEncoderAndMainLoopThreadsRunTogether)
     e.encoder.stopEncoding();
     e.encoder.finishStream();
     Testing::runPendingMainLoopJobs();
-    EXPECT_EQ(e.encoder.getDroppedPairs(), 0u);
     EXPECT_EQ(e.stream(), libFlacStream(left, right));
 }
-
-namespace {
-
-// An encoder thread that does not take anything until the test lets it.
-class StalledEncoder : public FlacEncoder
-{
-public:
-    StalledEncoder() : FlacEncoder("stalled", 2048), m_released(m_release.get_future().share()) {}
-    ~StalledEncoder() override
-    {
-        release();
-        stopEncoding();
-    }
-    void release()
-    {
-        if (!m_done.exchange(true))
-            m_release.set_value();
-    }
-
-protected:
-    unsigned int readOrWait(tPair* buffer, unsigned int maxPairs) override
-    {
-        m_released.wait();
-        return FlacEncoder::readOrWait(buffer, maxPairs);
-    }
-
-private:
-    std::promise<void> m_release;
-    std::shared_future<void> m_released;
-    std::atomic<bool> m_done{false};
-};
-
-} // namespace
 
 TEST(FlacEncoderTest, OverrunIsCountedAndReportedOnTheMainLoopAndUnencodableRatesRefused)
 {
     Testing::LogCapture log;
-    auto stalled = std::make_shared<StalledEncoder>();
-    ModuleHarness harness(stalled);
-    stalled->setParameters(Parameters{}, 48000);
-    stalled->startEncoding();
-    for (int i = 0; i < 3; ++i)
-        harness.process({Testing::constant(1000, tSample(0.1)), Testing::constant(1000, tSample(0.1))});
-    EXPECT_EQ(stalled->getDroppedPairs(), 952u);
-    std::string const report =
-        "4 FlacEncoder stalled dropped 952 stereo frames because its worker thread fell behind";
+    // One period larger than the queue: whatever the encoder thread takes, the surplus cannot fit.
+    Encoding e(std::make_shared<FlacEncoder>("small", 1000));
+    e.encoder.startEncoding();
+    e.harness.process({noise(1280, 1), noise(1280, 2)});
+    uint32_t const dropped = e.encoder.getDroppedPairs();
+    EXPECT_GE(dropped, 280u);
+    std::string const report = "4 FlacEncoder small dropped " + std::to_string(dropped) +
+                               " stereo frames because its worker thread fell behind";
     EXPECT_EQ(log.count(report), 0) << "reported from the main loop, not the audio thread";
     EXPECT_TRUE(Testing::runMainLoopUntil([&] { return log.count(report) == 1; }));
-    stalled->release();
 
     FlacEncoder encoder("enc");
     EXPECT_EQ(Testing::thrownMessage<IllegalArgumentException>(
@@ -255,88 +195,58 @@ TEST(FlacEncoderTest, OverrunIsCountedAndReportedOnTheMainLoopAndUnencodableRate
     EXPECT_FALSE(encoder.isEncoding());
 }
 
-namespace {
-
-class DumpSamplesTest : public testing::Test
+TEST(DumpSamplesTest, WritesWhatPassedSinceTheLastParametersAndRefusesOrCountsWhatItCannotWrite)
 {
-protected:
-    // The file's words as samples.
-    std::vector<tSample> recorded(char const* name) const
-    {
-        std::string const bytes = m_scratch.read(name);
-        EXPECT_EQ(bytes.size() % 4, 0u);
-        std::vector<tSample> samples(bytes.size() / 4);
-        std::memcpy(samples.data(), bytes.data(), samples.size() * 4);
-        return samples;
-    }
-
-    static constexpr int64_t c_fullRange = int64_t(1) << 31;
-    Testing::TemporaryDirectory m_scratch{"dump-samples-XXXXXX"};
-    Parameters const m_parameters{{"directory", m_scratch.path()}};
-};
-
-} // namespace
-
-TEST_F(DumpSamplesTest, PassesThroughAndWritesExactlyWhatItSawSinceTheLastParameters)
-{
+    Testing::TemporaryDirectory scratch;
+    Parameters const parameters{{"directory", scratch.path()}};
+    auto const bytes = [](std::vector<tSample> const& samples) {
+        return std::string(reinterpret_cast<char const*>(samples.data()), samples.size() * 4);
+    };
+    int64_t const fullRange = int64_t(1) << 31;
     for (bool inPlace : {true, false}) {
-        std::vector<tSample> const input = noise(3 * 4096 + 77, inPlace ? 1 : 2, c_fullRange);
+        std::vector<tSample> const input = noise(3 * 4096 + 77, inPlace ? 1 : 2, fullRange);
         std::vector<tSample> output;
         {
             ModuleHarness harness(std::make_shared<DumpSamples>("d"), inPlace);
-            harness.module().setParameters(m_parameters, 48000);
-            harness.processInPeriods({noise(2000, 9, c_fullRange)}, 1280);
-            harness.module().setParameters(m_parameters, 48000);
+            harness.module().setParameters(parameters, 48000);
+            harness.processInPeriods({noise(2000, 9, fullRange)}, 1280);
+            harness.module().setParameters(parameters, 48000);
             output = harness.processInPeriods({input}, 1280)[0];
         }
         EXPECT_EQ(output, input) << inPlace;
-        EXPECT_EQ(recorded("d.raw"), input) << inPlace;
+        EXPECT_TRUE(scratch.read("d.raw") == bytes(input)) << inPlace;
     }
-}
 
-TEST_F(DumpSamplesTest, RefusesAMissingOrUnwritableDirectoryAndCountsAndReportsSamplesWithoutRoom)
-{
     DumpSamples dump("d");
     EXPECT_EQ(
         Testing::thrownMessage<IllegalArgumentException>([&] { dump.setParameters(Parameters{}, 48000); }),
         "DumpSamples d: parameter \"directory\" is missing");
-    std::string const none = m_scratch.path("none");
+    std::string const none = scratch.path("none");
     EXPECT_EQ(Testing::thrownMessage<IllegalArgumentException>([&] {
                   dump.setParameters(Parameters{{"directory", none}}, 48000);
               }),
               "DumpSamples d: cannot open " + none + "/d.raw for writing");
-    EXPECT_THROW(DumpSamples("a/b").setParameters(m_parameters, 48000), IllegalArgumentException);
+    EXPECT_THROW(DumpSamples("a/b").setParameters(parameters, 48000), IllegalArgumentException);
     Testing::LogCapture log;
     uint32_t dropped = 0;
     {
         // One period larger than the ring: whatever the worker manages, the surplus cannot fit.
         ModuleHarness harness(std::make_shared<DumpSamples>("e", 1000));
-        harness.module().setParameters(m_parameters, 48000);
-        harness.process({noise(1280, 0, c_fullRange)});
+        harness.module().setParameters(parameters, 48000);
+        harness.process({noise(1280, 0, fullRange)});
         dropped = static_cast<DumpSamples&>(harness.module()).getDroppedSamples();
         EXPECT_GE(dropped, 280u);
         std::string const report = "4 DumpSamples e dropped " + std::to_string(dropped) +
                                    " samples because its worker thread fell behind";
         EXPECT_TRUE(Testing::runMainLoopUntil([&] { return log.count(report) == 1; }));
     }
-    EXPECT_EQ(recorded("e.raw").size() + dropped, 1280u);
+    EXPECT_EQ(scratch.read("e.raw").size() + 4 * dropped, 4 * 1280u);
 }
-
-namespace {
-
-std::vector<int> sequence(int first, unsigned int count)
-{
-    std::vector<int> values(count);
-    std::iota(values.begin(), values.end(), first);
-    return values;
-}
-
-} // namespace
 
 TEST(RingBufferTest, WrapsAroundReadsByAbsolutePositionAndRefusesMoreThanItsCapacity)
 {
     RingBuffer<int> ring(8);
-    std::vector<int> const values = sequence(0, 10);
+    std::vector<int> const values{0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
     EXPECT_EQ(ring.write(values.data(), 5), values.data() + 5);
     EXPECT_EQ(ring.write(values.data() + 5, 5), values.data() + 10);
     EXPECT_EQ(ring.getNumWritten(), 10u);
@@ -344,7 +254,7 @@ TEST(RingBufferTest, WrapsAroundReadsByAbsolutePositionAndRefusesMoreThanItsCapa
     EXPECT_EQ((std::vector<int>{ring.at(0), ring.at(1), ring.at(7)}), (std::vector<int>{8, 9, 7}));
     std::vector<int> out(8, -1);
     EXPECT_EQ(ring.read(out.data(), 8, 2), 8u);
-    EXPECT_EQ(out, sequence(2, 8));
+    EXPECT_EQ(out, std::vector<int>(values.begin() + 2, values.end()));
     EXPECT_EQ(ring.read(out.data(), 8, 7), 3u);
     EXPECT_EQ(out[2], 9);
     for (auto const& [n, from] : {std::pair{8u, 10ull}, {8u, 11ull}, {0u, 2ull}})
@@ -363,23 +273,8 @@ TEST(RingBufferTest, WrapsAroundReadsByAbsolutePositionAndRefusesMoreThanItsCapa
 
 // Also meant to run under ThreadSanitizer: the counters are the only synchronisation. The capacity is
 // not a power of two, so the slot arithmetic wraps at odd places.
-TEST(RingBufferTest, OneWriterOneReaderNeverOverwritesUnreadElementsAndHandsOverMillionsInOrder)
+TEST(RingBufferTest, OneWriterOneReaderHandsOverMillionsInOrderNeverOverwritingUnreadElements)
 {
-    OneWriterOneReaderRingBuffer<int> small(4);
-    std::vector<int> const six = sequence(1, 6);
-    EXPECT_EQ(small.push(six.data(), 6), 4u);
-    std::vector<int> popped(6, 0);
-    EXPECT_EQ(small.pop(popped.data(), 2), 2u);
-    EXPECT_EQ(small.push(six.data() + 4, 2), 2u);
-    EXPECT_EQ(small.getNumReadable(), 4u);
-    EXPECT_EQ(small.pop(popped.data() + 2, 6), 4u);
-    EXPECT_EQ(popped, six);
-    EXPECT_EQ(small.pop(popped.data(), 1), 0u);
-
-    small.reset();
-    EXPECT_EQ(small.getNumWritten() + small.getNumReadable(), 0u);
-    EXPECT_EQ(small.push(six.data(), 5), 4u);
-
     constexpr uint32_t total = 4000000;
     OneWriterOneReaderRingBuffer<uint32_t> ring(1000);
     std::thread writer([&] {
