@@ -50,70 +50,9 @@ TEST(BiQuadTest, PassesAudioThroughBeforeParametersAndAtNyquistAndKeepsTheFilter
     module->setParameters(filter("lopass", "1000", "0.7", "0"), 48000);
     EXPECT_THROW(module->setParameters(filter("LoPass", "1000", "0.7", "0"), 48000), ParsingException);
     EXPECT_NE(harness.run(input), input);
-}
-
-// Same stream, one block or two halves, with and without a kernel: the state must carry over.
-TEST(BiQuadTest, StateCarriesAcrossPeriodsAndParameterChanges)
-{
-    auto const input = noise(1024, 3, 0x04000000);
-    for (unsigned int fs : {44100u, 44000u}) {
-        auto whole = make("biquad", filter("peak", "45", "2", "10"), fs);
-        EXPECT_EQ(ModuleHarness(whole).run(input),
-                  ModuleHarness(make("biquad", filter("peak", "45", "2", "10"), fs), true)
-                      .processInPeriods({input}, 512)[0])
-            << fs;
-        EXPECT_EQ(static_cast<BiQuad&>(*whole).getPrecalculatedKernel(),
-                  fs == 44100 ? &peak_44100_f45_q2000_g10000 : nullptr);
-    }
-    // A change of coefficients continues from the old state: the output right after the change equals
-    // a fresh filter's output plus the old state's decay, never the fresh filter alone.
-    auto changed = make("biquad", filter("lopass", "200", "0.7", "0"));
-    ModuleHarness changedHarness(changed);
-    changedHarness.run(std::vector<tSample>(256, tSample(0.5)));
-    changed->setParameters(filter("hipass", "200", "0.7", "0"), 48000);
-    auto const silence = std::vector<tSample>(4, tSample::s_Zero);
-    EXPECT_EQ(ModuleHarness(make("biquad", filter("hipass", "200", "0.7", "0"))).run(silence), silence);
-    EXPECT_GT(changedHarness.run(silence)[0], tSample(0.1));
-}
-
-TEST(StereoBiQuadTest, FiltersEachChannelLikeTheMonoModule)
-{
-    auto const left = noise(600, 4, 0x04000000), right = noise(600, 5, 0x04000000);
-    auto passing = make("stereo-biquad");
-    ASSERT_NE(dynamic_cast<StereoBiQuad*>(passing.get()), nullptr);
-    EXPECT_EQ(ModuleHarness(passing, true).process({left, right}), (ModuleHarness::tChannels{left, right}));
-    // The +7 dB design has no kernel, the -3 dB one at 4200 Hz Q 1.2 has.
-    for (char const* gain : {"7", "-3"}) {
-        Parameters const params = filter("peak", "4200", "1.2", gain);
-        auto stereo = make("stereo-biquad", params, 44100);
-        EXPECT_EQ(ModuleHarness(stereo, true).processInPeriods({left, right}, 256),
-                  (ModuleHarness::tChannels{
-                      ModuleHarness(make("biquad", params, 44100)).processInPeriods({left}, 256)[0],
-                      ModuleHarness(make("biquad", params, 44100)).processInPeriods({right}, 256)[0]}))
-            << gain;
-        EXPECT_EQ(static_cast<BiQuad&>(*stereo).getPrecalculatedKernel(),
-                  gain[0] == '-' ? &peak_44100_f4200_q1200_gm3000 : nullptr);
-    }
-}
-
-// Lengths around the four-sample pass, gains that wrap and the most negative factor; a guard sample
-// after the end must stay untouched.
-TEST(VectorLoopsTest, AmplifyGivesTheScalarProducts)
-{
-    VectorLoops const* vector = vectorLoops();
-    if (!vector)
-        GTEST_SKIP() << "no vector loops on this target";
-    for (tSample const gain :
-         {tSample::s_Half, tSample(3.75), tSample(int32_t(INT32_MIN)), tSample(int32_t(-1))}) {
-        for (unsigned int n : {0u, 1u, 4u, 7u, 9u, 64u}) {
-            std::vector<tSample> samples = noise(n + 1, n, int64_t(1) << 31), expected = samples;
-            for (unsigned int i = 0; i < n; ++i)
-                expected[i] = expected[i] * gain;
-            vector->amplify(samples.data(), n, gain);
-            EXPECT_EQ(samples, expected)
-                << vector->name << ", gain " << gain.getRaw() << ", " << n << " samples";
-        }
-    }
+    // New coefficients continue from the old state: silence rings on where a fresh filter stays silent.
+    module->setParameters(filter("hipass", "200", "0.7", "0"), 48000);
+    EXPECT_NE(harness.run(std::vector<tSample>(4))[0], tSample::s_Zero);
 }
 
 namespace {
