@@ -1,6 +1,8 @@
 #include "dsp/FixedPoint.h"
 #include "dsp/AudioBuffer.h"
+#include "dsp/FixedPointClosedLoopControl.h"
 #include "dsp/FormatConversion.h"
+#include "dsp/LinearInterpolator.h"
 #include "support/ModuleHarness.h"
 #include <algorithm>
 #include <cmath>
@@ -46,10 +48,24 @@ TEST(FixedPointTest, ProductsRoundTowardMinusInfinityAndNothingSaturates)
     EXPECT_EQ(tStep(2.0) * tStep(3.5), tStep(7.0));
 }
 
-TEST(FixedPointDeathTest, ValuesBeyondTheIntegerBitsAssert)
+// Also where the values come from a curve or a controller's set point.
+TEST(FixedPointDeathTest, ValuesBeyondTheIntegerBitsAndUnreachableCasesAssert)
 {
-    EXPECT_DEATH(tSample(16.0), "v < pow\\(2, pre_comma\\)");
-    EXPECT_DEATH((FixedPoint<5, 27, false>(32.0)), "v < pow\\(2, pre_comma\\)");
+    char const* const tooLarge = "v < pow\\(2, pre_comma\\)";
+    EXPECT_DEATH(tSample(16.0), tooLarge);
+    EXPECT_DEATH((FixedPoint<5, 27, false>(32.0)), tooLarge);
+    FixedPointClosedLoopControl control(1.0f, 0.0f, 0.0f);
+    EXPECT_DEATH(control.setPoint(2048.0f), tooLarge);
+    LinearInterpolator curve;
+    curve.loadBreakpoint("4095.5=-4095.5");
+    EXPECT_DEATH(curve.loadBreakpoint("4096=0"), tooLarge);
+    EXPECT_DEATH(curve.loadBreakpoint("0=5000"), tooLarge);
+
+    AudioBuffer a(3);
+    EXPECT_DEATH(a.add(std::make_shared<AudioBuffer>(4)), "a == b");
+    tSample in[1];
+    guint8 out[4];
+    EXPECT_DEATH(FormatConversion::convertTo(SND_PCM_FORMAT_FLOAT_LE, in, out, 1), "should not be reached");
 }
 
 TEST(AudioBufferTest, CapacityIsTheLargerArgumentAndResizingKeepsFrames)
@@ -123,12 +139,6 @@ TEST(AudioBufferTest, SineIsComputedInDoubleAndRoundedToFloat)
     EXPECT_EQ(buffer.getRawData()[12], tSample(static_cast<float>(std::sin(12 * 6.283185307179586 / 48))));
 }
 
-TEST(AudioBufferDeathTest, AddingBuffersOfDifferentLengthAsserts)
-{
-    AudioBuffer a(3);
-    EXPECT_DEATH(a.add(std::make_shared<AudioBuffer>(4)), "a == b");
-}
-
 namespace {
 
 constexpr int32_t c_one = 0x08000000;
@@ -197,11 +207,4 @@ TEST(FormatConversionTest, InputSignExtendsAndNeverSaturates)
     // A count of zero touches nothing: the guards behind stay.
     for (auto format : {c_s16, c_s24, c_s32})
         EXPECT_TRUE(convertTo(format, {}).empty() && convertFrom(format, {}).empty());
-}
-
-TEST(FormatConversionDeathTest, OtherFormatsAreUnreachable)
-{
-    tSample in[1];
-    guint8 out[4];
-    EXPECT_DEATH(FormatConversion::convertTo(SND_PCM_FORMAT_FLOAT_LE, in, out, 1), "should not be reached");
 }

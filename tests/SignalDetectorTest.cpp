@@ -253,20 +253,19 @@ TEST(SignalDetectorTest, ResultReasonAndValueTravelInOneWord)
     // With the audio thread running, a silent result preset between two loud blocks always comes back
     // active with its reason and level: the consumer's reset and the audio thread's update never lose
     // each other.
-    std::atomic<bool> stop{false}, running{true};
+    std::atomic<bool> stop{false};
     std::atomic<unsigned int> blocks{0};
     std::thread audio([&] {
         while (!stop.load()) {
             detector.runDetector(loud.data(), c_block);
             ++blocks;
         }
-        running = false;
     });
     int lost = 0, rounds = 0;
-    for (; rounds < 200 && lost == 0 && running.load(); ++rounds) {
+    for (; rounds < 200 && lost == 0; ++rounds) {
         detector.presetDetectionResult(SignalDetector::Silent);
         unsigned int const seen = blocks.load();
-        while (blocks.load() < seen + 2 && running.load())
+        while (blocks.load() < seen + 2)
             std::this_thread::yield();
         SignalDetector::DetectionInfo info;
         lost += detector.consumeDetectionResult(info) != SignalDetector::Active ||
@@ -276,7 +275,6 @@ TEST(SignalDetectorTest, ResultReasonAndValueTravelInOneWord)
     stop = true;
     audio.join();
     EXPECT_EQ(lost, 0) << "in round " << rounds;
-    EXPECT_EQ(rounds, 200);
 }
 
 // Timers never fire early, so the times bound the interval from below; the wait is a safety net.
@@ -369,11 +367,7 @@ TEST(FilterChHp1Test, PassesHighFrequenciesAndHasItsCornerAtFiftyHertz)
     for (auto const& [frequency, db, tolerance] :
          {std::tuple{50.0, -3.01, 0.05}, {1000.0, 0.0, 0.05}, {44100.0 / 16, 0.0, 0.001}, {5.0, -20.0, 1.0}})
         EXPECT_NEAR(gainDbAt(frequency), db, tolerance) << frequency;
-    FilterChHp1 filter;
-    tSample y;
-    for (int i = 0; i < 2000; ++i)
-        y = filter.step(tSample(0.25));
-    EXPECT_LT(std::fabs(y.toDouble()), 1e-6) << "DC is removed";
+    EXPECT_LT(gainDbAt(0.0), -100.0) << "DC is removed";
 }
 
 TEST(ThetaBufferTest, StatisticsCoverTheFilledPartAndTheLatestValuesOnceWrapped)
