@@ -31,12 +31,6 @@ Parameters bands(std::string const& low, std::string const& mid, std::string con
         {"low-gain", low}, {"mid-gain", mid}, {"high-gain", high}, {"gain-correction", correction}};
 }
 
-std::shared_ptr<Equalizer> makeEqualizer()
-{
-    return std::dynamic_pointer_cast<Equalizer>(
-        std::shared_ptr<Module>(ModuleFactory::get().createModule("equalizer", "eq")));
-}
-
 // The correction child's level as text and as the factor it applies.
 std::pair<std::string, tSample> correction(Equalizer const& eq)
 {
@@ -52,12 +46,12 @@ using EqualizerTest = Testing::HardwaredBusTest;
 TEST_F(EqualizerTest, CorrectsTheLargestBoostAndReportsItAsHiddenVolume)
 {
     // Without a chain there is nowhere to report to; the correction is still applied.
-    auto unchained = makeEqualizer();
+    auto unchained = std::make_shared<Equalizer>("eq");
     unchained->setParameters(bands("6", "3", "-2", "true"), 48000);
     EXPECT_EQ(correction(*unchained), std::make_pair(std::string("-6.000000"), tSample(0.5)));
 
     bringUpDaemon();
-    auto eq = makeEqualizer();
+    auto eq = std::make_shared<Equalizer>("eq");
     ModuleHarness harness(eq, true);
     for (auto const& row : Testing::readTable("equalizer-corrections.txt")) {
         auto const set = Testing::split(row[0], " ");
@@ -77,7 +71,7 @@ TEST_F(EqualizerTest, CorrectsTheLargestBoostAndReportsItAsHiddenVolume)
 TEST_F(EqualizerTest, FixesItsFiltersAtTheFirstSetAndRunsThemInPlaceInSeries)
 {
     auto const input = Testing::noise(900, 1, 0x02000000);
-    auto eq = makeEqualizer();
+    auto eq = std::make_shared<Equalizer>("eq");
     ModuleHarness harness(eq, true);
     // The correction gain starts at zero, so nothing comes out until the first parameter set.
     EXPECT_EQ(harness.run(input), Testing::constant(900, tSample::s_Zero));
@@ -116,7 +110,7 @@ TEST_F(EqualizerTest, FixesItsFiltersAtTheFirstSetAndRunsThemInPlaceInSeries)
 
 TEST(EqualizerDeathTest, AcceptsOnlyPortZero)
 {
-    auto eq = makeEqualizer();
+    auto eq = std::make_shared<Equalizer>("eq");
     EXPECT_DEATH(eq->setInPortBuffer(1, eq, 0), "inPort == 0");
     EXPECT_DEATH(eq->setOutPortBuffer(1, std::make_shared<AudioBuffer>(16)), "outPort == 0");
 }
