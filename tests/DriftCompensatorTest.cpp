@@ -171,7 +171,6 @@ TEST_F(DriftCompensatorTest, CompensatorsOrderEveryStretcherTheyFind)
     Chain without(48000);
     TimeStretchingDriftCompensator compensator;
     TimeStretchingLineInDriftCompensator counting, unbound;
-    EXPECT_EQ(counting.getNumSamplesProduced(), 0u);
     compensator.initChain(pair.chain);
     counting.initChain(lineIn.chain);
     unbound.initChain(without);
@@ -211,8 +210,6 @@ TEST(TimeStretcherTest, ChangesOneFrameWhereTheStepIsSmallestOncePerOrder)
     }
     EXPECT_EQ(stretcher->getNumSamplesProduced(), produced);
     EXPECT_EQ(produced, 46u) << "all 16 periods read";
-    stretcher->resetNumSamplesProduced();
-    EXPECT_EQ(stretcher->getNumSamplesProduced(), 0u);
 }
 
 TEST(TimeStretcherTest, MovedStorageIsFatal)
