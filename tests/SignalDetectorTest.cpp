@@ -1,6 +1,5 @@
 #include "dsp/SignalDetector.h"
 #include "dsp/FilterChHp1.h"
-#include "dsp/ModuleFactory.h"
 #include "dsp/StaticNoiseDetector.h"
 #include "dsp/ThetaBuffer.h"
 #include "support/LogCapture.h"
@@ -35,14 +34,14 @@ double steady(double levelDb, uint64_t i)
     return (i / 8 % 2 ? -1.0 : 1.0) * std::pow(10.0, levelDb / 20.0);
 }
 
-// A detector made by the factory, keeping its file in a scratch directory, fed through its input port as
+// A detector keeping its file in a scratch directory, fed through its input port as
 // the audio thread would and polled every 250 ms of audio as the main loop would.
 class Detector
 {
 public:
     explicit Detector(double thresholdDb,
                       Testing::TemporaryDirectory const& dir = Testing::TemporaryDirectory())
-        : m_module(make(dir.path() + "/"))
+        : m_module(std::make_shared<SignalDetector>("sd", dir.path() + "/"))
     {
         m_module->setParameters(Parameters{{"signal-threshold", std::to_string(thresholdDb)}}, c_rate);
         m_connection = detector().onThresholdTriggered([this](bool on) {
@@ -50,7 +49,7 @@ public:
         });
     }
 
-    SignalDetector& detector() { return static_cast<SignalDetector&>(*m_module); }
+    SignalDetector& detector() { return *m_module; }
 
     void run(double duration, std::function<double(uint64_t)> const& signal, bool poll = true)
     {
@@ -67,15 +66,7 @@ public:
     std::vector<std::pair<double, bool>> transitions;
 
 private:
-    static std::shared_ptr<Module> make(std::string const& directory)
-    {
-        SignalDetector::setDefaultThresholdDirectory(directory);
-        std::shared_ptr<Module> module(ModuleFactory::get().createModule("signal-detector", "sd"));
-        SignalDetector::setDefaultThresholdDirectory("/tmp/");
-        return module;
-    }
-
-    std::shared_ptr<Module> m_module;
+    std::shared_ptr<SignalDetector> m_module;
     Testing::ModuleHarness m_harness{m_module};
     uint64_t m_frame = 0;
     Tools::Connection m_connection;
