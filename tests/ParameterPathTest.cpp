@@ -70,11 +70,7 @@ TEST(ParameterPathTest, RandomChangesWhileProcessingEndAsTheLastValidSets)
     GDBusConnection* connection = bus.connect();
     Testing::LoadedChain changed("every-type.xml");
     auto const service = std::make_unique<ChainService>(changed.chain(), connection);
-    std::vector<std::string> values =
-        Testing::split("-100|-5|-1|0|0.5|1|3|10|24|30|1000|44100|96000|nan|x||01|"
-                       "10|11|0x|2|peak|hishelf|LoPass|mono|quadro|true|"
-                       "-60=3,0=0|-60=30|0=-3 dB|/nonexistent",
-                       "|");
+    std::vector<std::string> values = Testing::readTable("parameter-values.txt").at(0);
     values.push_back(changed.scratch());
     std::mt19937 random(19);
     auto const pick = [&](auto const& from) { return from[random() % from.size()]; };
@@ -194,11 +190,13 @@ TEST(ParameterPathTest, OneKeyChangedOnAVolumeAdaptiveModuleKeepsItsCurve)
 
 namespace {
 
-Parameters defaultsOf(ModuleDescriptor const& type)
+// Every key's default but the one left out.
+Parameters defaultsOf(ModuleDescriptor const& type, std::string const& leftOut = "")
 {
     Parameters defaults;
     for (auto const& parameter : type.getParameters())
-        defaults.set(parameter.getKey(), parameter.getDefault());
+        if (parameter.getKey() != leftOut)
+            defaults.set(parameter.getKey(), parameter.getDefault());
     return defaults;
 }
 
@@ -229,17 +227,12 @@ TEST(ModuleDescriptorTest, DefaultsAreAcceptedRequiredKeysMissedAndPortsAsDescri
         EXPECT_EQ(module->getNumOutPorts(), type.getNumOutPorts());
         EXPECT_EQ(module->getNumInPorts(), type.getInPortsKey() ? 0 : type.getNumInPorts(defaults))
             << "an output stage has its ports once its pattern is set";
-        for (auto const& parameter : type.getParameters()) {
-            if (!parameter.isRequired())
-                continue;
-            Parameters without;
-            for (auto const& [key, value] : defaults.getParams())
-                if (key != parameter.getKey())
-                    without.set(key, value);
-            EXPECT_EQ(verdict(name, without), std::string("parameter ") + parameter.getKey() +
-                                                  " of module m: is required (for example \"" +
-                                                  parameter.getDefault() + "\")");
-        }
+        for (auto const& parameter : type.getParameters())
+            if (parameter.isRequired()) {
+                EXPECT_EQ(verdict(name, defaultsOf(type, parameter.getKey())),
+                          std::string("parameter ") + parameter.getKey() +
+                              " of module m: is required (for example \"" + parameter.getDefault() + "\")");
+            }
     }
 }
 
@@ -442,13 +435,7 @@ TEST_F(ChainServiceTest, PlaysLoopsAndStopsSoundsAndRefusesInvalidOnes)
 
 TEST(DbusServiceTest, SystemBusPolicyFileLetsRootOwnTheName)
 {
-    std::string const config = testing::TempDir() + "/chain-policy-bus.conf";
-    std::ofstream(config)
-        << "<busconfig><type>system</type><listen>unix:tmpdir=/tmp</listen><auth>EXTERNAL</auth>"
-           "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
-           "<allow eavesdrop=\"true\"/></policy><include>"
-        << PROJECT_SOURCE_DIR << "/dbus/com.orvandeldsp.Chain.conf</include></busconfig>";
-    Testing::PrivateDbus bus(config);
+    Testing::PrivateDbus bus(TEST_SOURCE_DIR "/data/chain-policy-bus.conf");
     GDBusConnection* connection = bus.connect();
     GVariant* owned = g_dbus_connection_call_sync(
         connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
