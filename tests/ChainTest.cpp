@@ -61,7 +61,7 @@ TEST(ChainTest, PassesAudioFromInputToOutputAndPrintsMetersOnceAsked)
 }
 
 // Depth first from the sinks, which are taken in insertion order.
-TEST(ChainTest, SortsBySignalFlowAndSplitsShortcutsIntoOneWirePerPort)
+TEST(ChainTest, SortsBySignalFlowSplitsShortcutsIntoOneWirePerPortAndNamesWiringFaults)
 {
     Chain chain(48000);
     chain.addModule("meter", "m2");
@@ -78,6 +78,24 @@ TEST(ChainTest, SortsBySignalFlowAndSplitsShortcutsIntoOneWirePerPort)
     EXPECT_EQ(chain.getWires().at("out[1]"), "in[1]");
     chain.compile();
     EXPECT_EQ(idsInOrder(chain), order) << "compiling twice is safe";
+
+    EXPECT_EQ(thrownMessage<ParsingException>([&] { chain.findModule("x"); }),
+              "chain does not contain a module with ID x!");
+    EXPECT_EQ(chain.tryFindModule("x"), nullptr);
+    EXPECT_EQ(thrownMessage<ParsingException>([&] { chain.parseWireModule("m"); }),
+              "something is wrong with the port spec - should be moduleid[portnum]: m\n");
+    EXPECT_EQ(thrownMessage<ParsingException>([&] { chain.parseWirePort("m"); }),
+              "something is wrong with the port spec - should be moduleid[portnum]: m");
+    EXPECT_THROW(chain.parseWirePort("m[x]"), std::invalid_argument);
+    EXPECT_EQ(chain.parseWirePort("m[12"), 12u);
+    chain.pullWire("m1[0]", "in");
+    EXPECT_EQ(thrownMessage<ParsingException>([&] { chain.compile(); }),
+              "something is wrong with the port spec - should be moduleid[portnum]: in\n");
+    chain.pullWire("m1[0]", "gone[0]");
+    EXPECT_EQ(thrownMessage<ParsingException>([&] { chain.compile(); }),
+              "Module for portSpec gone[0] does not exist");
+    chain.pullWire("m1[0]", "in[1]");
+    EXPECT_NO_THROW(chain.compile()) << "the later source of an input replaced the earlier";
 }
 
 // The wrapper's second input reaches its right module.
@@ -111,30 +129,6 @@ TEST(ChainTest, ExclusiveInputsRunInPlaceSharedOutputsDoNotAndAWrapperSplitsItsP
     levels->process();
     EXPECT_FLOAT_EQ(std::dynamic_pointer_cast<Meter>(levels->getRight())->exchange(0.0f), 0.75f);
     EXPECT_FLOAT_EQ(std::dynamic_pointer_cast<Meter>(levels->getLeft())->exchange(0.0f), 0.0f);
-}
-
-TEST(ChainTest, WiringAndLookupFaultsRaiseTheirMessages)
-{
-    Chain chain(48000);
-    chain.addModule("input", "in");
-    chain.addModule("meter", "m");
-    EXPECT_EQ(thrownMessage<ParsingException>([&] { chain.findModule("x"); }),
-              "chain does not contain a module with ID x!");
-    EXPECT_EQ(chain.tryFindModule("x"), nullptr);
-    EXPECT_EQ(thrownMessage<ParsingException>([&] { chain.parseWireModule("m"); }),
-              "something is wrong with the port spec - should be moduleid[portnum]: m\n");
-    EXPECT_EQ(thrownMessage<ParsingException>([&] { chain.parseWirePort("m"); }),
-              "something is wrong with the port spec - should be moduleid[portnum]: m");
-    EXPECT_THROW(chain.parseWirePort("m[x]"), std::invalid_argument);
-    EXPECT_EQ(chain.parseWirePort("m[12"), 12u);
-    chain.pullWire("m[0]", "in");
-    EXPECT_EQ(thrownMessage<ParsingException>([&] { chain.compile(); }),
-              "something is wrong with the port spec - should be moduleid[portnum]: in\n");
-    chain.pullWire("m[0]", "gone[0]");
-    EXPECT_EQ(thrownMessage<ParsingException>([&] { chain.compile(); }),
-              "Module for portSpec gone[0] does not exist");
-    chain.pullWire("m[0]", "in[1]");
-    EXPECT_NO_THROW(chain.compile()) << "the later source of an input replaced the earlier";
 }
 
 TEST(ChainTest, FactoryMakesExactlyTheDocumentedTypesAndTheirStereoForms)

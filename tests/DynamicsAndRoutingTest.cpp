@@ -127,7 +127,7 @@ TEST(GainTest, FadeFromSilenceReachesUnityAfter48020SamplesInOneBlockOrInPeriods
     EXPECT_EQ(ModuleHarness(periodic).processInPeriods({constant(48100, c_one)}, 1280)[0], ramp);
 }
 
-TEST(GainTest, FadeEndingInsideAPeriodHoldsTheTargetExactlyAndANewLevelEndsAFade)
+TEST(GainTest, FadeEndingInsideAPeriodOrBetweenFloatsHoldsTheTargetAndANewLevelEndsAFade)
 {
     auto gain = configured<Gain>({{"gain", "0"}});
     gain->fadeTo(tSample(-0.06));
@@ -149,20 +149,17 @@ TEST(GainTest, FadeEndingInsideAPeriodHoldsTheTargetExactlyAndANewLevelEndsAFade
     gain->setParameters(Parameters{{"gain", "-6"}}, 48000);
     EXPECT_EQ(harness.run(constant(3, c_one)), constant(3, raw(0x04000000)));
     EXPECT_FALSE(gain->isFading());
-}
 
-TEST(GainTest, FactorsEqualInFloatCountAsNotFadingAndTheCurrentOneIsApplied)
-{
     // At this rate one ramp step is a single unit, so the factor can stop between float values.
-    auto gain = configured<Gain>({{"gain", "0"}}, 100000000);
+    gain = configured<Gain>({{"gain", "0"}}, 100000000);
     ASSERT_EQ(gain->calcGainChangeIncrement(100000000), raw(1));
     gain->fadeTo(raw(138));
     ASSERT_EQ(gain->getTargetGain(), raw(0x08000010));
-    ModuleHarness harness(gain);
-    harness.run(constant(9, c_one));
+    ModuleHarness fine(gain);
+    fine.run(constant(9, c_one));
     // 0x08000009 rounds to the target's float, so the ramp counts as done while short of it.
     EXPECT_FALSE(gain->isFading());
-    EXPECT_EQ(harness.run(constant(2, c_one)), constant(2, raw(0x08000009)));
+    EXPECT_EQ(fine.run(constant(2, c_one)), constant(2, raw(0x08000009)));
 }
 
 TEST(GainDeathTest, LevelsOf24DecibelsDoNotFitAGainOrALimiter)
@@ -267,17 +264,14 @@ protected:
 
 TEST_F(OutputStageTest, FreshStageFadesOutOverATenthOfASecondAndUnmutedFadesBackUp)
 {
-    EXPECT_TRUE(m_stage->isFading());
-    EXPECT_FALSE(m_stage->isMuting());
+    EXPECT_EQ(std::make_pair(m_stage->isFading(), m_stage->isMuting()), std::make_pair(true, false));
     auto out = run(6144, 1024);
     EXPECT_EQ(out[0], tSample(0.5)) << "the first frame is scaled by the full-level factor";
-    EXPECT_LT(out[2400], tSample(0.5));
     EXPECT_TRUE(std::is_sorted(out.rbegin(), out.rend())) << "falls steadily";
     // 4800 frames, the last of which is where the gain arrives and is zeroed.
     EXPECT_GT(out[4798], tSample::s_Zero);
     EXPECT_EQ(std::vector<tSample>(out.begin() + 4799, out.end()), constant(6144 - 4799, tSample::s_Zero));
-    EXPECT_TRUE(m_stage->isMuting());
-    EXPECT_FALSE(m_stage->isFading());
+    EXPECT_EQ(std::make_pair(m_stage->isFading(), m_stage->isMuting()), std::make_pair(false, true));
 
     // Unmuted, it fades up from silence and leaves the rest of the period untouched.
     m_stage->setMute(false);
@@ -313,8 +307,8 @@ TEST_F(OutputStageTest, PlayRequestsOpenAMutedOutputAnnounceChangesOnTheMainLoop
     EXPECT_EQ(run(16, 16)[15], tSample(0.5));
     configure("10");
     run(8, 8, tSample(0.25));
-    EXPECT_EQ(m_playback.getChannel(0).samples[7], tSample(-0.25));
-    EXPECT_EQ(m_playback.getChannel(1).samples[7], tSample(0.25));
+    EXPECT_EQ(std::make_pair(m_playback.getChannel(0).samples[7], m_playback.getChannel(1).samples[7]),
+              std::make_pair(tSample(-0.25), tSample(0.25)));
     configure("00");
     run(8, 8, tSample(0.25));
     EXPECT_EQ(m_playback.getChannel(1).samples[7], tSample(0.25));
@@ -349,10 +343,8 @@ template <class Stage> struct Rig
 
     // One period with the right channel the negated left one; returns the left output. The truncating
     // products round both channels down, so the right one may differ by a raw step or two.
-    std::vector<tSample> run(std::vector<tSample> const& left, int first = 0, int count = -1)
+    std::vector<tSample> run(std::vector<tSample> const& period)
     {
-        std::vector<tSample> const period(left.begin() + first,
-                                          count < 0 ? left.end() : left.begin() + first + count);
         right.clear();
         for (tSample s : period)
             right.push_back(-s);
@@ -374,14 +366,6 @@ template <class Stage> struct Rig
     std::vector<tSample> out, right;
     int mismatches = 0;
 };
-
-std::vector<tSample> ramp(int32_t start, int32_t increment, unsigned int count)
-{
-    std::vector<tSample> samples;
-    for (unsigned int i = 0; i < count; ++i)
-        samples.push_back(tSample(static_cast<int32_t>(start + increment * static_cast<int32_t>(i))));
-    return samples;
-}
 
 } // namespace
 
@@ -428,7 +412,9 @@ TEST(ResamplerTest, From44100To48000ProducesTheRatioOfFramesAndTheSameTone)
 TEST(ResamplerTest, ExactPositionsReturnStoredSamplesAcrossPeriodsAndReconfigurationAndARateIsNeeded)
 {
     Rig<Resampler> rig(48000, 24000);
-    auto const a = ramp(1000, 1000, 1024);
+    std::vector<tSample> a;
+    for (int32_t i = 1; i <= 1024; ++i)
+        a.push_back(tSample(1000 * i));
     EXPECT_EQ(rig.run(a).size(), 1280u) << "what does not fit waits for the next period";
     rig.run({});
     ASSERT_EQ(rig.out.size(), 2u * (1024 - 2));
@@ -442,10 +428,10 @@ TEST(ResamplerTest, ExactPositionsReturnStoredSamplesAcrossPeriodsAndReconfigura
     // reaches it, and then output frame m is again input position m / 2, now of the new input.
     rig.stage.setParameters(Parameters{{"source-rate", "24000"}}, 48000);
     size_t const before = rig.out.size();
-    auto const b = ramp(-7, -3000, 2048);
-    EXPECT_TRUE(rig.run(b, 0, 256).empty()) << "nothing before the new input reaches the read position";
-    for (unsigned int p = 1; p < 8; ++p)
-        rig.run(b, p * 256, 256);
+    auto const b = Testing::noise(2048, 5);
+    EXPECT_TRUE(rig.run({b.begin(), b.begin() + 256}).empty()) << "nothing before the new input reaches it";
+    for (int p = 1; p < 8; ++p)
+        rig.run({b.begin() + p * 256, b.begin() + (p + 1) * 256});
     ASSERT_GT(rig.out.size(), before + 1000);
     for (size_t m = before; m < rig.out.size(); m += 2)
         wrong += rig.out[m] != b[m / 2];
