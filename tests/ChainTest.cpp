@@ -186,7 +186,7 @@ TEST(ChainParserTest, CollectsParametersPerModuleAppliesThemAfterTheWholeFileAnd
         "Module type equaliser not found in module factory");
 }
 
-TEST(ChainPrinterTest, DescribesEachWireAndRendersTheDescriptionWithDot)
+TEST(ChainPrinterTest, DescribesEachWireAndHandsTheDescriptionToDot)
 {
     Chain chain(48000);
     chain.addModule("input", "in-1")->setParameters(Parameters{{"b", "2"}, {"a", "1"}}, 48000);
@@ -207,27 +207,12 @@ TEST(ChainPrinterTest, DescribesEachWireAndRendersTheDescriptionWithDot)
     empty.addModule("meter", "m");
     EXPECT_EQ(ChainPrinter::describe(empty).str(), header + "}");
 
-    std::string logged;
-    guint const handler = g_log_set_handler(
-        Tools::c_logDomain, G_LOG_LEVEL_MESSAGE,
-        [](gchar const*, GLogLevelFlags, gchar const* message, gpointer log) {
-            *static_cast<std::string*>(log) += std::string(message) + "\n";
-        },
-        &logged);
+    // The tool's graph test looks at the picture; here the text dot is given, and an output that
+    // cannot be written, which is only logged.
     Testing::TemporaryDirectory dir;
-    std::string const dotFile = dir.path("chain.dot");
     EXPECT_STREQ(ChainPrinter::c_dotFile, "/tmp/liborvandeldsp.dot");
-    ChainPrinter::print(chain, "svg", dir.path("chain.svg"), dotFile);
+    ChainPrinter::print(chain, "svg", dir.path("missing/chain.svg"), dir.path("chain.dot"));
     EXPECT_EQ(dir.read("chain.dot"), description);
-    EXPECT_NE(dir.read("chain.svg").find("<svg"), std::string::npos);
-    EXPECT_NE(dir.read("chain.svg").find("in_1"), std::string::npos);
-    // No output file: dot still runs and its picture is dropped; an unwritable output is only logged.
-    ChainPrinter::print(chain, "svg", "", dotFile);
-    ChainPrinter::print(chain, "svg", dir.path("missing/chain.svg"), dotFile);
-    g_log_remove_handler(Tools::c_logDomain, handler);
-    std::string const invoking = "invoking dot -Tsvg " + dotFile + "\n";
-    EXPECT_EQ(logged.substr(0, 3 * invoking.size()), invoking + invoking + invoking);
-    EXPECT_NE(logged.find("No such file", 3 * invoking.size()), std::string::npos) << logged;
 }
 
 namespace {

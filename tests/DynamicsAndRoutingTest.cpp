@@ -12,7 +12,6 @@
 #include "dsp/PatchBay.h"
 #include "dsp/Resampler.h"
 #include "support/DataFile.h"
-#include "support/LoadedChain.h"
 #include "support/MainLoop.h"
 #include "support/MemoryAlsaBuffers.h"
 #include "support/ModuleHarness.h"
@@ -82,31 +81,6 @@ TEST(ModuleRunsTest, EachModuleGivesTheWorkedExamplesInAndOutOfPlace)
         }
         EXPECT_EQ(periods, 36);
     }
-}
-
-// Left: halved, limited to a quarter and clipped; right: clipped only. Then routing.xml: channels
-// swapped, left inverted through a switch, right both mixed and delayed by 48 frames.
-TEST(ModuleRunsTest, ConfigsWireTheModulesAndTakeChangesWhileRunning)
-{
-    Testing::LoadedChain dynamics("dynamics.xml");
-    auto out = dynamics.process(constant(256, tSample(0.8)), constant(256, tSample(1.5)));
-    EXPECT_EQ(std::vector<tSample>({out[0], out[255], out[511]}),
-              std::vector<tSample>({tSample(0.25), tSample(0.25), raw(0x07FFFFFF)}));
-    std::dynamic_pointer_cast<Gain>(dynamics.chain().findModule("gain"))->fadeTo(tSample(-12.0));
-    out = dynamics.process(constant(256, tSample(0.8)), constant(256, tSample(0.5)));
-    EXPECT_LT(out[255], tSample(0.25));
-    EXPECT_EQ(out[511], tSample(0.5));
-
-    Testing::LoadedChain routing("routing.xml");
-    out = routing.process(constant(128, tSample(0.5)), constant(128, tSample(0.25)));
-    EXPECT_EQ(std::vector<tSample>({out[0], out[128 + 47], out[128 + 48]}),
-              std::vector<tSample>({tSample(-0.25), tSample::s_Zero, tSample(0.75)}));
-    std::dynamic_pointer_cast<PatchBay>(routing.chain().findModule("bay"))
-        ->setRoutingMode(HW::ChannelConfiguration::Mono);
-    routing.chain().findModule("switch")->setParameter("selected-port", "1");
-    out = routing.process(constant(128, tSample(0.5)), constant(128, tSample(0.25)));
-    EXPECT_EQ(std::vector<tSample>({out[0], out[128], out[255]}),
-              std::vector<tSample>({tSample(0.375), tSample(0.75), tSample(0.75)}));
 }
 
 TEST(GainTest, FadeFromSilenceReachesUnityAfter48020SamplesInOneBlockOrInPeriods)
