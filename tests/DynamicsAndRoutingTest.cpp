@@ -170,7 +170,6 @@ TEST(DelayTest, RingIsThePowerOfTwoAboveTheFrames)
 
 TEST(PatchBayTest, LegacyStringsModesBeyondFiveAndUnequalInputs)
 {
-    using HW::ChannelConfiguration;
     using HW::ConversionTools::mapFromLegacyRoutingString;
     // Case and surrounding blanks do not matter; anything else is unknown (5).
     std::string modes;
@@ -180,7 +179,7 @@ TEST(PatchBayTest, LegacyStringsModesBeyondFiveAndUnequalInputs)
 
     auto bay = configured<PatchBay>({{"routing", "mono"}});
     EXPECT_TRUE(bay->getParameters().getParams().empty()) << "deliberately not stored in the module base";
-    bay->setRoutingMode(static_cast<ChannelConfiguration>(6));
+    bay->setRoutingMode(static_cast<HW::ChannelConfiguration>(6));
     ModuleHarness harness(bay);
     EXPECT_EQ(harness.process({{tSample(0.5)}, {tSample(0.25)}}),
               ModuleHarness::tChannels(2, {tSample::s_Zero}))
