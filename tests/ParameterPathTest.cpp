@@ -94,7 +94,6 @@ TEST(ParameterPathTest, RandomChangesWhileProcessingEndAsTheLastValidSets)
     std::vector<std::string> values = Testing::readTable("parameter-values.txt").at(0);
     values.push_back(changed.scratch());
     std::mt19937 random(19);
-    auto const pick = [&](auto const& from) { return from[random() % from.size()]; };
     auto const& modules = changed.chain().getModules();
 
     std::dynamic_pointer_cast<FlacEncoder>(changed.chain().findModule("fe"))->startEncoding();
@@ -106,10 +105,10 @@ TEST(ParameterPathTest, RandomChangesWhileProcessingEndAsTheLastValidSets)
     });
     for (int change = 0; change < 3000; ++change) {
         auto const module = *std::next(modules.begin(), long(random() % modules.size()));
-        std::vector<std::string> keys = {"no-such-key"};
-        for (auto const& parameter : module->getDescriptor()->getParameters())
-            keys.push_back(parameter.getKey());
-        std::array<std::string, 3> const one{module->getID().str(), pick(keys), pick(values)};
+        auto const& parameters = module->getDescriptor()->getParameters();
+        size_t const k = random() % (parameters.size() + 1);
+        std::string const key = k < parameters.size() ? parameters[k].getKey() : "no-such-key";
+        std::array<std::string, 3> const one{module->getID().str(), key, values[random() % values.size()]};
         try {
             if (change % 2)
                 service->handleSetParameter(one[0].c_str(), one[1].c_str(), one[2].c_str());
@@ -268,7 +267,6 @@ struct Reply
 class ChainServiceTest : public ::testing::Test
 {
 protected:
-    ChainServiceTest() : m_serverConnection(m_bus.connect()), m_client(m_bus.connect()) {}
     ~ChainServiceTest() override
     {
         m_service.reset();
@@ -312,15 +310,10 @@ protected:
         return call("SetParameters", g_variant_new("(@a(sss))", ::tuples(entries).get()));
     }
 
-    static float gainOf(std::shared_ptr<Module> const& module)
-    {
-        return std::dynamic_pointer_cast<Gain>(module)->getTargetGain().toFloat();
-    }
-
     // A system bus with the installed policy, which must let root own the service's name.
     Testing::PrivateDbus m_bus{TEST_SOURCE_DIR "/data/chain-policy-bus.conf"};
-    GDBusConnection* m_serverConnection;
-    GDBusConnection* m_client;
+    GDBusConnection* m_serverConnection = m_bus.connect();
+    GDBusConnection* m_client = m_bus.connect();
     Chain m_chain{48000};
     std::unique_ptr<ChainService> m_service;
 };
@@ -332,7 +325,9 @@ TEST_F(ChainServiceTest, SetsParametersThatReachTheModulesAndRefusesBadOnes)
 {
     auto const gain = m_chain.addModule("gain", "volume");
     auto const other = m_chain.addModule("gain", "other");
-    gain->setParameters(Parameters{{"gain", "0"}}, 48000);
+    auto const gainOf = [](auto const& module) {
+        return std::dynamic_pointer_cast<Gain>(module)->getTargetGain().toFloat();
+    };
     other->setParameters(Parameters{{"gain", "-6"}, {"note", "kept"}}, 48000);
     serve();
     EXPECT_EQ(call("SetParameter", g_variant_new("(sss)", "volume", "gain", "-12")).error, "");
