@@ -17,7 +17,6 @@
 #include "support/Thrown.h"
 #include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
 
 using namespace Zelmar;
 using Testing::constant;
@@ -62,19 +61,16 @@ TEST(ModuleRunsTest, EachModuleGivesTheWorkedExamplesInAndOutOfPlace)
                 EXPECT_EQ(harness->process(ports(sides[0])), ports(sides[1]));
                 ++periods;
             } else if (!line.empty() && line[0] != '#') {
-                std::istringstream words(line);
-                std::string word;
-                words >> word;
-                if (word != "+") {
+                auto const words = Testing::split(line, " ");
+                if (words[0] != "+") {
                     made = line;
-                    module.reset(ModuleFactory::get().createModule(word, "m"));
+                    module.reset(ModuleFactory::get().createModule(words[0], "m"));
                     harness = std::make_unique<ModuleHarness>(module, inPlace);
                 }
                 Parameters parameters;
-                bool given = word == "+";
-                for (std::string pair; words >> pair; given = true)
-                    parameters.set(pair.substr(0, pair.find('=')), pair.substr(pair.find('=') + 1));
-                if (given)
+                for (auto pair = words.begin() + 1; pair != words.end(); ++pair)
+                    parameters.set(pair->substr(0, pair->find('=')), pair->substr(pair->find('=') + 1));
+                if (words.size() > 1 || words[0] == "+")
                     module->setParameters(parameters, 48000);
             }
         }

@@ -267,16 +267,9 @@ struct Reply
 class ChainServiceTest : public ::testing::Test
 {
 protected:
-    ~ChainServiceTest() override
-    {
-        m_service.reset();
-        g_object_unref(m_client);
-        g_object_unref(m_serverConnection);
-    }
-
     void serve()
     {
-        m_service = std::make_unique<ChainService>(m_chain, m_serverConnection);
+        m_service = std::make_unique<ChainService>(m_chain, m_serverConnection.get());
         ASSERT_TRUE(runMainLoopUntil([&] { return m_service->isServiceReady(); }));
     }
 
@@ -284,8 +277,9 @@ protected:
     {
         Reply reply;
         g_dbus_connection_call(
-            m_client, ChainService::c_busName, ChainService::c_objectPath, ChainService::c_interfaceName,
-            method, arguments, G_VARIANT_TYPE(replyType), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr,
+            m_client.get(), ChainService::c_busName, ChainService::c_objectPath,
+            ChainService::c_interfaceName, method, arguments, G_VARIANT_TYPE(replyType),
+            G_DBUS_CALL_FLAGS_NONE, 5000, nullptr,
             [](GObject* source, GAsyncResult* result, gpointer data) {
                 auto* r = static_cast<Reply*>(data);
                 GError* error = nullptr;
@@ -312,8 +306,10 @@ protected:
 
     // A system bus with the installed policy, which must let root own the service's name.
     Testing::PrivateDbus m_bus{TEST_SOURCE_DIR "/data/chain-policy-bus.conf"};
-    GDBusConnection* m_serverConnection = m_bus.connect();
-    GDBusConnection* m_client = m_bus.connect();
+    // Declared before the service, so that they outlive it.
+    std::unique_ptr<GDBusConnection, decltype(&g_object_unref)> m_serverConnection{m_bus.connect(),
+                                                                                   g_object_unref},
+        m_client{m_bus.connect(), g_object_unref};
     Chain m_chain{48000};
     std::unique_ptr<ChainService> m_service;
 };
