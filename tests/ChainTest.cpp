@@ -151,8 +151,8 @@ TEST(ChainTest, FactoryMakesExactlyTheDocumentedTypesAndTheirStereoForms)
     EXPECT_NE(std::dynamic_pointer_cast<ThreeBandStereoEQ>(chain.addStereoModule("equalizer", "e")), nullptr);
     auto const wrapper = std::dynamic_pointer_cast<StereoWrapper>(chain.addStereoModule("meter", "vol"));
     ASSERT_NE(wrapper, nullptr);
-    EXPECT_EQ(wrapper->getType(), "stereo-wrapped meter");
-    EXPECT_EQ(wrapper->getLeft()->getID() + " " + wrapper->getRight()->getID(), "vol-left vol-right");
+    EXPECT_EQ(wrapper->getType() + ": " + wrapper->getLeft()->getID() + " " + wrapper->getRight()->getID(),
+              "stereo-wrapped meter: vol-left vol-right");
     EXPECT_EQ(std::make_pair(wrapper->getNumInPorts(), wrapper->getNumOutPorts()), std::make_pair(2u, 0u));
 }
 
@@ -239,9 +239,8 @@ struct CountedSet : Module::ParameterSet
     explicit CountedSet(int v) : value(v) { ++s_alive; }
     ~CountedSet() override { --s_alive; }
     int value;
-    static std::atomic<int> s_alive;
+    inline static std::atomic<int> s_alive{0};
 };
-std::atomic<int> CountedSet::s_alive{0};
 
 int current(Module& module)
 {
