@@ -162,11 +162,10 @@ TEST(DelayTest, RingIsThePowerOfTwoAboveTheFrames)
 
 TEST(PatchBayTest, LegacyStringsModesBeyondFiveAndUnequalInputs)
 {
-    using HW::ConversionTools::mapFromLegacyRoutingString;
     // Case and surrounding blanks do not matter; anything else is unknown (5).
     std::string modes;
     for (char const* text : {"stereo", "SWAPPED", " Left\t", "right ", "Mono", "", "stereo2", "left right"})
-        modes += std::to_string(int(mapFromLegacyRoutingString(text)));
+        modes += std::to_string(int(HW::ConversionTools::mapFromLegacyRoutingString(text)));
     EXPECT_EQ(modes, "01234555");
 
     auto bay = configured<PatchBay>({{"routing", "mono"}});
