@@ -6,20 +6,17 @@
 #include "dsp/IllegalArgumentException.h"
 #include "dsp/InputStage.h"
 #include "dsp/Limiter.h"
-#include "dsp/Meter.h"
 #include "dsp/ModuleFactory.h"
 #include "dsp/OutputStage.h"
 #include "dsp/PatchBay.h"
 #include "dsp/Resampler.h"
 #include "support/DataFile.h"
-#include "support/LoadedChain.h"
 #include "support/MainLoop.h"
 #include "support/MemoryAlsaBuffers.h"
 #include "support/ModuleHarness.h"
 #include "support/Thrown.h"
 #include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
 
 using namespace Zelmar;
 using Testing::constant;
@@ -28,33 +25,21 @@ using Testing::raw;
 
 namespace {
 
-// "0.5", "r-3", "r0x7FFFFFFF", "r1..100", each optionally "*N".
-std::vector<tSample> samples(std::string const& text)
+// One period's ports as the table writes them, separated by "|".
+ModuleHarness::tChannels ports(std::string const& text)
 {
-    std::vector<tSample> out;
-    std::istringstream tokens(text);
-    for (std::string token; tokens >> token;) {
-        auto const star = token.find('*');
-        int const times = star == std::string::npos ? 1 : std::stoi(token.substr(star + 1));
-        token = token.substr(0, star);
-        auto const range = token.find("..");
-        if (range != std::string::npos) {
-            for (long v = std::stol(token.substr(1, range - 1)); v <= std::stol(token.substr(range + 2)); ++v)
-                out.push_back(raw(int32_t(v)));
-        } else {
-            out.insert(out.end(), times,
-                       token[0] == 'r' ? raw(int32_t(std::stoll(token.substr(1), nullptr, 0)))
-                                       : tSample(std::stod(token)));
-        }
-    }
-    return out;
+    ModuleHarness::tChannels channels;
+    for (auto const& port : Testing::split(text, "|"))
+        channels.push_back(Testing::samplesFromText(port));
+    return channels;
 }
 
-std::shared_ptr<Gain> makeGain(char const* dB, unsigned int sampleRate = 48000)
+template <class Type>
+std::shared_ptr<Type> configured(Parameters const& parameters, unsigned int rate = 48000)
 {
-    auto gain = std::make_shared<Gain>("g");
-    gain->setParameters(Parameters{{"gain", dB}}, sampleRate);
-    return gain;
+    auto module = std::make_shared<Type>("m");
+    module->setParameters(parameters, rate);
+    return module;
 }
 
 tSample const c_one = raw(0x08000000);
@@ -70,84 +55,47 @@ TEST(ModuleRunsTest, EachModuleGivesTheWorkedExamplesInAndOutOfPlace)
         std::string made;
         int periods = 0;
         for (std::string line; std::getline(file, line);) {
-            if (line.empty() || line[0] == '#')
-                continue;
-            if (line[0] != ' ') {
-                std::istringstream words(line);
-                std::string word;
-                words >> word;
-                if (word != "+") {
+            if (line[0] == ' ') {
+                SCOPED_TRACE(made + (inPlace ? " in place:" : ":") + line);
+                auto const sides = Testing::split(line, "->");
+                EXPECT_EQ(harness->process(ports(sides[0])), ports(sides[1]));
+                ++periods;
+            } else if (!line.empty() && line[0] != '#') {
+                auto const words = Testing::split(line, " ");
+                if (words[0] != "+") {
                     made = line;
-                    module.reset(ModuleFactory::get().createModule(word, "m"));
+                    module.reset(ModuleFactory::get().createModule(words[0], "m"));
                     harness = std::make_unique<ModuleHarness>(module, inPlace);
                 }
                 Parameters parameters;
-                bool given = word == "+";
-                for (std::string pair; words >> pair; given = true)
-                    parameters.set(pair.substr(0, pair.find('=')), pair.substr(pair.find('=') + 1));
-                if (given)
+                for (auto pair = words.begin() + 1; pair != words.end(); ++pair)
+                    parameters.set(pair->substr(0, pair->find('=')), pair->substr(pair->find('=') + 1));
+                if (words.size() > 1 || words[0] == "+")
                     module->setParameters(parameters, 48000);
-                continue;
             }
-            SCOPED_TRACE(made + (inPlace ? " in place:" : ":") + line);
-            auto const sides = Testing::split(line, "->");
-            ModuleHarness::tChannels inputs, expected;
-            for (auto const& port : Testing::split(sides[0], "|"))
-                inputs.push_back(samples(port));
-            for (auto const& port : Testing::split(sides[1], "|"))
-                expected.push_back(samples(port));
-            EXPECT_EQ(harness->process(inputs), expected);
-            ++periods;
         }
         EXPECT_EQ(periods, 36);
     }
 }
 
-// Left: halved, limited to a quarter and clipped; right: clipped only. Then routing.xml: channels
-// swapped, left inverted through a switch, right both mixed and delayed by 48 frames.
-TEST(ModuleRunsTest, ConfigsWireTheModulesAndTakeChangesWhileRunning)
-{
-    Testing::LoadedChain dynamics("dynamics.xml");
-    auto out = dynamics.process(constant(256, tSample(0.8)), constant(256, tSample(1.5)));
-    EXPECT_EQ(std::vector<tSample>({out[0], out[255], out[511]}),
-              std::vector<tSample>({tSample(0.25), tSample(0.25), raw(0x07FFFFFF)}));
-    std::dynamic_pointer_cast<Gain>(dynamics.chain().findModule("gain"))->fadeTo(tSample(-12.0));
-    out = dynamics.process(constant(256, tSample(0.8)), constant(256, tSample(0.5)));
-    EXPECT_LT(out[255], tSample(0.25));
-    EXPECT_EQ(out[511], tSample(0.5));
-
-    Testing::LoadedChain routing("routing.xml");
-    out = routing.process(constant(128, tSample(0.5)), constant(128, tSample(0.25)));
-    EXPECT_EQ(std::vector<tSample>({out[0], out[128 + 47], out[128 + 48]}),
-              std::vector<tSample>({tSample(-0.25), tSample::s_Zero, tSample(0.75)}));
-    std::dynamic_pointer_cast<PatchBay>(routing.chain().findModule("bay"))
-        ->setRoutingMode(HW::ChannelConfiguration::Mono);
-    routing.chain().findModule("switch")->setParameter("selected-port", "1");
-    out = routing.process(constant(128, tSample(0.5)), constant(128, tSample(0.25)));
-    EXPECT_EQ(std::vector<tSample>({out[0], out[128], out[255]}),
-              std::vector<tSample>({tSample(0.375), tSample(0.75), tSample(0.75)}));
-}
-
 TEST(GainTest, FadeFromSilenceReachesUnityAfter48020SamplesInOneBlockOrInPeriods)
 {
-    EXPECT_NEAR(makeGain("20")->getTargetGain().toDouble(), 10.08, 0.001) << "2^(20/6), not 10";
-    auto block = makeGain("-1000");
+    EXPECT_NEAR(configured<Gain>({{"gain", "20"}})->getTargetGain().toDouble(), 10.08, 0.001)
+        << "2^(20/6), not 10";
+    auto block = configured<Gain>({{"gain", "-1000"}}), periodic = configured<Gain>({{"gain", "-1000"}});
     EXPECT_EQ(block->calcGainChangeIncrement(48000), raw(2795));
-    block->fadeTo(tSample(0.0));
-    EXPECT_TRUE(block->isFading());
+    for (auto const& gain : {block, periodic})
+        gain->fadeTo(tSample(0.0));
     std::vector<tSample> const ramp = ModuleHarness(block).run(constant(48100, c_one));
     EXPECT_EQ(std::vector<tSample>({ramp[1], ramp[48019], ramp[48020], ramp[48099]}),
               std::vector<tSample>({raw(2795), raw(48019 * 2795), c_one, c_one}));
     EXPECT_FALSE(block->isFading());
-
-    auto periodic = makeGain("-1000");
-    periodic->fadeTo(tSample(0.0));
     EXPECT_EQ(ModuleHarness(periodic).processInPeriods({constant(48100, c_one)}, 1280)[0], ramp);
 }
 
-TEST(GainTest, FadeEndingInsideAPeriodHoldsTheTargetExactlyAndANewLevelEndsAFade)
+TEST(GainTest, FadeEndingInsideAPeriodOrBetweenFloatsHoldsTheTargetAndANewLevelEndsAFade)
 {
-    auto gain = makeGain("0");
+    auto gain = configured<Gain>({{"gain", "0"}});
     gain->fadeTo(tSample(-0.06));
     tSample const target = gain->getTargetGain();
     ModuleHarness harness(gain);
@@ -167,28 +115,24 @@ TEST(GainTest, FadeEndingInsideAPeriodHoldsTheTargetExactlyAndANewLevelEndsAFade
     gain->setParameters(Parameters{{"gain", "-6"}}, 48000);
     EXPECT_EQ(harness.run(constant(3, c_one)), constant(3, raw(0x04000000)));
     EXPECT_FALSE(gain->isFading());
-}
 
-TEST(GainTest, FactorsEqualInFloatCountAsNotFadingAndTheCurrentOneIsApplied)
-{
     // At this rate one ramp step is a single unit, so the factor can stop between float values.
-    auto gain = makeGain("0", 100000000);
+    gain = configured<Gain>({{"gain", "0"}}, 100000000);
     ASSERT_EQ(gain->calcGainChangeIncrement(100000000), raw(1));
     gain->fadeTo(raw(138));
     ASSERT_EQ(gain->getTargetGain(), raw(0x08000010));
-    ModuleHarness harness(gain);
-    harness.run(constant(9, c_one));
+    ModuleHarness fine(gain);
+    fine.run(constant(9, c_one));
     // 0x08000009 rounds to the target's float, so the ramp counts as done while short of it.
     EXPECT_FALSE(gain->isFading());
-    EXPECT_EQ(harness.run(constant(2, c_one)), constant(2, raw(0x08000009)));
+    EXPECT_EQ(fine.run(constant(2, c_one)), constant(2, raw(0x08000009)));
 }
 
 TEST(GainDeathTest, LevelsOf24DecibelsDoNotFitAGainOrALimiter)
 {
-    EXPECT_DEATH(makeGain("24"), "v < pow\\(2, pre_comma\\)");
-    EXPECT_DEATH(
-        Limiter("l").setParameters(Parameters{{"attack", "1"}, {"release", "1"}, {"threshold", "24"}}, 48000),
-        "v < pow\\(2, pre_comma\\)");
+    EXPECT_DEATH(configured<Gain>({{"gain", "24"}}), "v < pow\\(2, pre_comma\\)");
+    EXPECT_DEATH(configured<Limiter>({{"attack", "1"}, {"release", "1"}, {"threshold", "24"}}),
+                 "v < pow\\(2, pre_comma\\)");
 }
 
 TEST(LimiterTest, CoefficientsReachNinetyNinePercentInTheGivenTimeAndTheEnvelopeCarriesOver)
@@ -202,15 +146,11 @@ TEST(LimiterTest, CoefficientsReachNinetyNinePercentInTheGivenTimeAndTheEnvelope
 
     Parameters const finite{{"attack", "1"}, {"release", "10"}, {"threshold", "-6"}};
     auto const input = Testing::makeSine(0.9, 440, 48000, 1024);
-    auto whole = std::make_shared<Limiter>("l"), split = std::make_shared<Limiter>("l");
-    whole->setParameters(finite, 48000);
-    split->setParameters(finite, 48000);
-    auto const once = ModuleHarness(whole).run(input);
-    EXPECT_EQ(ModuleHarness(split).processInPeriods({input}, 300)[0], once);
+    auto const once = ModuleHarness(configured<Limiter>(finite)).run(input);
+    EXPECT_EQ(ModuleHarness(configured<Limiter>(finite)).processInPeriods({input}, 300)[0], once);
     // With a finite attack the peaks come down but are not held exactly at the threshold.
     auto const peak = *std::max_element(once.begin(), once.end());
-    EXPECT_LT(peak, tSample(0.9));
-    EXPECT_GT(peak, tSample(0.5));
+    EXPECT_TRUE(peak > tSample(0.5) && peak < tSample(0.9)) << peak.toDouble();
 }
 
 TEST(DelayTest, RingIsThePowerOfTwoAboveTheFrames)
@@ -222,37 +162,21 @@ TEST(DelayTest, RingIsThePowerOfTwoAboveTheFrames)
 
 TEST(PatchBayTest, LegacyStringsModesBeyondFiveAndUnequalInputs)
 {
-    using HW::ChannelConfiguration;
-    using HW::ConversionTools::mapFromLegacyRoutingString;
-    std::pair<char const*, ChannelConfiguration> const strings[] = {
-        {"stereo", ChannelConfiguration::Stereo},    {"SWAPPED", ChannelConfiguration::Swapped},
-        {" Left\t", ChannelConfiguration::BothLeft}, {"right ", ChannelConfiguration::BothRight},
-        {"Mono", ChannelConfiguration::Mono},        {"", ChannelConfiguration::Unknown},
-        {"stereo2", ChannelConfiguration::Unknown},  {"left right", ChannelConfiguration::Unknown}};
-    for (auto const& [text, mode] : strings)
-        EXPECT_EQ(mapFromLegacyRoutingString(text), mode) << text;
+    // Case and surrounding blanks do not matter; anything else is unknown (5).
+    std::string modes;
+    for (char const* text : {"stereo", "SWAPPED", " Left\t", "right ", "Mono", "", "stereo2", "left right"})
+        modes += std::to_string(int(HW::ConversionTools::mapFromLegacyRoutingString(text)));
+    EXPECT_EQ(modes, "01234555");
 
-    auto bay = std::make_shared<PatchBay>("p");
-    bay->setParameters(Parameters{{"routing", "mono"}}, 48000);
+    auto bay = configured<PatchBay>({{"routing", "mono"}});
     EXPECT_TRUE(bay->getParameters().getParams().empty()) << "deliberately not stored in the module base";
-    bay->setRoutingMode(static_cast<ChannelConfiguration>(6));
+    bay->setRoutingMode(static_cast<HW::ChannelConfiguration>(6));
     ModuleHarness harness(bay);
     EXPECT_EQ(harness.process({{tSample(0.5)}, {tSample(0.25)}}),
               ModuleHarness::tChannels(2, {tSample::s_Zero}))
         << "resized, left unwritten";
     EXPECT_DEATH(harness.process({constant(3, c_one), constant(2, c_one)}),
                  "inLeft->getNumSampleFrames\\(\\) == inRight->getNumSampleFrames\\(\\).*3 == 2");
-}
-
-TEST(MeterTest, HoldsThePeakUntilExchanged)
-{
-    ModuleHarness harness(std::make_shared<Meter>("m"));
-    auto& meter = static_cast<Meter&>(harness.module());
-    harness.process({{tSample::s_Zero, tSample(-0.5)}});
-    harness.process({{tSample(0.25)}});
-    EXPECT_FLOAT_EQ(meter.exchange(0.0f), 0.5f);
-    harness.process({{tSample(0.25)}});
-    EXPECT_FLOAT_EQ(meter.exchange(0.0f), 0.25f);
 }
 
 namespace {
@@ -292,17 +216,14 @@ protected:
 
 TEST_F(OutputStageTest, FreshStageFadesOutOverATenthOfASecondAndUnmutedFadesBackUp)
 {
-    EXPECT_TRUE(m_stage->isFading());
-    EXPECT_FALSE(m_stage->isMuting());
+    EXPECT_EQ(std::make_pair(m_stage->isFading(), m_stage->isMuting()), std::make_pair(true, false));
     auto out = run(6144, 1024);
     EXPECT_EQ(out[0], tSample(0.5)) << "the first frame is scaled by the full-level factor";
-    EXPECT_LT(out[2400], tSample(0.5));
     EXPECT_TRUE(std::is_sorted(out.rbegin(), out.rend())) << "falls steadily";
     // 4800 frames, the last of which is where the gain arrives and is zeroed.
     EXPECT_GT(out[4798], tSample::s_Zero);
     EXPECT_EQ(std::vector<tSample>(out.begin() + 4799, out.end()), constant(6144 - 4799, tSample::s_Zero));
-    EXPECT_TRUE(m_stage->isMuting());
-    EXPECT_FALSE(m_stage->isFading());
+    EXPECT_EQ(std::make_pair(m_stage->isFading(), m_stage->isMuting()), std::make_pair(false, true));
 
     // Unmuted, it fades up from silence and leaves the rest of the period untouched.
     m_stage->setMute(false);
@@ -333,13 +254,12 @@ TEST_F(OutputStageTest, PlayRequestsOpenAMutedOutputAnnounceChangesOnTheMainLoop
     m_stage->initialMute();
     EXPECT_EQ(run(16, 16), constant(16, tSample::s_Zero)) << "muted at once";
     m_stage->incPlayRequests();
-    EXPECT_EQ(m_stage->getTargetGain(), tSample(2.0));
     run(4800, 1280);
     EXPECT_EQ(run(16, 16)[15], tSample(0.5));
     configure("10");
     run(8, 8, tSample(0.25));
-    EXPECT_EQ(m_playback.getChannel(0).samples[7], tSample(-0.25));
-    EXPECT_EQ(m_playback.getChannel(1).samples[7], tSample(0.25));
+    EXPECT_EQ(std::make_pair(m_playback.getChannel(0).samples[7], m_playback.getChannel(1).samples[7]),
+              std::make_pair(tSample(-0.25), tSample(0.25)));
     configure("00");
     run(8, 8, tSample(0.25));
     EXPECT_EQ(m_playback.getChannel(1).samples[7], tSample(0.25));
@@ -361,87 +281,69 @@ TEST_F(OutputStageTest, PlayRequestsOpenAMutedOutputAnnounceChangesOnTheMainLoop
 
 namespace {
 
-// A stage set up as a compiled chain would set it up, fed from in-memory capture periods.
+// A stage at 48000 Hz fed from in-memory capture periods.
 template <class Stage> struct Rig
 {
-    Rig(unsigned int chainRate, int sourceRate) : chain(chainRate), stage("in")
+    explicit Rig(int sourceRate)
     {
-        stage.preSetup(chain, 1280);
-        stage.postSetup(1280);
-        stage.setParameters(Parameters{{"source-rate", std::to_string(sourceRate)}}, chainRate);
-        stage.setInput(&capture);
+        stage->setParameters(Parameters{{"source-rate", std::to_string(sourceRate)}}, 48000);
+        stage->setInput(&capture);
     }
 
     // One period with the right channel the negated left one; returns the left output. The truncating
     // products round both channels down, so the right one may differ by a raw step or two.
-    std::vector<tSample> run(std::vector<tSample> const& left, int first = 0, int count = -1)
+    std::vector<tSample> run(std::vector<tSample> const& period)
     {
-        std::vector<tSample> const period(left.begin() + first,
-                                          count < 0 ? left.end() : left.begin() + first + count);
         right.clear();
         for (tSample s : period)
             right.push_back(-s);
         capture.getChannel(0).setPeriod(period);
         capture.getChannel(1).setPeriod(right);
-        stage.process();
-        auto const& l = stage.getOutPort(0)->getUnderlyingStorage();
-        auto const& r = stage.getOutPort(1)->getUnderlyingStorage();
-        EXPECT_EQ(l.size(), r.size());
-        for (unsigned int i = 0; i < l.size() && i < r.size(); ++i)
-            mismatches += std::abs(r[i].getRaw() + l[i].getRaw()) > 2;
-        out.insert(out.end(), l.begin(), l.end());
-        return l;
+        auto const outputs = harness.process({});
+        EXPECT_EQ(outputs[0].size(), outputs[1].size());
+        for (unsigned int i = 0; i < outputs[0].size() && i < outputs[1].size(); ++i)
+            mismatches += std::abs(outputs[1][i].getRaw() + outputs[0][i].getRaw()) > 2;
+        out.insert(out.end(), outputs[0].begin(), outputs[0].end());
+        return outputs[0];
     }
 
-    Chain chain;
-    Stage stage;
+    std::shared_ptr<Stage> stage = std::make_shared<Stage>("in");
+    ModuleHarness harness{stage};
     Testing::MemoryAlsaBuffers capture{2};
     std::vector<tSample> out, right;
     int mismatches = 0;
 };
-
-std::vector<tSample> ramp(int32_t start, int32_t increment, unsigned int count)
-{
-    std::vector<tSample> samples;
-    for (unsigned int i = 0; i < count; ++i)
-        samples.push_back(tSample(static_cast<int32_t>(start + increment * static_cast<int32_t>(i))));
-    return samples;
-}
 
 } // namespace
 
 // Right is always the negated left, so an input stage reading one channel twice shows as mismatches.
 TEST(ResamplerTest, EqualRatesBehaveAsInputStageWhichCopiesBothChannels)
 {
-    Rig<Resampler> resampler(48000, 48000);
-    Rig<InputStage> plain(48000, 48000);
+    Rig<Resampler> resampler(48000);
+    Rig<InputStage> plain(48000);
     for (unsigned int length : {256u, 1u, 1280u, 100u}) {
         auto const period = Testing::makeSine(0.5, 997, 48000, length, length);
         EXPECT_EQ(plain.run(period), period);
         EXPECT_EQ(resampler.run(period), period);
-        EXPECT_EQ(plain.stage.getOutPort(1)->getUnderlyingStorage(), plain.right);
+        EXPECT_EQ(plain.stage->getOutPort(1)->getUnderlyingStorage(), plain.right);
     }
     EXPECT_EQ(resampler.mismatches + plain.mismatches, 0);
-    EXPECT_EQ(plain.stage.getOutPortBuffer(1)->getNumSampleFramesCapacity(), 1280u);
+    EXPECT_EQ(plain.stage->getOutPortBuffer(1)->getNumSampleFramesCapacity(), 1280u);
     plain.capture.getChannel(1).setPeriod(std::vector<tSample>(5));
-    EXPECT_DEATH(plain.stage.process(),
+    EXPECT_DEATH(plain.stage->process(),
                  "leftOut->getNumSampleFrames\\(\\) == rightOut->getNumSampleFrames\\(\\)");
 }
 
 // Output frame i sits at input position i * step: the same 1 kHz tone at the same level, off by no more
-// than the chord error of linear interpolation (0.5 * (pi * 1000 / 44100)^2 / 2), whatever the periods.
-TEST(ResamplerTest, From44100To48000ProducesTheRatioOfFramesAndTheSameToneAcrossAnyPeriods)
+// than the chord error of linear interpolation (0.5 * (pi * 1000 / 44100)^2 / 2).
+TEST(ResamplerTest, From44100To48000ProducesTheRatioOfFramesAndTheSameTone)
 {
-    Rig<Resampler> rig(48000, 44100), halves(48000, 44100);
-    EXPECT_EQ(rig.stage.getSourceRate(), 44100u);
+    Rig<Resampler> rig(44100);
     // 0.91875 through single precision, then truncated to 27 fraction bits.
-    EXPECT_EQ(rig.stage.getStep().getRaw(), 123312536u);
+    EXPECT_EQ(rig.stage->getStep().getRaw(), 123312536u);
     for (unsigned int period = 0; period < 44; ++period) {
-        auto const input = Testing::makeSine(0.5, 1000, 44100, 1024, period * 1024);
-        auto const produced = rig.run(input).size();
+        auto const produced = rig.run(Testing::makeSine(0.5, 1000, 44100, 1024, period * 1024)).size();
         EXPECT_TRUE(period == 0 || (produced >= 1113 && produced <= 1115)) << period << ": " << produced;
-        halves.run(input, 0, 512);
-        halves.run(input, 512);
     }
     EXPECT_NEAR(static_cast<double>(rig.out.size()), 44 * 1024 * 48000.0 / 44100.0, 3.0);
     double worst = 0.0;
@@ -449,17 +351,16 @@ TEST(ResamplerTest, From44100To48000ProducesTheRatioOfFramesAndTheSameToneAcross
         worst = std::max(worst, std::fabs(rig.out[i].toDouble() -
                                           0.5 * std::sin(2 * M_PI * 1000 * (i * 0.91875) / 44100)));
     EXPECT_LT(worst, 0.0015);
-    ASSERT_NEAR(double(rig.out.size()), double(halves.out.size()), 2.0);
-    halves.out.resize(std::min(rig.out.size(), halves.out.size()));
-    EXPECT_EQ(std::vector<tSample>(rig.out.begin(), rig.out.begin() + long(halves.out.size())), halves.out);
-    EXPECT_EQ(rig.mismatches + halves.mismatches, 0);
+    EXPECT_EQ(rig.mismatches, 0);
 }
 
 // Step 0.5: every even output frame falls exactly on an input sample, every odd one halfway.
 TEST(ResamplerTest, ExactPositionsReturnStoredSamplesAcrossPeriodsAndReconfigurationAndARateIsNeeded)
 {
-    Rig<Resampler> rig(48000, 24000);
-    auto const a = ramp(1000, 1000, 1024);
+    Rig<Resampler> rig(24000);
+    std::vector<tSample> a;
+    for (int32_t i = 1; i <= 1024; ++i)
+        a.push_back(tSample(1000 * i));
     EXPECT_EQ(rig.run(a).size(), 1280u) << "what does not fit waits for the next period";
     rig.run({});
     ASSERT_EQ(rig.out.size(), 2u * (1024 - 2));
@@ -467,22 +368,21 @@ TEST(ResamplerTest, ExactPositionsReturnStoredSamplesAcrossPeriodsAndReconfigura
     for (unsigned int m = 0; m < rig.out.size(); ++m)
         wrong += rig.out[m].getRaw() !=
                  (m % 2 ? (a[m / 2].getRaw() + a[m / 2 + 1].getRaw()) / 2 : a[m / 2].getRaw());
-    EXPECT_EQ(wrong, 0u);
 
     // The histories restart but the read position runs on: nothing comes out until the new input
     // reaches it, and then output frame m is again input position m / 2, now of the new input.
-    rig.stage.setParameters(Parameters{{"source-rate", "24000"}}, 48000);
+    rig.stage->setParameters(Parameters{{"source-rate", "24000"}}, 48000);
     size_t const before = rig.out.size();
-    auto const b = ramp(-7, -3000, 2048);
-    EXPECT_TRUE(rig.run(b, 0, 256).empty()) << "nothing before the new input reaches the read position";
-    for (unsigned int p = 1; p < 8; ++p)
-        rig.run(b, p * 256, 256);
+    auto const b = Testing::noise(2048, 5);
+    EXPECT_TRUE(rig.run({b.begin(), b.begin() + 256}).empty()) << "nothing before the new input reaches it";
+    for (int p = 1; p < 8; ++p)
+        rig.run({b.begin() + p * 256, b.begin() + (p + 1) * 256});
     ASSERT_GT(rig.out.size(), before + 1000);
     for (size_t m = before; m < rig.out.size(); m += 2)
         wrong += rig.out[m] != b[m / 2];
     EXPECT_EQ(wrong, 0u);
     EXPECT_EQ(rig.mismatches, 0);
     EXPECT_EQ(Testing::thrownMessage<IllegalArgumentException>(
-                  [&] { rig.stage.setParameters(Parameters{}, 48000); }),
+                  [&] { rig.stage->setParameters(Parameters{}, 48000); }),
               "resampler in needs a positive source-rate in Hz, got 0");
 }

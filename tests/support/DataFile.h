@@ -1,7 +1,10 @@
 #pragma once
 
+#include "dsp/FixedPoint.h"
+
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -32,6 +35,29 @@ inline std::vector<std::vector<std::string>> readTable(std::string const& name)
         if (!line.empty() && line[0] != '#')
             rows.push_back(split(line, " | "));
     return rows;
+}
+
+// Samples as the tables write them: a decimal value ("0.5"), a raw word ("r-3", "r0x7FFFFFFF") or a raw
+// ramp ("r1..100"), each but the ramp optionally repeated ("*N"), separated by blanks.
+inline std::vector<tSample> samplesFromText(std::string const& text)
+{
+    std::vector<tSample> out;
+    std::istringstream tokens(text);
+    for (std::string token; tokens >> token;) {
+        auto const star = token.find('*');
+        int const times = star == std::string::npos ? 1 : std::stoi(token.substr(star + 1));
+        token = token.substr(0, star);
+        auto const range = token.find("..");
+        if (range != std::string::npos) {
+            for (long v = std::stol(token.substr(1, range - 1)); v <= std::stol(token.substr(range + 2)); ++v)
+                out.push_back(tSample(int32_t(v)));
+        } else {
+            out.insert(out.end(), times,
+                       token[0] == 'r' ? tSample(int32_t(std::stoll(token.substr(1), nullptr, 0)))
+                                       : tSample(std::stod(token)));
+        }
+    }
+    return out;
 }
 
 } // namespace Testing

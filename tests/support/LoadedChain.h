@@ -5,6 +5,8 @@
 #include "tests/support/MemoryAlsaBuffers.h"
 #include "tests/support/TemporaryDirectory.h"
 
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -19,10 +21,8 @@ class LoadedChain
 public:
     explicit LoadedChain(std::string const& name)
     {
-        gchar* text = nullptr;
-        g_file_get_contents((TEST_SOURCE_DIR "/data/" + name).c_str(), &text, nullptr, nullptr);
-        std::string config = text ? text : "";
-        g_free(text);
+        std::ifstream file(TEST_SOURCE_DIR "/data/" + name);
+        std::string config{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
         if (auto const at = config.find("SCRATCH"); at != std::string::npos)
             config.replace(at, 7, m_scratch.path());
         SignalDetector::setDefaultThresholdDirectory(m_scratch.path() + "/");
@@ -39,11 +39,10 @@ public:
         capture.getChannel(0).setPeriod(left);
         capture.getChannel(1).setPeriod(right);
         m_chain.process();
-        auto const played = [&](unsigned int channel) {
-            return playback.getChannel(channel).samples.begin();
-        };
-        std::vector<tSample> out(played(0), played(0) + long(left.size()));
-        out.insert(out.end(), played(1), played(1) + long(right.size()));
+        auto const &playedLeft = playback.getChannel(0).samples,
+                   &playedRight = playback.getChannel(1).samples;
+        std::vector<tSample> out(playedLeft.begin(), playedLeft.begin() + long(left.size()));
+        out.insert(out.end(), playedRight.begin(), playedRight.begin() + long(right.size()));
         return out;
     }
 
