@@ -70,17 +70,6 @@ struct Stretching
     ModuleHarness harness{module};
 };
 
-// A period as written in tests/data/time-stretches.txt.
-std::vector<tSample> samples(std::string const& text)
-{
-    std::vector<tSample> values;
-    std::istringstream words(text);
-    for (std::string word; words >> word;)
-        values.push_back(word[0] == 'r' ? tSample(int32_t(std::stoll(word.substr(1), nullptr, 0)))
-                                        : tSample(std::stod(word)));
-    return values;
-}
-
 // The log lines a case of tests/data/drift-logs.txt expects.
 std::vector<std::string> expectedLog(std::string const& name)
 {
@@ -205,8 +194,8 @@ TEST(TimeStretcherTest, ChangesOneFrameWhereTheStepIsSmallestOncePerOrder)
         SCOPED_TRACE(row[2] + " | " + row[0]);
         if (row[2] != "-")
             stretcher->setTaskForNextBuffer(tasks.at(row[2]));
-        EXPECT_EQ(harness.run(samples(row[0])), samples(row[1]));
-        produced += samples(row[1]).size();
+        EXPECT_EQ(harness.run(Testing::samplesFromText(row[0])), Testing::samplesFromText(row[1]));
+        produced += Testing::samplesFromText(row[1]).size();
     }
     EXPECT_EQ(stretcher->getNumSamplesProduced(), produced);
     EXPECT_EQ(produced, 46u) << "all 16 periods read";
