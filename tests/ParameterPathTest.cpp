@@ -362,11 +362,11 @@ TEST_F(ChainServiceTest, PlaysAndLoopsSoundsAndRefusesInvalidOnes)
                   std::make_pair(int(G_DBUS_ERROR_INVALID_ARGS), std::string("unable to play system sound")));
         r = call("LoopSystemSound", g_variant_new("(iu)", sound, 100u), "(u)");
         EXPECT_EQ(r.error, "unable to loop system sound");
-        auto const lines = log.lines();
+        // Counted, not read off the end: the daemon client's notice of a missing bus may come in between.
         std::string const start =
             "4 ChainService: " + std::to_string(sound) + " is not a valid system sound to be ";
-        EXPECT_EQ(std::vector<std::string>(lines.end() - 2, lines.end()),
-                  std::vector<std::string>({start + "played", start + "looped"}));
+        EXPECT_EQ(std::make_pair(log.count(start + "played"), log.count(start + "looped")),
+                  std::make_pair(1L, 1L));
     }
     EXPECT_EQ(call("LoopSystemSound", g_variant_new("(iu)", 3, 0u), "(u)").error,
               "unable to loop system sound: an interval of 0 ms is shorter than 100 ms");
