@@ -405,9 +405,12 @@ TEST_F(OrvandeldspHostServiceTest, AHundredReloadsInARowLeaveTheHeapAndResidentM
     auto const after = reloadAndMeasure(90);
     EXPECT_LT(jsonNumber(after, "heap_bytes"), jsonNumber(warm, "heap_bytes") + 64 * 1024) << warm << "\n"
                                                                                            << after;
+    // A sanitizer's shadow memory and an emulator's translated code grow the resident size by themselves.
+#ifndef ORVANDELDSP_TESTS_EMULATED
     if (!runsUnderASanitizer()) {
         EXPECT_LT(jsonNumber(after, "resident_bytes"), jsonNumber(warm, "resident_bytes") + 512 * 1024);
     }
+#endif
 }
 
 } // namespace
