@@ -8,7 +8,6 @@
 #include "support/MainLoop.h"
 
 #include <cmath>
-#include <fstream>
 
 namespace {
 
@@ -33,13 +32,6 @@ size_t afterLast(std::vector<int32_t> const& levels, int32_t level)
     return size_t(std::find(levels.rbegin(), levels.rend(), level).base() - levels.begin());
 }
 
-// A file of tests/data, whole.
-std::string dataFile(char const* name)
-{
-    std::ifstream file(std::string(TEST_SOURCE_DIR "/data/") + name);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 void expectFadeBetween(size_t from, size_t to)
 {
     EXPECT_GE(to - from, c_fadeFrames - 2) << from;
@@ -52,7 +44,7 @@ using OrvandeldspControlTest = ServedLiveTest;
 // refused value and a refused reload change nothing; a reload halves the left, and SIGTERM fades out.
 TEST_F(OrvandeldspControlTest, SetAndReloadChangeTheLiveSoundAndSigtermFadesItOut)
 {
-    std::string const config = writeConfig("two-gains.xml", dataFile("two-gains.xml"));
+    std::string const config = writeConfig("two-gains.xml", readDataFile("two-gains.xml"));
     auto const run = serve(config, "livetest", {}, true);
     ASSERT_TRUE(waitUntilPlayed(c_squareLevel));
     writeSound(path("in.wav"), SF_FORMAT_PCM_16, 2, {0, 0});
@@ -86,7 +78,7 @@ TEST_F(OrvandeldspControlTest, SetAndReloadChangeTheLiveSoundAndSigtermFadesItOu
     }));
     EXPECT_EQ(refusal.rfind("orvandeldsp: reload refused: config " + config + ":3:7: malformed XML", 0), 0u)
         << refusal;
-    writeConfig("two-gains.xml", dataFile("two-gains-left-6.xml"));
+    writeConfig("two-gains.xml", readDataFile("two-gains-left-6.xml"));
     run->signal(SIGHUP);
     EXPECT_EQ(run->readLine(std::chrono::seconds(30)), "orvandeldsp: reloaded config " + config);
     ASSERT_TRUE(waitUntilPlayed(c_squareLevel / 2));

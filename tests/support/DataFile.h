@@ -4,6 +4,7 @@
 
 #include <fstream>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -23,6 +24,14 @@ inline std::vector<std::string> split(std::string const& text, std::string const
         pieces.push_back(piece);
     }
     return pieces;
+}
+
+// A file of tests/data, whole.
+inline std::string readDataFile(std::string const& name)
+{
+    std::ifstream file(std::string(TEST_SOURCE_DIR "/data/") + name);
+    EXPECT_TRUE(file.is_open()) << name;
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 // The rows of a table in tests/data: fields separated by " | "; blank lines and "#" comments skipped.

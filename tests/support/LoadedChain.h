@@ -2,11 +2,10 @@
 
 #include "dsp/Chain.h"
 #include "dsp/SignalDetector.h"
+#include "tests/support/DataFile.h"
 #include "tests/support/MemoryAlsaBuffers.h"
 #include "tests/support/TemporaryDirectory.h"
 
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,8 +20,7 @@ class LoadedChain
 public:
     explicit LoadedChain(std::string const& name)
     {
-        std::ifstream file(TEST_SOURCE_DIR "/data/" + name);
-        std::string config{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+        std::string config = readDataFile(name);
         if (auto const at = config.find("SCRATCH"); at != std::string::npos)
             config.replace(at, 7, m_scratch.path());
         SignalDetector::setDefaultThresholdDirectory(m_scratch.path() + "/");
